@@ -1,0 +1,36 @@
+#include "channel/log.h"
+
+#include <cstdio>
+#include <mutex>
+#include <string>
+
+namespace corvane::channel {
+namespace {
+std::mutex g_mutex;
+LogSink& Sink() {
+  static LogSink sink;
+  return sink;
+}
+}  // namespace
+
+void SetLogSink(LogSink sink) {
+  std::lock_guard lock(g_mutex);
+  Sink() = std::move(sink);
+}
+
+void Log(LogLevel level, std::string_view domain, std::string_view message) {
+  LogSink sink;
+  {
+    std::lock_guard lock(g_mutex);
+    sink = Sink();
+  }
+  if (sink) {
+    sink(level, domain, message);
+    return;
+  }
+  if (level == LogLevel::kDebug) return;
+  std::fprintf(stderr, "%.*s: %.*s\n", static_cast<int>(domain.size()), domain.data(),
+               static_cast<int>(message.size()), message.data());
+}
+
+}  // namespace corvane::channel

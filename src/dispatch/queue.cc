@@ -1,0 +1,266 @@
+#include "dispatch/queue.h"
+
+#include <glib.h>
+
+#include <deque>
+#include <mutex>
+
+namespace corvane::dispatch {
+
+namespace {
+// Static initialisation runs on the thread that starts the process.
+const std::thread::id g_main_thread = std::this_thread::get_id();
+}  // namespace
+
+bool IsMainThread() { return std::this_thread::get_id() == g_main_thread; }
+
+struct WorkItem::State {
+  std::mutex mutex;
+  GSource* source = nullptr;  // owned reference while scheduled
+  bool cancelled = false;
+  bool done = false;
+  Task task;
+};
+
+void WorkItem::Cancel() {
+  if (!state_) return;
+  GSource* source = nullptr;
+  Task dropped;
+  {
+    std::lock_guard lock(state_->mutex);
+    if (state_->cancelled || state_->done) return;
+    state_->cancelled = true;
+    source = state_->source;
+    state_->source = nullptr;
+    dropped = std::move(state_->task);
+  }
+  if (source) {
+    g_source_destroy(source);  // thread-safe; the callback will not be dispatched
+    g_source_unref(source);
+  }
+}
+
+bool WorkItem::cancelled() const {
+  if (!state_) return false;
+  std::lock_guard lock(state_->mutex);
+  return state_->cancelled;
+}
+
+bool WorkItem::pending() const {
+  if (!state_) return false;
+  std::lock_guard lock(state_->mutex);
+  return !state_->cancelled && !state_->done;
+}
+
+// A FIFO of tasks drained by one GSource on a main context. One source for all tasks keeps
+// order exact and avoids a source allocation per task.
+class ContextQueue {
+ public:
+  explicit ContextQueue(GMainContext* context) : context_(g_main_context_ref(context)) {
+    source_ = g_source_new(const_cast<GSourceFuncs*>(&kFuncs), sizeof(Source));
+    reinterpret_cast<Source*>(source_)->owner = this;
+    g_source_set_priority(source_, G_PRIORITY_DEFAULT);
+    g_source_set_name(source_, "corvane task queue");
+    g_source_attach(source_, context_);
+  }
+
+  ~ContextQueue() {
+    g_source_destroy(source_);
+    g_source_unref(source_);
+    g_main_context_unref(context_);
+  }
+
+  GMainContext* context() const { return context_; }
+
+  void Push(Task task) {
+    {
+      std::lock_guard lock(mutex_);
+      tasks_.push_back(std::move(task));
+    }
+    g_main_context_wakeup(context_);
+  }
+
+  WorkItem After(std::chrono::milliseconds delay, Task task) {
+    auto state = std::make_shared<WorkItem::State>();
+    state->task = std::move(task);
+    const auto ms = delay.count() < 0 ? 0 : delay.count();
+    GSource* timer = g_timeout_source_new(static_cast<guint>(ms));
+    auto* holder = new std::shared_ptr<WorkItem::State>(state);
+    g_source_set_callback(
+        timer,
+        [](gpointer data) -> gboolean {
+          auto& st = *static_cast<std::shared_ptr<WorkItem::State>*>(data);
+          Task run;
+          GSource* own = nullptr;
+          {
+            std::lock_guard lock(st->mutex);
+            if (st->cancelled || st->done) return G_SOURCE_REMOVE;
+            st->done = true;
+            run = std::move(st->task);
+            own = st->source;
+            st->source = nullptr;
+          }
+          if (own) g_source_unref(own);
+          if (run) run();
+          return G_SOURCE_REMOVE;
+        },
+        holder, [](gpointer data) {
+          // Runs when the timer goes away for any reason, including its context being torn
+          // down with the timer still pending: drop the item's reference to it then.
+          auto* st = static_cast<std::shared_ptr<WorkItem::State>*>(data);
+          GSource* own = nullptr;
+          {
+            std::lock_guard lock((*st)->mutex);
+            own = (*st)->source;
+            (*st)->source = nullptr;
+          }
+          if (own) g_source_unref(own);
+          delete st;
+        });
+    {
+      std::lock_guard lock(state->mutex);
+      state->source = g_source_ref(timer);
+    }
+    g_source_attach(timer, context_);
+    g_source_unref(timer);
+    return WorkItem(state);
+  }
+
+ private:
+  struct Source {
+    GSource base;
+    ContextQueue* owner;
+  };
+
+  static gboolean Prepare(GSource* source, gint* timeout) {
+    *timeout = -1;
+    return reinterpret_cast<Source*>(source)->owner->HasTasks();
+  }
+  static gboolean Check(GSource* source) {
+    return reinterpret_cast<Source*>(source)->owner->HasTasks();
+  }
+  static gboolean Dispatch(GSource* source, GSourceFunc, gpointer) {
+    reinterpret_cast<Source*>(source)->owner->Drain();
+    return G_SOURCE_CONTINUE;
+  }
+  static constexpr GSourceFuncs kFuncs = {Prepare, Check, Dispatch, nullptr, nullptr, nullptr};
+
+  bool HasTasks() {
+    std::lock_guard lock(mutex_);
+    return !tasks_.empty();
+  }
+
+  // Runs the tasks that were queued when draining began; tasks they post run on the next
+  // iteration, so one busy queue cannot starve the context's other sources.
+  void Drain() {
+    std::deque<Task> batch;
+    {
+      std::lock_guard lock(mutex_);
+      batch.swap(tasks_);
+    }
+    for (auto& task : batch) task();
+  }
+
+  GMainContext* context_;
+  GSource* source_;
+  std::mutex mutex_;
+  std::deque<Task> tasks_;
+};
+
+namespace {
+
+class MainQueueImpl : public Queue {
+ public:
+  MainQueueImpl() : queue_(g_main_context_default()) {}
+  void Async(Task task) override { queue_.Push(std::move(task)); }
+  WorkItem After(std::chrono::milliseconds delay, Task task) override {
+    return queue_.After(delay, std::move(task));
+  }
+  bool IsCurrent() const override { return IsMainThread(); }
+
+ private:
+  ContextQueue queue_;
+};
+
+}  // namespace
+
+Queue& MainQueue() {
+  // Never destroyed: tasks may be posted from other threads during process exit.
+  static auto* queue = new MainQueueImpl();
+  return *queue;
+}
+
+SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {
+  GMainContext* context = g_main_context_new();
+  queue_ = std::make_unique<ContextQueue>(context);
+  loop_ = g_main_loop_new(context, FALSE);
+  g_main_context_unref(context);
+  std::atomic<bool> started{false};
+  thread_ = std::thread([this, &started] {
+    thread_id_.store(std::this_thread::get_id());
+    GMainContext* ctx = queue_->context();
+    // GIO async calls made on this thread complete on this context.
+    g_main_context_push_thread_default(ctx);
+    started.store(true);
+    started.notify_one();
+    g_main_loop_run(loop_);
+    g_main_context_pop_thread_default(ctx);
+  });
+  started.wait(false);
+}
+
+SerialQueue::~SerialQueue() {
+  GMainLoop* loop = loop_;
+  queue_->Push([loop] { g_main_loop_quit(loop); });
+  thread_.join();
+  queue_.reset();
+  g_main_loop_unref(loop_);
+}
+
+void SerialQueue::Async(Task task) { queue_->Push(std::move(task)); }
+
+WorkItem SerialQueue::After(std::chrono::milliseconds delay, Task task) {
+  return queue_->After(delay, std::move(task));
+}
+
+bool SerialQueue::IsCurrent() const { return std::this_thread::get_id() == thread_id_.load(); }
+
+GMainContext* SerialQueue::context() const { return queue_->context(); }
+
+ConcurrentQueue::ConcurrentQueue(std::string label, int max_threads) : label_(std::move(label)) {
+  pool_ = g_thread_pool_new(&ConcurrentQueue::Run, this, max_threads, FALSE, nullptr);
+}
+
+ConcurrentQueue::~ConcurrentQueue() { g_thread_pool_free(pool_, FALSE, TRUE); }
+
+void ConcurrentQueue::Async(Task task) {
+  g_thread_pool_push(pool_, new Task(std::move(task)), nullptr);
+}
+
+void ConcurrentQueue::Run(void* data, void*) {
+  std::unique_ptr<Task> task(static_cast<Task*>(data));
+  (*task)();
+}
+
+bool RunMainUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  GMainContext* context = g_main_context_default();
+  bool timed_out = false;
+  GSource* timer = g_timeout_source_new(static_cast<guint>(timeout.count()));
+  g_source_set_callback(
+      timer,
+      [](gpointer data) -> gboolean {
+        *static_cast<bool*>(data) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &timed_out, nullptr);
+  g_source_attach(timer, context);
+  while (!done() && !timed_out && std::chrono::steady_clock::now() < deadline) {
+    g_main_context_iteration(context, TRUE);
+  }
+  g_source_destroy(timer);
+  g_source_unref(timer);
+  return done();
+}
+
+}  // namespace corvane::dispatch
