@@ -1,0 +1,232 @@
+// Method and event channels as the engine sees them, through the loopback engine.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "channel/event_channel.h"
+#include "channel/method_channel.h"
+#include "dispatch/queue.h"
+#include "engine/loopback_engine.h"
+
+namespace corvane::channel {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ChannelsTest : public ::testing::Test {
+ protected:
+  // Sends a method call as the engine and waits for its one reply.
+  MethodReply Call(const std::string& channel, const std::string& method, Value args = Value()) {
+    replies_ = 0;
+    std::optional<Bytes> reply;
+    engine_.SendFromEngine(channel, EncodeMethodCall({method, std::move(args)}), [&](Bytes b) {
+      ++replies_;
+      reply = std::move(b);
+    });
+    dispatch::RunMainUntil([&] { return reply.has_value(); }, 5s);
+    EXPECT_TRUE(reply.has_value()) << "no reply to " << method;
+    Decoded<MethodReply> decoded = DecodeEnvelope(reply.value_or(Bytes()));
+    EXPECT_TRUE(decoded) << decoded.error;
+    return decoded.value.value_or(MethodReply());
+  }
+
+  // Events received on `channel`, decoded.
+  std::vector<Value> Events(const std::string& channel) {
+    std::vector<Value> events;
+    for (const auto& m : engine_.received()) {
+      if (m.channel != channel) continue;
+      Decoded<MethodReply> e = DecodeEnvelope(m.payload);
+      if (e && e.value->kind == MethodReply::Kind::kSuccess) events.push_back(e.value->value);
+    }
+    return events;
+  }
+
+  void Drain() { dispatch::RunMainUntil([] { return false; }, 50ms); }
+
+  engine::LoopbackEngine engine_;
+  int replies_ = 0;
+};
+
+TEST_F(ChannelsTest, UnknownChannelAndMalformedCallGetTheEmptyReply) {
+  EXPECT_EQ(Call("nobody/here", "x").kind, MethodReply::Kind::kNotImplemented);
+
+  MethodChannel channel(engine_, "test/methods");
+  bool called = false;
+  channel.SetMethodCallHandler([&](const MethodCall&, std::unique_ptr<MethodResult> r) {
+    called = true;
+    r->Success();
+  });
+  std::optional<Bytes> reply;
+  engine_.SendFromEngine("test/methods", Bytes{0x07, 0x05, 'a'}, [&](Bytes b) { reply = b; });
+  dispatch::RunMainUntil([&] { return reply.has_value(); }, 5s);
+  ASSERT_TRUE(reply);
+  EXPECT_TRUE(reply->empty());
+  EXPECT_FALSE(called);
+}
+
+TEST_F(ChannelsTest, EveryCallIsAnsweredExactlyOnce) {
+  MethodChannel channel(engine_, "test/methods");
+  channel.SetMethodCallHandler([](const MethodCall& call, std::unique_ptr<MethodResult> r) {
+    if (call.method == "twice") {
+      r->Success(Value(int32_t{1}));
+      r->Error("late", "second answer");
+    } else if (call.method == "drop") {
+      // Destroyed unanswered: the caller still gets an answer.
+    } else if (call.method == "later") {
+      auto* held = r.release();
+      dispatch::MainQueue().After(20ms, [held] {
+        held->Success(Value("done"));
+        delete held;
+      });
+    } else {
+      r->NotImplemented();
+    }
+  });
+
+  MethodReply twice = Call("test/methods", "twice");
+  Drain();
+  EXPECT_EQ(replies_, 1);
+  EXPECT_EQ(twice.kind, MethodReply::Kind::kSuccess);
+  EXPECT_EQ(twice.value, Value(int32_t{1}));
+
+  MethodReply dropped = Call("test/methods", "drop");
+  EXPECT_EQ(dropped.kind, MethodReply::Kind::kError);
+  EXPECT_EQ(dropped.error.code, MethodResult::kUnansweredCode);
+
+  EXPECT_EQ(Call("test/methods", "later").value, Value("done"));
+  EXPECT_EQ(Call("test/methods", "TWICE").kind, MethodReply::Kind::kNotImplemented);
+}
+
+TEST_F(ChannelsTest, RepliesFromAnotherThreadLeaveFromTheMainThread) {
+  dispatch::SerialQueue worker("test.worker");
+  MethodChannel channel(engine_, "test/methods");
+  std::atomic<bool> answered_off_main{false};
+  channel.SetMethodCallHandler([&](const MethodCall&, std::unique_ptr<MethodResult> r) {
+    worker.Async([&answered_off_main, r = std::move(r)]() mutable {
+      answered_off_main = !dispatch::IsMainThread();
+      r->Success(Value("from worker"));
+    });
+  });
+  // The reply callback of the loopback engine counts deliveries off the main thread.
+  EXPECT_EQ(Call("test/methods", "go").value, Value("from worker"));
+  EXPECT_TRUE(answered_off_main);
+  EXPECT_EQ(engine_.off_main_thread_deliveries(), 0);
+
+  // A result dropped on the worker answers too, also from the main thread.
+  channel.SetMethodCallHandler([&](const MethodCall&, std::unique_ptr<MethodResult> r) {
+    worker.Async([r = std::move(r)]() mutable { r.reset(); });
+  });
+  EXPECT_EQ(Call("test/methods", "go").error.code, MethodResult::kUnansweredCode);
+  EXPECT_EQ(engine_.off_main_thread_deliveries(), 0);
+}
+
+// A service that keeps at most one sink, as every service with events does.
+struct SinkHolder {
+  std::unique_ptr<EventSink> sink;
+  int cancels = 0;
+  std::unique_ptr<StreamHandler> Handler() {
+    return std::make_unique<FunctionStreamHandler>(
+        [this](const Value&, std::unique_ptr<EventSink> s) -> std::optional<MethodError> {
+          sink = std::move(s);
+          return std::nullopt;
+        },
+        [this](const Value&) -> std::optional<MethodError> {
+          ++cancels;
+          sink.reset();
+          return std::nullopt;
+        });
+  }
+};
+
+TEST_F(ChannelsTest, CancelThenListenDeliversToTheNewSinkOnly) {
+  EventChannel events(engine_, "test/events");
+  SinkHolder holder;
+  events.SetStreamHandler(holder.Handler());
+
+  ASSERT_EQ(Call("test/events", "listen").kind, MethodReply::Kind::kSuccess);
+  EventSink* first = holder.sink.release();  // a late sender keeps the old sink
+  first->Success(Value("one"));
+  ASSERT_EQ(Call("test/events", "cancel").kind, MethodReply::Kind::kSuccess);
+  first->Success(Value("after cancel"));
+  ASSERT_EQ(Call("test/events", "listen").kind, MethodReply::Kind::kSuccess);
+  first->Success(Value("stale"));
+  holder.sink->Success(Value("two"));
+  Drain();
+  EXPECT_EQ(Events("test/events"), (std::vector<Value>{Value("one"), Value("two")}));
+  EXPECT_FALSE(first->active());
+  EXPECT_TRUE(holder.sink->active());
+  delete first;
+}
+
+TEST_F(ChannelsTest, EventPostedBeforeARelistenDoesNotReachTheNewListener) {
+  EventChannel events(engine_, "test/events");
+  SinkHolder holder;
+  events.SetStreamHandler(holder.Handler());
+  ASSERT_EQ(Call("test/events", "listen").kind, MethodReply::Kind::kSuccess);
+
+  // The event leaves a worker while the first listen is current, but the main thread only
+  // gets to it after a cancel and a new listen.
+  std::unique_ptr<EventSink> old = std::move(holder.sink);
+  std::thread([&] { old->Success(Value("in flight")); }).join();
+  ASSERT_EQ(Call("test/events", "cancel").kind, MethodReply::Kind::kSuccess);
+  ASSERT_EQ(Call("test/events", "listen").kind, MethodReply::Kind::kSuccess);
+  Drain();
+  EXPECT_TRUE(Events("test/events").empty());
+  EXPECT_EQ(engine_.off_main_thread_deliveries(), 0);
+}
+
+TEST_F(ChannelsTest, ListenWhileListeningCancelsTheOldStreamFirst) {
+  EventChannel events(engine_, "test/events");
+  SinkHolder holder;
+  events.SetStreamHandler(holder.Handler());
+  Call("test/events", "listen");
+  Call("test/events", "listen");
+  EXPECT_EQ(holder.cancels, 1);
+  EXPECT_TRUE(events.listening());
+
+  Call("test/events", "cancel");
+  MethodReply second_cancel = Call("test/events", "cancel");
+  EXPECT_EQ(second_cancel.kind, MethodReply::Kind::kError);
+  EXPECT_FALSE(events.listening());
+  EXPECT_EQ(Call("test/events", "Listen").kind, MethodReply::Kind::kNotImplemented);
+  EXPECT_FALSE(events.listening());
+}
+
+TEST_F(ChannelsTest, RefusedListenLeavesNoActiveSink) {
+  EventChannel events(engine_, "test/events");
+  std::unique_ptr<EventSink> kept;
+  events.SetStreamHandler(std::make_unique<FunctionStreamHandler>(
+      [&](const Value&, std::unique_ptr<EventSink> s) -> std::optional<MethodError> {
+        kept = std::move(s);
+        return MethodError{"busy", "Not now", Value(), std::nullopt};
+      },
+      [](const Value&) -> std::optional<MethodError> { return std::nullopt; }));
+  MethodReply reply = Call("test/events", "listen");
+  EXPECT_EQ(reply.error.code, "busy");
+  kept->Success(Value("x"));
+  Drain();
+  EXPECT_TRUE(Events("test/events").empty());
+}
+
+TEST_F(ChannelsTest, HostCallsTheEngineAndDecodesItsReply) {
+  MethodChannel channel(engine_, "test/to_engine");
+  engine_.SetEngineResponder([](const engine::LoopbackEngine::Message& m) {
+    Decoded<MethodCall> call = DecodeMethodCall(m.payload);
+    if (call && call.value->method == "known") return EncodeSuccessEnvelope(Value("ok"));
+    if (call && call.value->method == "garbled") return Bytes{0x09};
+    return Bytes();
+  });
+  std::vector<MethodReply> replies;
+  channel.InvokeMethod("known", Value(), [&](const MethodReply& r) { replies.push_back(r); });
+  channel.InvokeMethod("unknown", Value(), [&](const MethodReply& r) { replies.push_back(r); });
+  channel.InvokeMethod("garbled", Value(), [&](const MethodReply& r) { replies.push_back(r); });
+  dispatch::RunMainUntil([&] { return replies.size() == 3; }, 5s);
+  ASSERT_EQ(replies.size(), 3u);
+  EXPECT_EQ(replies[0].value, Value("ok"));
+  EXPECT_EQ(replies[1].kind, MethodReply::Kind::kNotImplemented);
+  EXPECT_EQ(replies[2].error.code, MethodChannel::kMalformedReplyCode);
+}
+
+}  // namespace
+}  // namespace corvane::channel
