@@ -27,6 +27,11 @@ class ValueMap {
  public:
   ValueMap() = default;
   ValueMap(std::initializer_list<MapEntry> entries);
+  ValueMap(const ValueMap&);
+  ValueMap(ValueMap&&) noexcept;
+  ValueMap& operator=(const ValueMap&);
+  ValueMap& operator=(ValueMap&&) noexcept;
+  ~ValueMap();
 
   // Appends without checking for an existing key, as the codec does when decoding.
   void Append(Value key, Value value);
@@ -35,9 +40,9 @@ class ValueMap {
   const Value* Find(std::string_view key) const;
   const Value* Find(const Value& key) const;
 
-  size_t size() const { return entries_.size(); }
-  bool empty() const { return entries_.empty(); }
-  void reserve(size_t n) { entries_.reserve(n); }
+  size_t size() const;
+  bool empty() const;
+  void reserve(size_t n);
   std::vector<MapEntry>::const_iterator begin() const;
   std::vector<MapEntry>::const_iterator end() const;
   const std::vector<MapEntry>& entries() const { return entries_; }
@@ -121,6 +126,16 @@ struct MapEntry {
   friend bool operator==(const MapEntry&, const MapEntry&) = default;
 };
 
+// Defined here, where MapEntry is complete: with C++20's constexpr std::vector, clang
+// instantiates these where they are declared and rejects the incomplete type.
+inline ValueMap::ValueMap(const ValueMap&) = default;
+inline ValueMap::ValueMap(ValueMap&&) noexcept = default;
+inline ValueMap& ValueMap::operator=(const ValueMap&) = default;
+inline ValueMap& ValueMap::operator=(ValueMap&&) noexcept = default;
+inline ValueMap::~ValueMap() = default;
+inline size_t ValueMap::size() const { return entries_.size(); }
+inline bool ValueMap::empty() const { return entries_.empty(); }
+inline void ValueMap::reserve(size_t n) { entries_.reserve(n); }
 inline std::vector<MapEntry>::const_iterator ValueMap::begin() const { return entries_.begin(); }
 inline std::vector<MapEntry>::const_iterator ValueMap::end() const { return entries_.end(); }
 
