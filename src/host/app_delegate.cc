@@ -1,0 +1,113 @@
+#include "host/app_delegate.h"
+
+#include <gtk/gtk.h>
+
+#include <cstdio>
+
+#include "host/main_flutter_window.h"
+#include "host/startup.h"
+
+namespace corvane::host {
+
+AppDelegate::AppDelegate(HostOptions options, InfoDictionary info)
+    : options_(std::move(options)), info_(std::make_unique<InfoDictionary>(std::move(info))) {
+  const std::string id = ApplicationId(*info_);
+  application_ = gtk_application_new(id.c_str(), G_APPLICATION_HANDLES_OPEN);
+  g_signal_connect(application_, "startup", G_CALLBACK(OnStartup), this);
+  g_signal_connect(application_, "activate", G_CALLBACK(OnActivate), this);
+  g_signal_connect(application_, "open", G_CALLBACK(OnOpen), this);
+  g_signal_connect(application_, "shutdown", G_CALLBACK(OnShutdown), this);
+}
+
+AppDelegate::~AppDelegate() {
+  host_.reset();
+  g_object_unref(application_);
+}
+
+int AppDelegate::Run(const std::string& program_name) {
+  // GApplication sees only the documents: our options are already taken, and it must not
+  // mistake a file name for one of its own options.
+  std::vector<std::string> args = {program_name};
+  if (!options_.documents.empty()) {
+    args.emplace_back("--");
+    args.insert(args.end(), options_.documents.begin(), options_.documents.end());
+  }
+  std::vector<char*> argv;
+  for (auto& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+
+  SignalWatch signals = WatchTerminationSignals(&AppDelegate::OnTerminationSignal, this);
+  const int status =
+      g_application_run(G_APPLICATION(application_), static_cast<int>(args.size()), argv.data());
+  RemoveSignalWatch(signals);
+  return exit_status_ != kExitOk ? exit_status_ : status;
+}
+
+void AppDelegate::OnStartup(GApplication* application, void* data) {
+  // Only the primary instance gets here, so a second launch never touches the socket.
+  auto* self = static_cast<AppDelegate*>(data);
+  std::string error;
+  auto engine = StartSocketEngine(self->options_.engine_socket, &error);
+  if (!engine) {
+    std::fprintf(stderr, "corvane-host: %s\n", error.c_str());
+    self->exit_status_ = kExitEngineFailed;
+    g_application_quit(application);
+    return;
+  }
+  self->socket_path_ = engine->path();
+  self->host_ = std::make_unique<Host>(std::move(engine), std::move(*self->info_));
+  self->info_.reset();
+}
+
+void AppDelegate::OnActivate(GApplication*, void* data) {
+  auto* self = static_cast<AppDelegate*>(data);
+  if (!self->host_) return;
+  self->ShowMainWindow();
+  self->DidFinishLaunching();
+}
+
+void AppDelegate::OnOpen(GApplication*, GFile** files, int n_files, const char*, void* data) {
+  auto* self = static_cast<AppDelegate*>(data);
+  if (!self->host_) return;
+  self->ShowMainWindow();
+  std::vector<std::string> uris;
+  for (int i = 0; i < n_files; ++i) {
+    gchar* uri = g_file_get_uri(files[i]);
+    uris.emplace_back(uri);
+    g_free(uri);
+  }
+  // Documents that start the application arrive before launching has finished.
+  self->host_->OpenUris(uris);
+  self->DidFinishLaunching();
+}
+
+void AppDelegate::OnShutdown(GApplication*, void* data) {
+  auto* self = static_cast<AppDelegate*>(data);
+  if (!self->host_) return;
+  self->host_->WillTerminate();
+  // Windows go before the services that hold their views, and those before the engine.
+  GList* windows = g_list_copy(gtk_application_get_windows(self->application_));
+  for (GList* w = windows; w; w = w->next) gtk_widget_destroy(GTK_WIDGET(w->data));
+  g_list_free(windows);
+  self->host_.reset();
+}
+
+int AppDelegate::OnTerminationSignal(void* data) {
+  g_application_quit(G_APPLICATION(static_cast<AppDelegate*>(data)->application_));
+  return G_SOURCE_CONTINUE;
+}
+
+void AppDelegate::ShowMainWindow() {
+  if (window_created_) {
+    GList* windows = gtk_application_get_windows(application_);
+    if (windows) gtk_window_present(GTK_WINDOW(windows->data));
+    return;
+  }
+  window_created_ = true;
+  MainFlutterWindow::Create(application_, *host_);
+  AnnounceEngineSocket(socket_path_);
+}
+
+void AppDelegate::DidFinishLaunching() { host_->DidFinishLaunching(); }
+
+}  // namespace corvane::host

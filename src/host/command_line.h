@@ -1,0 +1,29 @@
+// The command line of corvane-host.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace corvane::host {
+
+// Exit statuses, as documented in the help text.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitEngineFailed = 1;
+inline constexpr int kExitUsage = 2;
+
+struct HostOptions {
+  std::string engine_socket;  // empty: the engine's default path
+  bool headless = false;
+  std::optional<std::string> info_file;
+  bool print_registrations = false;
+  bool help = false;
+  std::vector<std::string> documents;  // as given: paths or URIs
+};
+
+// Nothing, with `error` set, for an unknown option or a missing value.
+std::optional<HostOptions> ParseCommandLine(int argc, char** argv, std::string* error);
+
+std::string HelpText(const std::string& default_socket_path);
+
+}  // namespace corvane::host

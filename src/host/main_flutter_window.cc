@@ -1,0 +1,60 @@
+#include "host/main_flutter_window.h"
+
+#include <gtk/gtk.h>
+
+#include "host/host.h"
+#include "host/registration.h"
+#include "host/resources.h"
+#include "host/window_background.h"
+
+namespace corvane::host {
+
+namespace {
+constexpr const char* kDataKey = "corvane-main-flutter-window";
+constexpr const char* kWindowId = "main_window";
+}  // namespace
+
+MainFlutterWindow* MainFlutterWindow::Create(GtkApplication* application, Host& host) {
+  EnsureHostResources();
+  GtkBuilder* builder = gtk_builder_new_from_resource(kMainWindowUiResource);
+  auto* window = GTK_WINDOW(gtk_builder_get_object(builder, kWindowId));
+  // GTK owns toplevels; the builder's reference goes with the builder.
+  g_object_unref(builder);
+
+  auto* self = new MainFlutterWindow();
+  self->window_ = window;
+  g_object_set_data_full(
+      G_OBJECT(window), kDataKey, self,
+      +[](gpointer data) { delete static_cast<MainFlutterWindow*>(data); });
+  if (application) gtk_window_set_application(window, application);
+  self->AwakeFromUiDefinition(host);
+  return self;
+}
+
+void MainFlutterWindow::AwakeFromUiDefinition(Host& host) {
+  // The Flutter view's stand-in; draws nothing, so the window background shows.
+  view_ = gtk_drawing_area_new();
+  gtk_widget_set_name(view_, "flutter-view");
+  gtk_widget_set_hexpand(view_, TRUE);
+  gtk_widget_set_vexpand(view_, TRUE);
+
+  background_ = WindowBackground::Attach(GTK_WIDGET(window_));
+
+  // The UI definition decides the size, not the content's wishes.
+  int width = 0;
+  int height = 0;
+  gtk_window_get_default_size(window_, &width, &height);
+  gtk_container_add(GTK_CONTAINER(window_), view_);
+  if (width > 0 && height > 0) {
+    gtk_window_set_default_size(window_, width, height);
+    gtk_window_resize(window_, width, height);
+  }
+
+  host.RegisterMainWindowServices(view_);
+  SetWindowCreatedHook(&RegisterSecondaryWindowServices);
+
+  gtk_widget_show_all(GTK_WIDGET(window_));
+  gtk_window_present(window_);
+}
+
+}  // namespace corvane::host

@@ -1,0 +1,64 @@
+#include "host/registration.h"
+
+#include <algorithm>
+
+#include "channel/log.h"
+
+namespace corvane::host {
+
+namespace {
+
+constexpr const char* kLogDomain = "corvane-host";
+
+WindowCreatedHook g_window_created_hook = nullptr;
+
+void RegisterRow(PluginRegistry& registry, const StartupRow& row) {
+  if (registry.IsRecorded(row.registrar)) return;
+  if (!row.factory) {
+    // An own service without a factory is not part of this build yet: it is not registered and
+    // its channels stay unanswered. A standard plug-in is asked for its registrar all the same.
+    if (row.kind == StartupRow::Kind::kStandardPlugin) {
+      Registrar& registrar = registry.RegistrarForPlugin(row.registrar);
+      registry.Record(registrar, row.service, row.channels, RegistrationStatus::kNotLinked);
+    }
+    return;
+  }
+  Registrar& registrar = registry.RegistrarForPlugin(row.registrar);
+  std::shared_ptr<void> service = row.factory(registrar);
+  if (!service) {
+    channel::Log(channel::LogLevel::kWarning, kLogDomain,
+                 "the factory of " + row.service + " made nothing; not registered");
+    return;
+  }
+  registry.Record(registrar, row.service, row.channels, RegistrationStatus::kRegistered,
+                  std::move(service));
+}
+
+}  // namespace
+
+void RegisterMainWindowServices(PluginRegistry& registry, const std::vector<StartupRow>& table) {
+  for (const StartupRow& row : table) RegisterRow(registry, row);
+}
+
+void RegisterMainWindowServices(PluginRegistry& registry) {
+  RegisterMainWindowServices(registry, StartupTable());
+}
+
+void RegisterSecondaryWindowServices(PluginRegistry& registry,
+                                     const std::vector<StartupRow>& table) {
+  for (const std::string& name : SecondaryWindowRegistrars()) {
+    auto row = std::find_if(table.begin(), table.end(),
+                            [&](const StartupRow& r) { return r.registrar == name; });
+    if (row != table.end()) RegisterRow(registry, *row);
+  }
+}
+
+void RegisterSecondaryWindowServices(PluginRegistry& registry) {
+  RegisterSecondaryWindowServices(registry, StartupTable());
+}
+
+void SetWindowCreatedHook(WindowCreatedHook hook) { g_window_created_hook = hook; }
+
+WindowCreatedHook window_created_hook() { return g_window_created_hook; }
+
+}  // namespace corvane::host

@@ -1,0 +1,62 @@
+#include "host/registration_table.h"
+
+namespace corvane::host {
+
+namespace {
+
+StartupRow Own(std::string name, std::vector<std::string> channels, ServiceFactory factory) {
+  return StartupRow{StartupRow::Kind::kOwnService, name, name, std::move(channels), factory};
+}
+
+StartupRow Plugin(std::string name) {
+  return StartupRow{StartupRow::Kind::kStandardPlugin, name, name, {}, nullptr};
+}
+
+}  // namespace
+
+const LaunchStep kTriggerLocalNetworkPermission = nullptr;
+
+const std::vector<StartupRow>& StartupTable() {
+  // The document hand-off comes first so it can answer before any other channel exists. The
+  // standard plug-ins follow in their generated order (alphabetical by package).
+  static const std::vector<StartupRow> table = {
+      Own("MacProjectOpening", {"io.corvane/open_projects"}, nullptr),
+      Plugin("AudioplayersDarwinPlugin"),
+      Plugin("FlutterMultiWindowPlugin"),
+      Plugin("DeviceInfoPlusMacosPlugin"),
+      Plugin("FilePickerPlugin"),
+      Plugin("FileSelectorPlugin"),
+      Plugin("FlutterLibserialportPlugin"),
+      Plugin("GamepadsDarwinPlugin"),
+      Plugin("InAppReviewPlugin"),
+      Plugin("FPPPackageInfoPlusPlugin"),
+      Plugin("PathProviderPlugin"),
+      Plugin("ScreenRetrieverMacosPlugin"),
+      Plugin("SharePlusMacosPlugin"),
+      Plugin("SharedPreferencesPlugin"),
+      Plugin("SwiftThermionFlutterPlugin"),
+      Plugin("UrlLauncherPlugin"),
+      Plugin("WindowManagerPlugin"),
+      Own("NativeSystemSymbols", {"corvane/system_symbols"}, nullptr),
+      Own("MacWindowAppearance", {"io.corvane/window_appearance"}, nullptr),
+      Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, nullptr),
+      Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, nullptr),
+      Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
+      Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, nullptr),
+      Own("AppleContextMenu", {"io.corvane/context_menu"}, nullptr),
+      Own("UdpBridge", {"corvane/udp", "corvane/udp_events"}, nullptr),
+      Own("BonjourBridge", {"corvane/bonjour", "corvane/bonjour_events"}, nullptr),
+  };
+  return table;
+}
+
+const std::vector<std::string>& SecondaryWindowRegistrars() {
+  // Only what a window needs for itself; documents, network, cloud, camera, controllers, legacy
+  // data and context menus belong to the main window's engine alone.
+  static const std::vector<std::string> names = {"ScreenRetrieverMacosPlugin",
+                                                 "WindowManagerPlugin", "NativeSystemSymbols",
+                                                 "MacWindowAppearance"};
+  return names;
+}
+
+}  // namespace corvane::host

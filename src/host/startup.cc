@@ -1,0 +1,71 @@
+#include "host/startup.h"
+
+#include <gio/gio.h>
+#include <glib-unix.h>
+#include <signal.h>
+
+#include <cstdio>
+
+namespace corvane::host {
+
+namespace {
+constexpr const char* kLogDomain = "corvane-host";
+}  // namespace
+
+std::unique_ptr<engine::SocketEngine> StartSocketEngine(const std::string& path,
+                                                        std::string* error) {
+  engine::SocketEngineOptions options;
+  options.path = path;
+  auto engine = std::make_unique<engine::SocketEngine>(options);
+  if (!engine->Start(error)) return nullptr;
+  return engine;
+}
+
+void AnnounceEngineSocket(const std::string& path) {
+  gchar* quoted = g_shell_quote(path.c_str());
+  std::printf("engine socket: %s\n", path.c_str());
+  std::printf("try: corvanectl --socket %s call io.corvane/window_appearance setMode '\"dark\"'\n",
+              quoted);
+  // A script waiting for these lines reads through a pipe, which is block-buffered.
+  std::fflush(stdout);
+  g_free(quoted);
+}
+
+std::vector<std::string> DocumentUris(const std::vector<std::string>& documents) {
+  std::vector<std::string> uris;
+  for (const std::string& document : documents) {
+    GFile* file = g_file_new_for_commandline_arg(document.c_str());
+    gchar* uri = g_file_get_uri(file);
+    uris.emplace_back(uri);
+    g_free(uri);
+    g_object_unref(file);
+  }
+  return uris;
+}
+
+std::string ApplicationId(const InfoDictionary& info) {
+  auto id = info.Get(kBundleIdentifierKey);
+  if (id && g_application_id_is_valid(id->c_str())) return *id;
+  if (id) {
+    g_log(kLogDomain, G_LOG_LEVEL_WARNING,
+          "BundleIdentifier %s is not a valid application id; "
+          "using %s",
+          id->c_str(), kDefaultApplicationId);
+  }
+  return kDefaultApplicationId;
+}
+
+SignalWatch WatchTerminationSignals(int (*quit)(void* data), void* data) {
+  SignalWatch watch;
+  watch.sigint = g_unix_signal_add(SIGINT, quit, data);
+  watch.sigterm = g_unix_signal_add(SIGTERM, quit, data);
+  return watch;
+}
+
+void RemoveSignalWatch(SignalWatch& watch) {
+  if (watch.sigint) g_source_remove(watch.sigint);
+  if (watch.sigterm) g_source_remove(watch.sigterm);
+  watch = {};
+}
+
+}  // namespace corvane::host
