@@ -1,0 +1,141 @@
+// Standard codec throughput on three shapes the host really carries, each beside a memcpy of
+// the same number of bytes:
+//   send_call  a UDP "send" method call with a 64-byte payload
+//   listing    a device listing: 100 maps of seven mixed-type entries
+//   bytes_1mib one 1 MiB byte array (a camera frame's worth)
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "channel/standard_codec.h"
+
+namespace {
+
+using namespace corvane::channel;
+
+Bytes RandomBytes(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  Bytes b(n);
+  for (auto& byte : b) byte = static_cast<uint8_t>(rng());
+  return b;
+}
+
+MethodCall SendCall() {
+  return MethodCall{"send", Value(ValueMap{
+                                {Value("sessionId"), Value("station-1")},
+                                {Value("payload"), Value(RandomBytes(64, 1))},
+                                {Value("host"), Value("192.168.0.111")},
+                                {Value("port"), Value::Integer(21105)},
+                            })};
+}
+
+// What a camera listing looks like: string, int, double, bool, 16 bytes, null, small list.
+Value Listing() {
+  ValueList cameras;
+  cameras.reserve(100);
+  for (int i = 0; i < 100; ++i) {
+    cameras.emplace_back(ValueMap{
+        {Value("name"), Value("USB Camera (046d:0825) #" + std::to_string(i))},
+        {Value("index"), Value::Integer(i)},
+        {Value("frameRate"), Value(29.97)},
+        {Value("connected"), Value(i % 3 != 0)},
+        {Value("uniqueId"), Value(RandomBytes(16, static_cast<uint32_t>(i)))},
+        {Value("location"), Value()},
+        {Value("resolution"), Value(ValueList{Value::Integer(1280), Value::Integer(720)})},
+    });
+  }
+  return Value(std::move(cameras));
+}
+
+void Memcpy(benchmark::State& state, size_t n) {
+  const Bytes source = RandomBytes(n, 7);
+  Bytes target(n);
+  for (auto _ : state) {
+    std::memcpy(target.data(), source.data(), n);
+    benchmark::DoNotOptimize(target.data());
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * n));
+}
+
+void EncodeCall(benchmark::State& state, const MethodCall& call, size_t n) {
+  for (auto _ : state) {
+    Bytes bytes = EncodeMethodCall(call);
+    benchmark::DoNotOptimize(bytes.data());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * n));
+}
+
+void DecodeCall(benchmark::State& state, const Bytes& bytes) {
+  for (auto _ : state) {
+    Decoded<MethodCall> call = DecodeMethodCall(bytes);
+    if (!call) state.SkipWithError(call.error.c_str());
+    benchmark::DoNotOptimize(call.value);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+}
+
+void EncodeValue(benchmark::State& state, const Value& value, size_t n) {
+  for (auto _ : state) {
+    Bytes bytes = EncodeMessage(value);
+    benchmark::DoNotOptimize(bytes.data());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * n));
+}
+
+void DecodeValue(benchmark::State& state, const Bytes& bytes) {
+  for (auto _ : state) {
+    Decoded<Value> value = DecodeMessage(bytes);
+    if (!value) state.SkipWithError(value.error.c_str());
+    benchmark::DoNotOptimize(value.value);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Built once, outside the timed loops; the lambdas below refer to them.
+  static const MethodCall send = SendCall();
+  static const Bytes send_bytes = EncodeMethodCall(send);
+  static const Value listing = Listing();
+  static const Bytes listing_bytes = EncodeMessage(listing);
+  static const Value frame(RandomBytes(1u << 20, 3));
+  static const Bytes frame_bytes = EncodeMessage(frame);
+
+  benchmark::RegisterBenchmark("codec/send_call/encode",
+                               [](benchmark::State& s) { EncodeCall(s, send, send_bytes.size()); });
+  benchmark::RegisterBenchmark("codec/send_call/decode",
+                               [](benchmark::State& s) { DecodeCall(s, send_bytes); });
+  benchmark::RegisterBenchmark("codec/send_call/memcpy",
+                               [](benchmark::State& s) { Memcpy(s, send_bytes.size()); });
+
+  benchmark::RegisterBenchmark("codec/listing/encode", [](benchmark::State& s) {
+    EncodeValue(s, listing, listing_bytes.size());
+  });
+  benchmark::RegisterBenchmark("codec/listing/decode",
+                               [](benchmark::State& s) { DecodeValue(s, listing_bytes); });
+  benchmark::RegisterBenchmark("codec/listing/memcpy",
+                               [](benchmark::State& s) { Memcpy(s, listing_bytes.size()); });
+
+  // The baseline copies the array itself, not its few bytes of tag and size.
+  benchmark::RegisterBenchmark("codec/bytes_1mib/encode", [](benchmark::State& s) {
+    EncodeValue(s, frame, frame.bytes_if()->size());
+  });
+  benchmark::RegisterBenchmark("codec/bytes_1mib/decode",
+                               [](benchmark::State& s) { DecodeValue(s, frame_bytes); });
+  benchmark::RegisterBenchmark("codec/bytes_1mib/memcpy",
+                               [](benchmark::State& s) { Memcpy(s, frame.bytes_if()->size()); });
+
+  benchmark::AddCustomContext("send_call_bytes", std::to_string(send_bytes.size()));
+  benchmark::AddCustomContext("listing_bytes", std::to_string(listing_bytes.size()));
+  benchmark::AddCustomContext("bytes_1mib_bytes", std::to_string(frame_bytes.size()));
+
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,124 @@
+#!/usr/bin/env bash
+# Builds the default preset and runs the benchmarks, then prints every timing as a ratio
+# against the baseline measured in the same run. Also measures an idle headless host.
+#
+#   scripts/bench.sh            (about two minutes)
+#   BENCH_MIN_TIME=1 scripts/bench.sh   for steadier numbers
+set -euo pipefail
+
+min_time=${BENCH_MIN_TIME:-0.3}
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+build=build/default
+
+cmake --preset default >/dev/null
+cmake --build --preset default --target bench_codec bench_engine
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/corvane-bench.XXXXXX")
+host_pid=""
+cleanup() {
+  if [[ -n "$host_pid" ]]; then kill "$host_pid" 2>/dev/null || true; fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+"$build/bench/bench_codec" --benchmark_min_time="$min_time" \
+  --benchmark_out="$work/codec.json" --benchmark_out_format=json
+"$build/bench/bench_engine" --benchmark_min_time="$min_time" \
+  --benchmark_out="$work/engine.json" --benchmark_out_format=json
+
+# Idle host: resident memory after start-up and CPU time over a quiet window.
+idle_status="not measured: apps/corvane-host does not build yet"
+if cmake --build --preset default --target corvane-host >"$work/host-build.log" 2>&1 &&
+    [[ -x "$build/apps/corvane-host/corvane-host" ]]; then
+  runtime="$work/runtime"
+  mkdir -m 0700 "$runtime"
+  XDG_RUNTIME_DIR="$runtime" "$build/apps/corvane-host/corvane-host" --headless \
+    --engine-socket "$runtime/engine.sock" >"$work/host.log" 2>&1 &
+  host_pid=$!
+  sleep 3
+  if kill -0 "$host_pid" 2>/dev/null; then
+    ticks() { awk '{ sub(/.*\) /, ""); print $12 + $13 }' "/proc/$host_pid/stat"; }
+    before=$(ticks)
+    sleep 5
+    after=$(ticks)
+    rss_kb=$(awk '/^VmRSS:/ { print $2 }' "/proc/$host_pid/status")
+    idle_status="rss_kb=$rss_kb cpu_ticks=$((after - before)) window_s=5 clk_tck=$(getconf CLK_TCK)"
+    kill "$host_pid"
+    wait "$host_pid" 2>/dev/null || true
+  else
+    idle_status="not measured: corvane-host exited at start-up ($(tail -n 1 "$work/host.log"))"
+  fi
+  host_pid=""
+fi
+
+python3 - "$work/codec.json" "$work/engine.json" "$idle_status" <<'PY'
+import json, sys
+
+def load(path):
+    with open(path) as f:
+        data = json.load(f)
+    scale = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
+    out = {}
+    for b in data["benchmarks"]:
+        if b.get("run_type", "iteration") != "iteration" or b.get("error_occurred"):
+            continue
+        b["us"] = b["real_time"] * scale[b["time_unit"]]
+        out[b["name"]] = b
+    return out
+
+codec = load(sys.argv[1])
+engine = load(sys.argv[2])
+idle = sys.argv[3]
+
+def verdict(ok):
+    return "ok" if ok else "MISSED"
+
+rows = []
+def row(what, value, baseline, ratio, target=""):
+    rows.append((what, value, baseline, ratio, target))
+
+for shape in ("send_call", "listing", "bytes_1mib"):
+    base = codec.get(f"codec/{shape}/memcpy")
+    for op in ("encode", "decode"):
+        b = codec.get(f"codec/{shape}/{op}")
+        if not b or not base:
+            row(f"{shape} {op}", "missing", "", "", "")
+            continue
+        ratio = b["us"] / base["us"]
+        target = ""
+        if shape == "listing":
+            limit = 58.0 if op == "decode" else 11.0
+            flutter = 175.0 if op == "decode" else 22.0
+            target = f"<= {limit:g} us: {verdict(b['us'] <= limit)} ({flutter / b['us']:.1f}x Flutter)"
+        elif shape == "bytes_1mib":
+            target = f"<= 1.3x: {verdict(ratio <= 1.3)}"
+        mbs = b.get("bytes_per_second", 0) / 1e6
+        row(f"{shape} {op}", f"{b['us']:.3f} us {mbs:.0f} MB/s", f"memcpy {base['us']:.3f} us",
+            f"{ratio:.2f}x", target)
+
+e = engine.get("engine/call_roundtrip")
+r = engine.get("raw/unix_pingpong")
+if e and r:
+    for stat in ("p50_us", "mean_us"):
+        ratio = e[stat] / r[stat]
+        row(f"engine round trip {stat[:-3]}", f"{e[stat]:.2f} us", f"raw {r[stat]:.2f} us",
+            f"{ratio:.2f}x", f"<= 3x: {verdict(ratio <= 3)}")
+else:
+    row("engine round trip", "missing", "", "", "")
+
+if idle.startswith("rss_kb="):
+    f = dict(kv.split("=") for kv in idle.split())
+    rss_mb = int(f["rss_kb"]) / 1024
+    cpu = int(f["cpu_ticks"]) / int(f["clk_tck"]) / int(f["window_s"]) * 100
+    row("idle host rss", f"{rss_mb:.1f} MB", "", "", f"< 20 MB: {verdict(rss_mb < 20)}")
+    row("idle host cpu", f"{cpu:.1f} % ({f['cpu_ticks']} ticks/5 s)", "", "",
+        f"0 %: {verdict(int(f['cpu_ticks']) == 0)}")
+else:
+    row("idle host", idle, "", "", "")
+
+widths = [max(len(str(r[i])) for r in rows) for i in range(5)]
+print()
+for r in rows:
+    print("  ".join(str(c).ljust(w) for c, w in zip(r, widths)).rstrip())
+PY
