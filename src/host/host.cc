@@ -10,9 +10,14 @@ Host::Host(std::unique_ptr<engine::Engine> engine, InfoDictionary info)
 Host::~Host() { registry_.reset(); }
 
 PluginRegistry& Host::RegisterMainWindowServices(GtkWidget* view) {
+  return RegisterMainWindowServices(view, StartupTable());
+}
+
+PluginRegistry& Host::RegisterMainWindowServices(GtkWidget* view,
+                                                 const std::vector<StartupRow>& table) {
   if (!registry_) {
     registry_ = std::make_unique<PluginRegistry>(*engine_, view, info_);
-    host::RegisterMainWindowServices(*registry_);
+    host::RegisterMainWindowServices(*registry_, table);
   }
   return *registry_;
 }

@@ -10,6 +10,7 @@
 #include "engine/engine.h"
 #include "host/info_dictionary.h"
 #include "host/plugin_registry.h"
+#include "host/registration_table.h"
 
 typedef struct _GtkWidget GtkWidget;
 
@@ -27,8 +28,9 @@ class Host {
 
   // Registers the start-up table on the main window's registry and returns it. `view` stands in
   // for the Flutter view: the main window's content, null when headless. Only the first call
-  // registers; later ones return the same registry.
+  // registers; later ones return the same registry. Tests may pass a table of their own.
   PluginRegistry& RegisterMainWindowServices(GtkWidget* view);
+  PluginRegistry& RegisterMainWindowServices(GtkWidget* view, const std::vector<StartupRow>& table);
   // Null until RegisterMainWindowServices.
   PluginRegistry* registry() const { return registry_.get(); }
 
