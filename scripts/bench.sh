@@ -37,7 +37,7 @@ if cmake --build --preset default --target corvane-host >"$work/host-build.log" 
     --engine-socket "$runtime/engine.sock" >"$work/host.log" 2>&1 &
   host_pid=$!
   sleep 3
-  if kill -0 "$host_pid" 2>/dev/null; then
+  if kill -0 "$host_pid" 2>/dev/null && [[ -S "$runtime/engine.sock" ]]; then
     ticks() { awk '{ sub(/.*\) /, ""); print $12 + $13 }' "/proc/$host_pid/stat"; }
     before=$(ticks)
     sleep 5
@@ -47,7 +47,7 @@ if cmake --build --preset default --target corvane-host >"$work/host-build.log" 
     kill "$host_pid"
     wait "$host_pid" 2>/dev/null || true
   else
-    idle_status="not measured: corvane-host exited at start-up ($(tail -n 1 "$work/host.log"))"
+    idle_status="not measured: corvane-host did not start serving ($(tail -n 1 "$work/host.log"))"
   fi
   host_pid=""
 fi
@@ -64,7 +64,7 @@ def load(path):
         if b.get("run_type", "iteration") != "iteration" or b.get("error_occurred"):
             continue
         b["us"] = b["real_time"] * scale[b["time_unit"]]
-        out[b["name"]] = b
+        out[b["name"].removesuffix("/real_time")] = b
     return out
 
 codec = load(sys.argv[1])
