@@ -171,7 +171,10 @@ class CorvanectlTest : public ::testing::Test {
  protected:
   void SetUp() override {
     signal(SIGPIPE, SIG_IGN);
-    dir_ = g_dir_make_tmp("corvanectl-XXXXXX", nullptr);
+    gchar* dir = g_dir_make_tmp("corvanectl-XXXXXX", nullptr);
+    ASSERT_TRUE(dir);
+    dir_ = dir;
+    g_free(dir);
     socket_ = dir_ + "/engine.sock";
     engine_ = std::make_unique<engine::SocketEngine>(engine::SocketEngineOptions{socket_});
     std::string error;
