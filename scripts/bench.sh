@@ -26,6 +26,12 @@ trap cleanup EXIT
   --benchmark_out="$work/codec.json" --benchmark_out_format=json
 "$build/bench/bench_engine" --benchmark_min_time="$min_time" \
   --benchmark_out="$work/engine.json" --benchmark_out_format=json
+# Again with every thread on one CPU: across CPUs a round trip here is mostly the wake-up
+# latency of an idle virtual CPU, which hides what the engine itself adds.
+if command -v taskset >/dev/null; then
+  taskset -c 0 "$build/bench/bench_engine" --benchmark_min_time="$min_time" \
+    --benchmark_out="$work/engine_one_cpu.json" --benchmark_out_format=json
+fi
 
 # Idle host: resident memory after start-up and CPU time over a quiet window.
 idle_status="not measured: apps/corvane-host does not build yet"
@@ -52,10 +58,13 @@ if cmake --build --preset default --target corvane-host >"$work/host-build.log" 
   host_pid=""
 fi
 
-python3 - "$work/codec.json" "$work/engine.json" "$idle_status" <<'PY'
+python3 - "$work/codec.json" "$work/engine.json" "$work/engine_one_cpu.json" "$idle_status" <<'PY'
+import os
 import json, sys
 
 def load(path):
+    if not os.path.exists(path):
+        return {}
     with open(path) as f:
         data = json.load(f)
     scale = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
@@ -68,8 +77,8 @@ def load(path):
     return out
 
 codec = load(sys.argv[1])
-engine = load(sys.argv[2])
-idle = sys.argv[3]
+engines = {"": load(sys.argv[2]), " (1 cpu)": load(sys.argv[3])}
+idle = sys.argv[4]
 
 def verdict(ok):
     return "ok" if ok else "MISSED"
@@ -97,15 +106,16 @@ for shape in ("send_call", "listing", "bytes_1mib"):
         row(f"{shape} {op}", f"{b['us']:.3f} us {mbs:.0f} MB/s", f"memcpy {base['us']:.3f} us",
             f"{ratio:.2f}x", target)
 
-e = engine.get("engine/call_roundtrip")
-r = engine.get("raw/unix_pingpong")
-if e and r:
+for label, engine in engines.items():
+    e = engine.get("engine/call_roundtrip")
+    r = engine.get("raw/unix_pingpong")
+    if not e or not r:
+        row(f"engine round trip{label}", "missing", "", "", "")
+        continue
     for stat in ("p50_us", "mean_us"):
         ratio = e[stat] / r[stat]
-        row(f"engine round trip {stat[:-3]}", f"{e[stat]:.2f} us", f"raw {r[stat]:.2f} us",
+        row(f"engine round trip {stat[:-3]}{label}", f"{e[stat]:.2f} us", f"raw {r[stat]:.2f} us",
             f"{ratio:.2f}x", f"<= 3x: {verdict(ratio <= 3)}")
-else:
-    row("engine round trip", "missing", "", "", "")
 
 if idle.startswith("rss_kb="):
     f = dict(kv.split("=") for kv in idle.split())
