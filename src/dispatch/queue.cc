@@ -245,21 +245,17 @@ void ConcurrentQueue::Run(void* data, void*) {
 bool RunMainUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   GMainContext* context = g_main_context_default();
-  bool timed_out = false;
-  GSource* timer = g_timeout_source_new(static_cast<guint>(timeout.count()));
-  g_source_set_callback(
-      timer,
-      [](gpointer data) -> gboolean {
-        *static_cast<bool*>(data) = true;
-        return G_SOURCE_REMOVE;
-      },
-      &timed_out, nullptr);
-  g_source_attach(timer, context);
-  while (!done() && !timed_out && std::chrono::steady_clock::now() < deadline) {
+  // `done` may turn true on another thread, which does not wake the context; a short tick
+  // bounds how late that is noticed.
+  GSource* tick = g_timeout_source_new(2);
+  g_source_set_callback(tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr,
+                        nullptr);
+  g_source_attach(tick, context);
+  while (!done() && std::chrono::steady_clock::now() < deadline) {
     g_main_context_iteration(context, TRUE);
   }
-  g_source_destroy(timer);
-  g_source_unref(timer);
+  g_source_destroy(tick);
+  g_source_unref(tick);
   return done();
 }
 

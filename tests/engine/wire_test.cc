@@ -1,0 +1,57 @@
+#include <gtest/gtest.h>
+
+#include "engine/wire.h"
+
+namespace corvane::engine {
+namespace {
+
+TEST(Wire, FramesSplitAtAnyByteBoundary) {
+  Bytes stream;
+  const Bytes a = EncodeMessageFrame(7, "corvane/udp", Bytes{1, 2, 3});
+  const Bytes b = EncodeReplyFrame(9, Bytes{});
+  stream.insert(stream.end(), a.begin(), a.end());
+  stream.insert(stream.end(), b.begin(), b.end());
+  // Layout: length, kind, id, channel length, channel, payload.
+  EXPECT_EQ(Bytes(a.begin(), a.begin() + 10),
+            (Bytes{21, 0, 0, 0, 1, 7, 0, 0, 0, 11}));
+
+  for (size_t step = 1; step <= stream.size(); ++step) {
+    FrameReader reader;
+    std::vector<Frame> frames;
+    for (size_t at = 0; at < stream.size(); at += step) {
+      reader.Append(std::span<const uint8_t>(stream.data() + at, std::min(step, stream.size() - at)));
+      while (auto f = reader.Next()) frames.push_back(*f);
+    }
+    ASSERT_FALSE(reader.failed());
+    ASSERT_EQ(frames.size(), 2u) << "step " << step;
+    EXPECT_EQ(frames[0].kind, FrameKind::kMessage);
+    EXPECT_EQ(frames[0].id, 7u);
+    EXPECT_EQ(frames[0].channel, "corvane/udp");
+    EXPECT_EQ(frames[0].payload, (Bytes{1, 2, 3}));
+    EXPECT_EQ(frames[1].kind, FrameKind::kReply);
+    EXPECT_EQ(frames[1].id, 9u);
+    EXPECT_TRUE(frames[1].payload.empty());
+    EXPECT_EQ(reader.buffered(), 0u);
+  }
+}
+
+TEST(Wire, BadFramesFailTheStream) {
+  const std::vector<std::pair<const char*, Bytes>> cases = {
+      {"over the size limit", {0x01, 0x00, 0x00, 0x02}},
+      {"shorter than its header", {0x02, 0, 0, 0, 1, 0}},
+      {"unknown kind", {0x05, 0, 0, 0, 9, 0, 0, 0, 0}},
+      {"empty channel name", {0x07, 0, 0, 0, 1, 1, 0, 0, 0, 0, 0}},
+      {"channel name past the frame", {0x08, 0, 0, 0, 1, 1, 0, 0, 0, 5, 0, 'a'}},
+  };
+  for (const auto& [name, bytes] : cases) {
+    SCOPED_TRACE(name);
+    FrameReader reader;
+    reader.Append(bytes);
+    EXPECT_FALSE(reader.Next());
+    EXPECT_TRUE(reader.failed());
+    EXPECT_FALSE(reader.Next()) << "a failed stream stays failed";
+  }
+}
+
+}  // namespace
+}  // namespace corvane::engine
