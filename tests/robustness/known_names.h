@@ -1,0 +1,25 @@
+// Names the random calls draw from, besides random ones: every channel's real method names and
+// argument keys, so the calls reach past "not implemented" into each handler's validation.
+// A service adds its own entry here when it arrives.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace corvane::robustness {
+
+struct ChannelVocabulary {
+  std::vector<std::string> methods;
+  std::vector<std::string> keys;
+};
+
+inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
+  static const std::map<std::string, ChannelVocabulary> vocabulary = {
+      // Every event channel answers these two.
+      {"*", {{"listen", "cancel"}, {}}},
+  };
+  return vocabulary;
+}
+
+}  // namespace corvane::robustness
