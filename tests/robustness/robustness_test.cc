@@ -1,0 +1,254 @@
+// The real host, headless, driven through its socket by random and malformed calls on every
+// registered channel. Whatever arrives, each call gets exactly one reply and the host stays up.
+// CORVANE_ROBUSTNESS_SEED replays a run; CORVANE_ROBUSTNESS_CALLS changes its length.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "robustness/known_names.h"
+#include "robustness/random_values.h"
+#include "support/wire_client.h"
+
+namespace corvane::robustness {
+namespace {
+
+using channel::Bytes;
+using testing::WireClient;
+using namespace std::chrono_literals;
+
+uint64_t EnvNumber(const char* name, uint64_t fallback) {
+  const char* v = std::getenv(name);
+  return v && *v ? std::stoull(v) : fallback;
+}
+
+// Channels the host registers, from its own account of its start-up.
+std::vector<std::string> RegisteredChannels() {
+  std::vector<std::string> channels;
+  FILE* out = popen(CORVANE_HOST_BINARY " --print-registrations", "r");
+  char line[1024];
+  while (out && fgets(line, sizeof line, out)) {
+    std::stringstream fields(line);
+    std::string registrar, service, list;
+    std::getline(fields, registrar, '\t');
+    std::getline(fields, service, '\t');
+    std::getline(fields, list, '\t');
+    std::stringstream names(list);
+    for (std::string name; std::getline(names, name, ',');) {
+      if (name != "-" && !name.empty()) channels.push_back(name);
+    }
+  }
+  if (out) EXPECT_EQ(pclose(out), 0);
+  return channels;
+}
+
+class HostProcess {
+ public:
+  explicit HostProcess(const std::string& dir) : socket_(dir + "/engine.sock"), log_(dir + "/host.log") {
+    pid_ = fork();
+    if (pid_ == 0) {
+      FILE* log = std::fopen(log_.c_str(), "w");
+      dup2(fileno(log), STDERR_FILENO);
+      dup2(fileno(log), STDOUT_FILENO);
+      execl(CORVANE_HOST_BINARY, CORVANE_HOST_BINARY, "--headless", "--engine-socket",
+            socket_.c_str(), nullptr);
+      _exit(127);
+    }
+  }
+  ~HostProcess() {
+    if (pid_ > 0 && alive()) {
+      kill(pid_, SIGTERM);
+      int status;
+      waitpid(pid_, &status, 0);
+    }
+  }
+
+  bool WaitForSocket(WireClient& client) {
+    for (int i = 0; i < 500 && alive(); ++i) {
+      if (client.Connect(socket_)) return true;
+      std::this_thread::sleep_for(10ms);
+    }
+    return false;
+  }
+
+  bool alive() {
+    if (exited_) return false;
+    int status;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) exited_ = true;
+    return !exited_;
+  }
+
+  std::string LogTail() const {
+    std::ifstream in(log_);
+    std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return all.size() > 4000 ? all.substr(all.size() - 4000) : all;
+  }
+
+  const std::string& socket() const { return socket_; }
+
+ private:
+  std::string socket_;
+  std::string log_;
+  pid_t pid_ = -1;
+  bool exited_ = false;
+};
+
+class RobustnessTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/corvane-robustness-XXXXXX";
+    dir_ = mkdtemp(tmpl);
+    host_ = std::make_unique<HostProcess>(dir_);
+    ASSERT_TRUE(host_->WaitForSocket(client_)) << host_->LogTail();
+  }
+  void TearDown() override {
+    client_.Close();
+    host_.reset();
+    std::filesystem::remove_all(dir_);
+  }
+
+  // Reads frames until every id in `waiting` is answered or `timeout` passes. Counts every
+  // reply per id; answers host-initiated calls with the empty reply, as a client should.
+  void Collect(WireClient& client, std::set<uint32_t>& waiting, std::map<uint32_t, int>& replies,
+               std::chrono::seconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!waiting.empty() && std::chrono::steady_clock::now() < deadline) {
+      auto frame = client.Receive(200);
+      if (!frame) {
+        if (client.closed()) break;
+        continue;
+      }
+      if (frame->kind == engine::FrameKind::kMessage) {
+        if (frame->id != 0) client.SendRaw(engine::EncodeReplyFrame(frame->id, {}));
+        continue;
+      }
+      ++replies[frame->id];
+      if (!frame->payload.empty()) {
+        auto envelope = channel::DecodeEnvelope(frame->payload);
+        EXPECT_TRUE(envelope) << "reply to " << frame->id << " is not an envelope: "
+                              << envelope.error;
+      }
+      waiting.erase(frame->id);
+    }
+  }
+
+  std::string dir_;
+  std::unique_ptr<HostProcess> host_;
+  WireClient client_;
+};
+
+TEST_F(RobustnessTest, EveryCallGetsExactlyOneReplyAndTheHostStaysUp) {
+  const uint64_t seed = EnvNumber("CORVANE_ROBUSTNESS_SEED", std::random_device()());
+  const uint64_t total = EnvNumber("CORVANE_ROBUSTNESS_CALLS", 4000);
+  std::printf("robustness seed %llu, %llu calls\n", static_cast<unsigned long long>(seed),
+              static_cast<unsigned long long>(total));
+  SCOPED_TRACE("CORVANE_ROBUSTNESS_SEED=" + std::to_string(seed));
+
+  std::vector<std::string> channels = RegisteredChannels();
+  const size_t registered = channels.size();
+  // Channels nobody registered, including near misses of real ones.
+  channels.insert(channels.end(), {"corvane/nothing", "io.corvane/Udp", "corvane/udp/"});
+
+  std::vector<std::string> methods = {"", "x", "listen", "cancel"};
+  std::vector<std::string> keys = {"", "id", "value"};
+  for (const auto& [channel, words] : KnownVocabulary()) {
+    methods.insert(methods.end(), words.methods.begin(), words.methods.end());
+    keys.insert(keys.end(), words.keys.begin(), words.keys.end());
+  }
+  RandomCalls random(seed, methods, keys);
+
+  std::set<uint32_t> waiting;
+  std::map<uint32_t, int> replies;
+  uint32_t next_id = 1;
+  for (uint64_t sent = 0; sent < total;) {
+    // Batches keep many calls in flight at once, as a busy engine would.
+    for (int i = 0; i < 50 && sent < total; ++i, ++sent) {
+      const std::string& channel = channels[random.rng()() % channels.size()];
+      const uint32_t id = next_id++;
+      const bool malformed = random.rng()() % 5 == 0;
+      const Bytes payload =
+          malformed ? random.Malformed() : channel::EncodeMethodCall(random.Call());
+      if (random.rng()() % 20 == 0) {
+        // No reply wanted: none may come, and the call still must not hurt.
+        ASSERT_TRUE(client_.SendMessage(0, channel, payload));
+        continue;
+      }
+      ASSERT_TRUE(client_.SendMessage(id, channel, payload)) << host_->LogTail();
+      waiting.insert(id);
+    }
+    Collect(client_, waiting, replies, 5s);
+  }
+  Collect(client_, waiting, replies, 60s);
+
+  EXPECT_TRUE(waiting.empty()) << waiting.size() << " calls never answered, first id "
+                               << (waiting.empty() ? 0 : *waiting.begin()) << "\n"
+                               << host_->LogTail();
+  for (const auto& [id, count] : replies) {
+    EXPECT_EQ(count, 1) << "call " << id << " answered " << count << " times";
+    EXPECT_NE(id, 0u) << "a message that wanted no reply got one";
+  }
+  EXPECT_TRUE(host_->alive()) << host_->LogTail();
+  std::printf("%zu registered channels, %zu replies\n", registered, replies.size());
+}
+
+TEST_F(RobustnessTest, GarbageFramesAndVanishingClientsLeaveTheHostUp) {
+  const uint64_t seed = EnvNumber("CORVANE_ROBUSTNESS_SEED", std::random_device()());
+  SCOPED_TRACE("CORVANE_ROBUSTNESS_SEED=" + std::to_string(seed));
+  std::vector<std::string> channels = RegisteredChannels();
+  channels.push_back("corvane/nothing");
+  std::vector<std::string> methods = {"listen", "cancel"};
+  std::vector<std::string> keys;
+  for (const auto& [channel, words] : KnownVocabulary()) {
+    methods.insert(methods.end(), words.methods.begin(), words.methods.end());
+    keys.insert(keys.end(), words.keys.begin(), words.keys.end());
+  }
+  RandomCalls random(seed, methods, keys);
+
+  for (int round = 0; round < 200; ++round) {
+    WireClient c;
+    ASSERT_TRUE(c.Connect(host_->socket())) << host_->LogTail();
+    switch (round % 4) {
+      case 0: {  // random bytes where a frame should be
+        Bytes junk(1 + random.rng()() % 64);
+        for (auto& b : junk) b = static_cast<uint8_t>(random.rng()());
+        c.SendRaw(junk);
+        break;
+      }
+      case 1: {  // a frame announcing more than the limit
+        c.SendRaw(Bytes{0xff, 0xff, 0xff, 0x7f, 1, 1, 0, 0, 0});
+        break;
+      }
+      case 2: {  // calls, then gone before the replies
+        for (uint32_t id = 1; id <= 20; ++id) {
+          const std::string& channel = channels[random.rng()() % channels.size()];
+          c.SendMessage(id, channel, channel::EncodeMethodCall(random.Call()));
+        }
+        break;
+      }
+      default: {  // half a frame, then gone
+        Bytes frame = engine::EncodeMessageFrame(1, channels[0], channel::EncodeMethodCall(random.Call()));
+        frame.resize(frame.size() / 2);
+        c.SendRaw(frame);
+      }
+    }
+  }
+  // The host still serves: a call on a channel without handler gets its empty reply.
+  ASSERT_TRUE(client_.SendCall(77, "corvane/nothing", "ping"));
+  std::set<uint32_t> waiting = {77};
+  std::map<uint32_t, int> replies;
+  Collect(client_, waiting, replies, 30s);
+  EXPECT_EQ(replies[77], 1) << host_->LogTail();
+  EXPECT_TRUE(host_->alive()) << host_->LogTail();
+}
+
+}  // namespace
+}  // namespace corvane::robustness
