@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libglib2.0-dev libgtk-3-dev adwaita-icon-theme
   xvfb xauth
+  avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
 )
 
 missing=()
@@ -21,5 +22,12 @@ echo "setup: installing ${missing[*]}"
 sudo_cmd=()
 [[ $(id -u) -eq 0 ]] || sudo_cmd=(sudo)
 export DEBIAN_FRONTEND=noninteractive
+# Keep package scripts from starting daemons (avahi-daemon would go live on every interface);
+# the tests start their own private one. Only a policy file we created is removed.
+if [[ ! -e /usr/sbin/policy-rc.d ]]; then
+  printf '#!/bin/sh\nexit 101\n' | "${sudo_cmd[@]}" tee /usr/sbin/policy-rc.d >/dev/null
+  "${sudo_cmd[@]}" chmod +x /usr/sbin/policy-rc.d
+  trap '"${sudo_cmd[@]}" rm -f /usr/sbin/policy-rc.d' EXIT
+fi
 "${sudo_cmd[@]}" apt-get update -q
 "${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends -o DPkg::Lock::Timeout=300 "${missing[@]}"
