@@ -1,5 +1,8 @@
 #include "host/registration_table.h"
 
+#include "discovery/bonjour_bridge.h"
+#include "host/plugin_registry.h"
+
 namespace corvane::host {
 
 namespace {
@@ -10,6 +13,10 @@ StartupRow Own(std::string name, std::vector<std::string> channels, ServiceFacto
 
 StartupRow Plugin(std::string name) {
   return StartupRow{StartupRow::Kind::kStandardPlugin, name, name, {}, nullptr};
+}
+
+std::shared_ptr<void> MakeBonjourBridge(Registrar& registrar) {
+  return std::make_shared<discovery::BonjourBridge>(registrar.messenger());
 }
 
 }  // namespace
@@ -45,7 +52,7 @@ const std::vector<StartupRow>& StartupTable() {
       Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, nullptr),
       Own("AppleContextMenu", {"io.corvane/context_menu"}, nullptr),
       Own("UdpBridge", {"corvane/udp", "corvane/udp_events"}, nullptr),
-      Own("BonjourBridge", {"corvane/bonjour", "corvane/bonjour_events"}, nullptr),
+      Own("BonjourBridge", {"corvane/bonjour", "corvane/bonjour_events"}, MakeBonjourBridge),
   };
   return table;
 }

@@ -18,6 +18,8 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
   static const std::map<std::string, ChannelVocabulary> vocabulary = {
       // Every event channel answers these two.
       {"*", {{"listen", "cancel"}, {}}},
+      {"corvane/bonjour", {{"start", "stop", "list"}, {"types"}}},
+      {"corvane/bonjour_events", {{"listen", "cancel"}, {}}},
   };
   return vocabulary;
 }
