@@ -2,6 +2,8 @@
 
 #include "discovery/bonjour_bridge.h"
 #include "host/plugin_registry.h"
+#include "udp/local_network_permission.h"
+#include "udp/udp_bridge.h"
 
 namespace corvane::host {
 
@@ -19,9 +21,15 @@ std::shared_ptr<void> MakeBonjourBridge(Registrar& registrar) {
   return std::make_shared<discovery::BonjourBridge>(registrar.messenger());
 }
 
+std::shared_ptr<void> MakeUdpBridge(Registrar& registrar) {
+  return udp::UdpBridge::Create(registrar.messenger());
+}
+
+void TriggerLocalNetworkPermission() { udp::LocalNetworkPermission::Shared().Trigger(); }
+
 }  // namespace
 
-const LaunchStep kTriggerLocalNetworkPermission = nullptr;
+const LaunchStep kTriggerLocalNetworkPermission = TriggerLocalNetworkPermission;
 
 const std::vector<StartupRow>& StartupTable() {
   // The document hand-off comes first so it can answer before any other channel exists. The
@@ -51,7 +59,7 @@ const std::vector<StartupRow>& StartupTable() {
       Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
       Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, nullptr),
       Own("AppleContextMenu", {"io.corvane/context_menu"}, nullptr),
-      Own("UdpBridge", {"corvane/udp", "corvane/udp_events"}, nullptr),
+      Own("UdpBridge", {"corvane/udp", "corvane/udp_events"}, MakeUdpBridge),
       Own("BonjourBridge", {"corvane/bonjour", "corvane/bonjour_events"}, MakeBonjourBridge),
   };
   return table;
