@@ -1,5 +1,6 @@
 #include "channel/standard_codec.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -30,20 +31,35 @@ enum Tag : uint8_t {
 
 class Writer {
  public:
-  explicit Writer(Bytes& out) : out_(out) {}
+  // Writes through a cursor into space grown in bulk, so small writes are a bounds check and a
+  // store; the vector is trimmed to what was written when the writer goes.
+  explicit Writer(Bytes& out) : out_(out), used_(out.size()) {}
+  ~Writer() { out_.resize(used_); }
 
-  void Byte(uint8_t b) { out_.push_back(b); }
+  void Byte(uint8_t b) {
+    Reserve(1);
+    out_[used_++] = b;
+  }
 
   void Raw(const void* data, size_t n) {
-    if (n == 0) return;
-    const size_t at = out_.size();
-    out_.resize(at + n);
-    std::memcpy(out_.data() + at, data, n);
+    if (n >= kBulk) {
+      // Large payloads go in with one copy, without zero-filling their space first.
+      out_.resize(used_);
+      const auto* p = static_cast<const uint8_t*>(data);
+      out_.insert(out_.end(), p, p + n);
+      used_ = out_.size();
+      return;
+    }
+    Reserve(n);
+    std::memcpy(out_.data() + used_, data, n);
+    used_ += n;
   }
 
   template <typename T>
   void Scalar(T v) {
-    Raw(&v, sizeof v);
+    Reserve(sizeof v);
+    std::memcpy(out_.data() + used_, &v, sizeof v);
+    used_ += sizeof v;
   }
 
   void Size(size_t n) {
@@ -60,8 +76,11 @@ class Writer {
 
   // Alignment is relative to the start of the message, as Dart's WriteBuffer does it.
   void Align(size_t alignment) {
-    const size_t mod = out_.size() % alignment;
-    if (mod != 0) out_.resize(out_.size() + alignment - mod, 0);
+    const size_t mod = used_ % alignment;
+    if (mod == 0) return;
+    Reserve(alignment - mod);
+    std::memset(out_.data() + used_, 0, alignment - mod);
+    used_ += alignment - mod;
   }
 
   template <typename T>
@@ -75,7 +94,14 @@ class Writer {
   void Value(const channel::Value& v);
 
  private:
+  static constexpr size_t kBulk = 4096;
+  void Reserve(size_t n) {
+    if (used_ + n > out_.size()) {
+      out_.resize(std::max(used_ + n, std::max<size_t>(64, out_.size() * 2)));
+    }
+  }
   Bytes& out_;
+  size_t used_;
 };
 
 void Writer::Value(const channel::Value& v) {
@@ -268,8 +294,12 @@ class Reader {
     size_t n;
     if (!Size(n) || !Align(sizeof(T))) return false;
     if (n > remaining() / sizeof(T)) return Fail("typed list longer than the data");
-    out.resize(n);
-    if (n) std::memcpy(out.data(), data_ + pos_, n * sizeof(T));
+    if constexpr (sizeof(T) == 1) {
+      out.assign(data_ + pos_, data_ + pos_ + n);
+    } else {
+      out.resize(n);
+      if (n) std::memcpy(out.data(), data_ + pos_, n * sizeof(T));
+    }
     pos_ += n * sizeof(T);
     return true;
   }
@@ -445,9 +475,11 @@ Decoded<Value> DecodeMessage(std::span<const uint8_t> bytes) {
 Bytes EncodeMethodCall(const MethodCall& call) {
   Bytes out;
   out.reserve(call.method.size() + 8 + SizeHint(call.arguments));
-  Writer w(out);
-  w.Value(Value(call.method));
-  w.Value(call.arguments);
+  {
+    Writer w(out);  // trims `out` to what was written when it goes
+    w.Value(Value(call.method));
+    w.Value(call.arguments);
+  }
   return out;
 }
 
@@ -470,21 +502,25 @@ Decoded<MethodCall> DecodeMethodCall(std::span<const uint8_t> bytes) {
 Bytes EncodeSuccessEnvelope(const Value& result) {
   Bytes out;
   out.reserve(1 + SizeHint(result));
-  Writer w(out);
-  w.Byte(0);
-  w.Value(result);
+  {
+    Writer w(out);
+    w.Byte(0);
+    w.Value(result);
+  }
   return out;
 }
 
 Bytes EncodeErrorEnvelope(const MethodError& error) {
   Bytes out;
   out.reserve(16 + error.code.size() + SizeHint(error.details));
-  Writer w(out);
-  w.Byte(1);
-  w.Value(Value(error.code));
-  w.Value(error.message ? Value(*error.message) : Value());
-  w.Value(error.details);
-  if (error.stacktrace) w.Value(Value(*error.stacktrace));
+  {
+    Writer w(out);
+    w.Byte(1);
+    w.Value(Value(error.code));
+    w.Value(error.message ? Value(*error.message) : Value());
+    w.Value(error.details);
+    if (error.stacktrace) w.Value(Value(*error.stacktrace));
+  }
   return out;
 }
 

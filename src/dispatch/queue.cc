@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <deque>
 #include <mutex>
 
@@ -83,50 +84,65 @@ class ContextQueue {
   WorkItem After(std::chrono::milliseconds delay, Task task) {
     auto state = std::make_shared<WorkItem::State>();
     state->task = std::move(task);
-    const auto ms = delay.count() < 0 ? 0 : delay.count();
-    GSource* timer = g_timeout_source_new(static_cast<guint>(ms));
-    auto* holder = new std::shared_ptr<WorkItem::State>(state);
-    g_source_set_callback(
-        timer,
-        [](gpointer data) -> gboolean {
-          auto& st = *static_cast<std::shared_ptr<WorkItem::State>*>(data);
-          Task run;
-          GSource* own = nullptr;
-          {
-            std::lock_guard lock(st->mutex);
-            if (st->cancelled || st->done) return G_SOURCE_REMOVE;
-            st->done = true;
-            run = std::move(st->task);
-            own = st->source;
-            st->source = nullptr;
-          }
-          if (own) g_source_unref(own);
-          if (run) run();
-          return G_SOURCE_REMOVE;
-        },
-        holder, [](gpointer data) {
-          // Runs when the timer goes away for any reason, including its context being torn
-          // down with the timer still pending: drop the item's reference to it then.
-          auto* st = static_cast<std::shared_ptr<WorkItem::State>*>(data);
-          GSource* own = nullptr;
-          {
-            std::lock_guard lock((*st)->mutex);
-            own = (*st)->source;
-            (*st)->source = nullptr;
-          }
-          if (own) g_source_unref(own);
-          delete st;
-        });
-    {
-      std::lock_guard lock(state->mutex);
-      state->source = g_source_ref(timer);
-    }
-    g_source_attach(timer, context_);
-    g_source_unref(timer);
+    const gint64 ready_at =
+        g_get_monotonic_time() + std::max<int64_t>(delay.count(), 0) * G_TIME_SPAN_MILLISECOND;
+    // The timer is made and attached on the queue's own thread, so that everything GLib holds
+    // for it lives on one thread; the deadline still counts from now.
+    Push([this, state, ready_at] { Arm(state, ready_at); });
     return WorkItem(state);
   }
 
  private:
+  static gboolean TimerDispatch(GSource*, GSourceFunc, gpointer data) {
+    auto& st = *static_cast<std::shared_ptr<WorkItem::State>*>(data);
+    Task run;
+    GSource* own = nullptr;
+    {
+      std::lock_guard lock(st->mutex);
+      if (st->cancelled || st->done) return G_SOURCE_REMOVE;
+      st->done = true;
+      run = std::move(st->task);
+      own = st->source;
+      st->source = nullptr;
+    }
+    if (own) g_source_unref(own);
+    if (run) run();
+    return G_SOURCE_REMOVE;
+  }
+  static constexpr GSourceFuncs kTimerFuncs = {nullptr, nullptr, TimerDispatch, nullptr, nullptr, nullptr};
+
+  void Arm(const std::shared_ptr<WorkItem::State>& state, gint64 ready_at) {
+    GSource* timer = g_source_new(const_cast<GSourceFuncs*>(&kTimerFuncs), sizeof(GSource));
+    g_source_set_ready_time(timer, ready_at);
+    g_source_set_name(timer, "corvane work item");
+    auto* holder = new std::shared_ptr<WorkItem::State>(state);
+    g_source_set_callback(timer, nullptr, holder, [](gpointer data) {
+      // Runs when the timer goes away for any reason, including its context being torn down
+      // with the timer still pending: drop the item's reference to it then.
+      auto* st = static_cast<std::shared_ptr<WorkItem::State>*>(data);
+      GSource* own = nullptr;
+      {
+        std::lock_guard lock((*st)->mutex);
+        own = (*st)->source;
+        (*st)->source = nullptr;
+      }
+      if (own) g_source_unref(own);
+      delete st;
+    });
+    bool cancelled;
+    {
+      std::lock_guard lock(state->mutex);
+      cancelled = state->cancelled;
+      if (!cancelled) state->source = g_source_ref(timer);
+    }
+    if (cancelled) {
+      g_source_unref(timer);  // cancelled before it was armed; outside the lock, as it frees
+      return;
+    }
+    g_source_attach(timer, context_);
+    g_source_unref(timer);
+  }
+
   struct Source {
     GSource base;
     ContextQueue* owner;
@@ -190,6 +206,12 @@ Queue& MainQueue() {
   return *queue;
 }
 
+namespace {
+// Created during static initialisation, on the main thread, before any queue thread can ask
+// for it: its source then belongs to the default context from the start.
+[[maybe_unused]] const bool g_main_queue_created = (MainQueue(), true);
+}  // namespace
+
 SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {
   GMainContext* context = g_main_context_new();
   queue_ = std::make_unique<ContextQueue>(context);
@@ -227,19 +249,44 @@ bool SerialQueue::IsCurrent() const { return std::this_thread::get_id() == threa
 
 GMainContext* SerialQueue::context() const { return queue_->context(); }
 
-ConcurrentQueue::ConcurrentQueue(std::string label, int max_threads) : label_(std::move(label)) {
-  pool_ = g_thread_pool_new(&ConcurrentQueue::Run, this, max_threads, FALSE, nullptr);
-}
+ConcurrentQueue::ConcurrentQueue(std::string label, int max_threads)
+    : label_(std::move(label)), max_threads_(max_threads < 1 ? 1 : static_cast<size_t>(max_threads)) {}
 
-ConcurrentQueue::~ConcurrentQueue() { g_thread_pool_free(pool_, FALSE, TRUE); }
+ConcurrentQueue::~ConcurrentQueue() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  for (auto& thread : threads_) thread.join();
+}
 
 void ConcurrentQueue::Async(Task task) {
-  g_thread_pool_push(pool_, new Task(std::move(task)), nullptr);
+  {
+    std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
+    if (idle_ == 0 && threads_.size() < max_threads_) {
+      threads_.emplace_back([this] { Work(); });
+      return;
+    }
+  }
+  wake_.notify_one();
 }
 
-void ConcurrentQueue::Run(void* data, void*) {
-  std::unique_ptr<Task> task(static_cast<Task*>(data));
-  (*task)();
+void ConcurrentQueue::Work() {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    ++idle_;
+    wake_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
+    --idle_;
+    if (tasks_.empty()) return;  // stopping, and nothing left to run
+    Task task = std::move(tasks_.front());
+    tasks_.pop_front();
+    lock.unlock();
+    task();
+    task = Task();
+    lock.lock();
+  }
 }
 
 bool RunMainUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {

@@ -5,6 +5,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <vector>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,7 +18,6 @@
 
 typedef struct _GMainContext GMainContext;
 typedef struct _GMainLoop GMainLoop;
-typedef struct _GThreadPool GThreadPool;
 
 namespace corvane::dispatch {
 
@@ -74,19 +77,27 @@ class SerialQueue : public Queue {
   std::atomic<std::thread::id> thread_id_{};
 };
 
-// Overlapping work that may block (file I/O). No ordering between tasks.
+// Overlapping work that may block (file I/O). No ordering between tasks. Threads are started
+// as work arrives, up to `max_threads`, and wait without cost when idle.
 class ConcurrentQueue {
  public:
   ConcurrentQueue(std::string label, int max_threads);
-  ~ConcurrentQueue();  // waits for running and queued tasks
+  ~ConcurrentQueue();  // runs what is queued, then joins the threads
 
   void Async(Task task);
   const std::string& label() const { return label_; }
 
  private:
-  static void Run(void* data, void* user_data);
+  void Work();
+
   std::string label_;
-  GThreadPool* pool_ = nullptr;
+  size_t max_threads_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<Task> tasks_;
+  std::vector<std::thread> threads_;
+  size_t idle_ = 0;
+  bool stopping_ = false;
 };
 
 // Runs the default main context until `done` returns true or `timeout` passes; for tests and

@@ -47,7 +47,9 @@ std::vector<std::string> RegisteredChannels() {
       if (name != "-" && !name.empty()) channels.push_back(name);
     }
   }
-  if (out) EXPECT_EQ(pclose(out), 0);
+  if (out) {
+    EXPECT_EQ(pclose(out), 0);
+  }
   return channels;
 }
 
