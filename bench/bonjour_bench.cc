@@ -158,8 +158,8 @@ int main(int argc, char** argv) {
   const double fb = Median(found_bridge), fa = Median(found_browse);
   const double lb = Median(lost_bridge), la = Median(lost_browse);
   std::printf("%-34s %10s %10s %8s\n", "median over runs (ms)", "bridge", "avahi", "ratio");
-  std::printf("%-34s %10.2f %10.2f %8.2f  (%zu/%zu runs)\n", "start -> first found (-rpt)", fb,
-              fa, fa > 0 ? fb / fa : 0.0, found_bridge.size(), found_browse.size());
+  std::printf("%-34s %10.2f %10.2f %8.2f  (%zu/%zu runs)\n", "start -> first found (-rpt)", fb, fa,
+              fa > 0 ? fb / fa : 0.0, found_bridge.size(), found_browse.size());
   const double ff = Median(found_fresh);
   std::printf("%-34s %10.2f %10.2f %8.2f  (%zu/%zu runs)\n", "new bridge + start -> found (-rpt)",
               ff, fa, fa > 0 ? ff / fa : 0.0, found_fresh.size(), found_browse.size());

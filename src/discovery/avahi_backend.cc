@@ -51,7 +51,7 @@ std::string AddressText(const AvahiAddress* address, AvahiIfIndex interface) {
     char name[IF_NAMESIZE] = {};
     out += '%';
     out += if_indextoname(static_cast<unsigned>(interface), name) ? std::string(name)
-                                                                   : std::to_string(interface);
+                                                                  : std::to_string(interface);
   }
   return out;
 }
@@ -174,10 +174,9 @@ class AvahiBackend final : public DnsSdBackend {
 
   void Open(BrowseState& browse) {
     browse.failed = false;
-    browse.browser = avahi_service_browser_new(client_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
-                                               browse.type.c_str(), nullptr,
-                                               static_cast<AvahiLookupFlags>(0),
-                                               &AvahiBackend::BrowseCallback, &browse);
+    browse.browser = avahi_service_browser_new(
+        client_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, browse.type.c_str(), nullptr,
+        static_cast<AvahiLookupFlags>(0), &AvahiBackend::BrowseCallback, &browse);
     if (browse.browser == nullptr) {
       g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "cannot browse %s: %s", browse.type.c_str(),
             avahi_strerror(avahi_client_errno(client_)));
@@ -282,11 +281,10 @@ class AvahiBackend final : public DnsSdBackend {
     }
   }
 
-  static void ResolveCallback(AvahiServiceResolver* resolver, AvahiIfIndex interface,
-                              AvahiProtocol, AvahiResolverEvent event, const char* name,
-                              const char*, const char*, const char* host_name,
-                              const AvahiAddress* address, uint16_t port, AvahiStringList*,
-                              AvahiLookupResultFlags, void* data) {
+  static void ResolveCallback(AvahiServiceResolver* resolver, AvahiIfIndex interface, AvahiProtocol,
+                              AvahiResolverEvent event, const char* name, const char*, const char*,
+                              const char* host_name, const AvahiAddress* address, uint16_t port,
+                              AvahiStringList*, AvahiLookupResultFlags, void* data) {
     auto* instance = static_cast<Instance*>(data);
     if (event == AVAHI_RESOLVER_FOUND) {
       Endpoint endpoint{AddressText(address, interface), port, host_name ? host_name : ""};

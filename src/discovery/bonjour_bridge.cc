@@ -113,8 +113,8 @@ class BonjourBridge::Core : public DnsSdBackend::Listener {
     if (outcome.change == ServiceTable::Change::kNone) return;
     g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "%s %s (%s) at %s port %lld",
           outcome.change == ServiceTable::Change::kFound ? "found" : "updated",
-          outcome.service.name.c_str(), outcome.service.type.c_str(),
-          outcome.service.host.c_str(), static_cast<long long>(outcome.service.port));
+          outcome.service.name.c_str(), outcome.service.type.c_str(), outcome.service.host.c_str(),
+          static_cast<long long>(outcome.service.port));
     Emit("found", outcome.service);
   }
 

@@ -65,8 +65,8 @@ ResolvedService ServiceTable::Merge(const Entry& entry) {
   out.port = best.port;
   for (const Seen* s : order) {
     const std::string& a = s->endpoint.address;
-    if (!a.empty() && std::find(out.addresses.begin(), out.addresses.end(), a) ==
-                          out.addresses.end()) {
+    if (!a.empty() &&
+        std::find(out.addresses.begin(), out.addresses.end(), a) == out.addresses.end()) {
       out.addresses.push_back(a);
     }
   }

@@ -27,10 +27,10 @@ bool RunQuietly(std::vector<std::string> argv, const char* env_name = nullptr,
   std::vector<char*> args = Argv(argv);
   gint status = 0;
   GError* error = nullptr;
-  const bool ran = g_spawn_sync(nullptr, args.data(), env,
-                                static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH |
-                                                         G_SPAWN_STDOUT_TO_DEV_NULL),
-                                nullptr, nullptr, nullptr, nullptr, &status, &error);
+  const bool ran =
+      g_spawn_sync(nullptr, args.data(), env,
+                   static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL),
+                   nullptr, nullptr, nullptr, nullptr, &status, &error);
   g_strfreev(env);
   if (!ran) {
     g_printerr("cannot run %s: %s\n", argv[0].c_str(), error->message);
@@ -47,9 +47,7 @@ bool RunDaemonScript(const std::string& script, const std::string& dir,
   return RunQuietly({script, command}, "AVAHI_CI_DIR", dir);
 }
 
-std::string BusAddress(const std::string& dir) {
-  return "unix:path=" + dir + "/system_bus_socket";
-}
+std::string BusAddress(const std::string& dir) { return "unix:path=" + dir + "/system_bus_socket"; }
 
 bool DaemonAnswers() {
   return RunQuietly({"dbus-send", "--system", "--print-reply", "--reply-timeout=2000",
@@ -64,8 +62,8 @@ Child::Child(std::vector<std::string> argv, bool capture_stdout) {
   const int flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDERR_TO_DEV_NULL |
                     (capture_stdout ? 0 : G_SPAWN_STDOUT_TO_DEV_NULL);
   if (!g_spawn_async_with_pipes(nullptr, args.data(), nullptr, static_cast<GSpawnFlags>(flags),
-                                nullptr, nullptr, &pid, nullptr,
-                                capture_stdout ? &out_ : nullptr, nullptr, &error)) {
+                                nullptr, nullptr, &pid, nullptr, capture_stdout ? &out_ : nullptr,
+                                nullptr, &error)) {
     g_printerr("cannot run %s: %s\n", argv[0].c_str(), error->message);
     g_error_free(error);
     return;

@@ -186,7 +186,9 @@ TEST_F(AvahiRestartTest, ServicesAreFoundAgainAfterTheDaemonOrTheBusComesBack) {
   ASSERT_TRUE(RunDaemonScript(CORVANE_AVAHI_SCRIPT, dir_, "start"));
   publisher = std::make_unique<Child>(PublishCommand(name, "_z21._udp", 21105));
   ASSERT_TRUE(client.WaitFor("found", name, 3));
-  EXPECT_EQ(client.Call("list").value.list_if()->size(), 1u);
+  const ValueList* listed = client.Call("list").value.list_if();
+  ASSERT_NE(listed, nullptr);
+  EXPECT_EQ(listed->size(), 1u);
 }
 
 }  // namespace

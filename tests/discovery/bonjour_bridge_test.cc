@@ -42,7 +42,9 @@ class BonjourBridgeTest : public ::testing::Test {
     return reply.value.list_if() ? *reply.value.list_if() : ValueList();
   }
 
-  void StartZ21() { ASSERT_EQ(client_.Call("start", Types({Value("_z21._udp.")})).value, Value(true)); }
+  void StartZ21() {
+    ASSERT_EQ(client_.Call("start", Types({Value("_z21._udp.")})).value, Value(true));
+  }
 
   TestBackend backend_;
   BridgeClient client_;
@@ -61,9 +63,9 @@ TEST_F(BonjourBridgeTest, StartBrowsesEachGivenTypeOnceHoweverItIsSpelled) {
 
 TEST_F(BonjourBridgeTest, TypesThatAreNotAListOfStringsBrowseTheSevenDefaultsInOrder) {
   const std::vector<Value> malformed = {
-      Value(),                                 // no arguments
-      Value("_z21._udp."),                     // not a map
-      Value(ValueMap{}),                       // no "types"
+      Value(),                                          // no arguments
+      Value("_z21._udp."),                              // not a map
+      Value(ValueMap{}),                                // no "types"
       Types({Value("_z21._udp."), Value(int32_t{5})}),  // not all strings
   };
   for (const Value& args : malformed) {

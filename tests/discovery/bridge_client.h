@@ -91,8 +91,7 @@ class BridgeClient {
   // Turns the main loop until `count` events of `type` about `name` have arrived.
   bool WaitFor(const std::string& type, const std::string& name, size_t count = 1,
                std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    return dispatch::RunMainUntil([&] { return EventsAbout(type, name).size() >= count; },
-                                  timeout);
+    return dispatch::RunMainUntil([&] { return EventsAbout(type, name).size() >= count; }, timeout);
   }
 
  private:

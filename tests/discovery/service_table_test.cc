@@ -20,9 +20,8 @@ TEST(ServiceTableTest, RoutableIPv4LeadsThenIPv6ThenLinkLocalThenNames) {
   EXPECT_EQ(outcome.change, ServiceTable::Change::kUpdated);
   EXPECT_EQ(outcome.service.host, "192.168.1.5");
   EXPECT_EQ(outcome.service.port, 5);
-  EXPECT_EQ(outcome.service.addresses,
-            (std::vector<std::string>{"192.168.1.5", "2001:db8::4", "169.254.7.7",
-                                      "fe80::2%eth0"}));
+  EXPECT_EQ(outcome.service.addresses, (std::vector<std::string>{"192.168.1.5", "2001:db8::4",
+                                                                 "169.254.7.7", "fe80::2%eth0"}));
 }
 
 TEST(ServiceTableTest, ARemovedSightingThatWasNeverResolvedChangesNothing) {
