@@ -186,7 +186,8 @@ TEST_F(AvahiRestartTest, ServicesAreFoundAgainAfterTheDaemonOrTheBusComesBack) {
   ASSERT_TRUE(RunDaemonScript(CORVANE_AVAHI_SCRIPT, dir_, "start"));
   publisher = std::make_unique<Child>(PublishCommand(name, "_z21._udp", 21105));
   ASSERT_TRUE(client.WaitFor("found", name, 3));
-  const ValueList* listed = client.Call("list").value.list_if();
+  const MethodReply reply = client.Call("list");
+  const ValueList* listed = reply.value.list_if();
   ASSERT_NE(listed, nullptr);
   EXPECT_EQ(listed->size(), 1u);
 }
