@@ -42,6 +42,7 @@ class Writer {
   }
 
   void Raw(const void* data, size_t n) {
+    if (n == 0) return;  // an empty vector's data() may be null, which memcpy must not see
     if (n >= kBulk) {
       // Large payloads go in with one copy, without zero-filling their space first.
       out_.resize(used_);
