@@ -5,177 +5,153 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "host/registration_table.h"
+#include "host/support.h"
 #include "support/wire_client.h"
 
+namespace corvane::host {
 namespace {
 
-struct Outcome {
-  int status = -1;  // exit status; -1 when killed by a signal
-  std::string out;
-  std::string err;
-};
+using Args = std::vector<std::string>;
+
+using testing::Outcome;
+
+mode_t ModeOf(const std::string& path) {
+  GStatBuf st;
+  return g_stat(path.c_str(), &st) == 0 ? st.st_mode : 0;
+}
 
 class HostBinaryTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    gchar* dir = g_dir_make_tmp("corvane-host-XXXXXX", nullptr);
-    ASSERT_NE(dir, nullptr);
-    dir_ = dir;
-    g_free(dir);
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
-  // No display: the host must not depend on one here. XDG_RUNTIME_DIR points into the test's
-  // folder so a default socket path never meets a real host.
-  GSubprocess* Spawn(std::vector<std::string> args, GSubprocessFlags flags) {
+  // No display unless a test starts one. XDG_RUNTIME_DIR points into the test's folder so a
+  // default socket path never meets a real host.
+  GSubprocess* Spawn(Args args, GSubprocessFlags flags) {
     GSubprocessLauncher* launcher = g_subprocess_launcher_new(flags);
-    g_subprocess_launcher_unsetenv(launcher, "DISPLAY");
+    if (display_.empty()) {
+      g_subprocess_launcher_unsetenv(launcher, "DISPLAY");
+    } else {
+      g_subprocess_launcher_setenv(launcher, "DISPLAY", display_.c_str(), TRUE);
+      g_subprocess_launcher_setenv(launcher, "NO_AT_BRIDGE", "1", TRUE);  // no a11y bus here
+    }
     g_subprocess_launcher_unsetenv(launcher, "WAYLAND_DISPLAY");
-    g_subprocess_launcher_setenv(launcher, "XDG_RUNTIME_DIR", dir_.c_str(), TRUE);
+    // No session bus either, so a second windowed launch cannot become a hand-over to the first.
+    const std::string no_bus = "unix:path=" + dir_ / "no-bus";
+    g_subprocess_launcher_setenv(launcher, "DBUS_SESSION_BUS_ADDRESS", no_bus.c_str(), TRUE);
+    g_subprocess_launcher_setenv(launcher, "XDG_RUNTIME_DIR", dir_.path().c_str(), TRUE);
     args.insert(args.begin(), CORVANE_HOST_BINARY);
-    std::vector<const char*> argv;
-    for (const auto& a : args) argv.push_back(a.c_str());
-    argv.push_back(nullptr);
-    GError* error = nullptr;
-    GSubprocess* process = g_subprocess_launcher_spawnv(launcher, argv.data(), &error);
-    g_object_unref(launcher);
-    EXPECT_NE(process, nullptr) << (error ? error->message : "");
-    if (error) g_error_free(error);
-    return process;
+    return testing::Spawn(launcher, args);
   }
 
-  Outcome RunToEnd(std::vector<std::string> args) {
-    GSubprocess* process =
-        Spawn(std::move(args), static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE |
-                                                             G_SUBPROCESS_FLAGS_STDERR_PIPE));
-    Outcome outcome;
-    if (!process) return outcome;
-    gchar* out = nullptr;
-    gchar* err = nullptr;
-    EXPECT_TRUE(g_subprocess_communicate_utf8(process, nullptr, nullptr, &out, &err, nullptr));
-    outcome.out = out ? out : "";
-    outcome.err = err ? err : "";
-    g_free(out);
-    g_free(err);
-    outcome.status =
-        g_subprocess_get_if_exited(process) ? g_subprocess_get_exit_status(process) : -1;
-    g_object_unref(process);
-    return outcome;
+  Outcome RunToEnd(Args args) {
+    return testing::Finish(Spawn(std::move(args), testing::kAllPipes));
   }
 
-  // A host that keeps running; returns the first line it prints ("engine socket: PATH").
-  GSubprocess* StartHost(std::vector<std::string> args, std::string* first_line) {
+  // A host that keeps running; `first_line` gets the first line it prints.
+  GSubprocess* StartHost(Args args, std::string* first_line) {
     GSubprocess* process = Spawn(std::move(args), G_SUBPROCESS_FLAGS_STDOUT_PIPE);
     if (!process) return nullptr;
-    stdout_ = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process));
-    gchar* line = g_data_input_stream_read_line_utf8(stdout_, nullptr, nullptr, nullptr);
+    GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process));
+    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(out), FALSE);
+    gchar* line = g_data_input_stream_read_line_utf8(out, nullptr, nullptr, nullptr);
     *first_line = line ? line : "";
     g_free(line);
+    g_object_unref(out);
     return process;
   }
 
   static int StopWith(GSubprocess* process, int signal) {
     g_subprocess_send_signal(process, signal);
-    EXPECT_TRUE(g_subprocess_wait(process, nullptr, nullptr));
-    const int status =
-        g_subprocess_get_if_exited(process) ? g_subprocess_get_exit_status(process) : -1;
-    g_object_unref(process);
-    return status;
+    return testing::Finish(process).code;
   }
 
-  static mode_t ModeOf(const std::string& path) {
-    GStatBuf st;
-    if (g_stat(path.c_str(), &st) != 0) return 0;
-    return st.st_mode;
-  }
-
-  std::string dir_;
-  GDataInputStream* stdout_ = nullptr;
+  testing::TempDir dir_;
+  std::string display_;
 };
 
 TEST_F(HostBinaryTest, PrintsRegistrationsInOrderWithoutOpeningASocket) {
   Outcome outcome = RunToEnd({"--print-registrations"});
-  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.code, 0) << outcome.err;
+  // Every standard plug-in (not linked in this build) and every service this build makes, in
+  // table order; the order itself is pinned by the registration test.
   std::string expected;
-  for (const char* name :
-       {"AudioplayersDarwinPlugin", "FlutterMultiWindowPlugin", "DeviceInfoPlusMacosPlugin",
-        "FilePickerPlugin", "FileSelectorPlugin", "FlutterLibserialportPlugin",
-        "GamepadsDarwinPlugin", "InAppReviewPlugin", "FPPPackageInfoPlusPlugin",
-        "PathProviderPlugin", "ScreenRetrieverMacosPlugin", "SharePlusMacosPlugin",
-        "SharedPreferencesPlugin", "SwiftThermionFlutterPlugin", "UrlLauncherPlugin",
-        "WindowManagerPlugin"}) {
-    expected += std::string(name) + "\t" + name + "\t-\tnot linked\n";
+  for (const StartupRow& row : StartupTable()) {
+    std::string channels;
+    for (const std::string& c : row.channels) channels += (channels.empty() ? "" : ",") + c;
+    if (row.kind == StartupRow::Kind::kStandardPlugin) {
+      expected += row.registrar + "\t" + row.registrar + "\t-\tnot linked\n";
+    } else if (row.factory) {
+      expected += row.registrar + "\t" + row.registrar + "\t" + channels + "\tregistered\n";
+    }
   }
   EXPECT_EQ(outcome.out, expected);
-  EXPECT_EQ(ModeOf(dir_ + "/corvane"), 0u) << "the default socket folder was created";
+  EXPECT_EQ(ModeOf(dir_ / "corvane"), 0u) << "the default socket folder was created";
 }
 
-TEST_F(HostBinaryTest, HeadlessHostServesAPrivateSocketAndHasItToItself) {
-  const std::string folder = dir_ + "/run";
-  const std::string socket = folder + "/engine.sock";
-  std::string line;
-  GSubprocess* host = StartHost({"--headless", "--engine-socket", socket}, &line);
-  ASSERT_NE(host, nullptr);
-  EXPECT_EQ(line, "engine socket: " + socket);
+TEST_F(HostBinaryTest, ServesAPrivateSocketUntilStoppedAndHasItToItself) {
+  testing::XvfbServer xvfb;
+  ASSERT_TRUE(xvfb.ok()) << "Xvfb did not start";
+  const std::string folder = dir_ / "run";
+  const struct {
+    Args args;
+    std::string socket;
+    int stop;
+    std::string display = {};
+  } cases[] = {
+      {{"--headless", "--engine-socket", folder + "/engine.sock"},
+       folder + "/engine.sock",
+       SIGTERM},
+      // Without --headless and without a display: the default path, still served.
+      {{}, dir_ / "corvane/engine.sock", SIGINT},
+      // With a display the socket is served from the GTK application with its window.
+      {{"--engine-socket", dir_ / "engine.sock"}, dir_ / "engine.sock", SIGTERM, xvfb.display()},
+  };
+  for (const auto& c : cases) {
+    display_ = c.display;
+    std::string line;
+    GSubprocess* host = StartHost(c.args, &line);
+    ASSERT_NE(host, nullptr);
+    EXPECT_EQ(line, "engine socket: " + c.socket);
+    EXPECT_TRUE(S_ISSOCK(ModeOf(c.socket)));
+    EXPECT_EQ(ModeOf(c.socket) & 0777, 0600u);
+    EXPECT_EQ(ModeOf(c.socket.substr(0, c.socket.rfind('/'))) & 0777, 0700u);
 
-  const mode_t socket_mode = ModeOf(socket);
-  EXPECT_TRUE(S_ISSOCK(socket_mode));
-  EXPECT_EQ(socket_mode & 0777, 0600u);
-  EXPECT_EQ(ModeOf(folder) & 0777, 0700u);
+    // It answers: a channel no service opened gets the empty (not-implemented) reply.
+    {
+      testing::WireClient client;
+      ASSERT_TRUE(client.Connect(c.socket));
+      ASSERT_TRUE(client.SendCall(7, "io.corvane/open_projects", "takePending"));
+      auto reply = client.WaitReply(7, 10000);
+      ASSERT_TRUE(reply.has_value());
+      EXPECT_TRUE(reply->empty());
+    }
 
-  // It answers: a channel no service opened gets the empty (not-implemented) reply.
-  {
-    corvane::testing::WireClient client;
-    ASSERT_TRUE(client.Connect(socket));
-    ASSERT_TRUE(client.SendCall(7, "io.corvane/open_projects", "takePending"));
-    auto reply = client.WaitReply(7, 10000);
-    ASSERT_TRUE(reply.has_value());
-    EXPECT_TRUE(reply->empty());
+    Outcome second = RunToEnd(c.args);
+    EXPECT_EQ(second.code, 1);
+    EXPECT_NE(second.err.find("another host is already serving " + c.socket), std::string::npos)
+        << second.err;
+    EXPECT_EQ(second.out, "");
+    EXPECT_TRUE(S_ISSOCK(ModeOf(c.socket))) << "the second host must not take the socket away";
+
+    EXPECT_EQ(StopWith(host, c.stop), 0);
+    EXPECT_EQ(ModeOf(c.socket), 0u) << "socket left behind";
   }
-
-  Outcome second = RunToEnd({"--headless", "--engine-socket", socket});
-  EXPECT_EQ(second.status, 1);
-  EXPECT_NE(second.err.find(socket), std::string::npos) << second.err;
-  EXPECT_EQ(second.out, "");
-  EXPECT_TRUE(S_ISSOCK(ModeOf(socket))) << "the second host must not take the socket away";
-
-  EXPECT_EQ(StopWith(host, SIGTERM), 0);
-  EXPECT_EQ(ModeOf(socket), 0u) << "socket left behind";
-  g_clear_object(&stdout_);
-}
-
-TEST_F(HostBinaryTest, WithoutADisplayTheDefaultSocketIsServedUntilSigint) {
-  std::string line;
-  GSubprocess* host = StartHost({}, &line);  // no --headless: there is no display
-  ASSERT_NE(host, nullptr);
-  const std::string socket = dir_ + "/corvane/engine.sock";
-  EXPECT_EQ(line, "engine socket: " + socket);
-  gchar* second = g_data_input_stream_read_line_utf8(stdout_, nullptr, nullptr, nullptr);
-  ASSERT_NE(second, nullptr);
-  EXPECT_EQ(std::string(second).rfind("try: corvanectl --socket", 0), 0u) << second;
-  g_free(second);
-  EXPECT_TRUE(S_ISSOCK(ModeOf(socket)));
-
-  EXPECT_EQ(StopWith(host, SIGINT), 0);
-  EXPECT_EQ(ModeOf(socket), 0u);
-  g_clear_object(&stdout_);
 }
 
 TEST_F(HostBinaryTest, BadCommandLinesAndInfoFilesExitWithTwo) {
-  for (const auto& args : std::vector<std::vector<std::string>>{{"--info", dir_ + "/missing.conf"},
-                                                                {"--info"},
-                                                                {"--no-such-option"},
-                                                                {"--engine-socket="}}) {
+  for (const Args& args : {Args{"--info", dir_ / "missing.conf"},
+                           {"--info"},
+                           {"--no-such-option"},
+                           {"--engine-socket="}}) {
     Outcome outcome = RunToEnd(args);
-    EXPECT_EQ(outcome.status, 2) << args.front();
+    EXPECT_EQ(outcome.code, 2) << args.front();
     EXPECT_FALSE(outcome.err.empty()) << args.front();
     EXPECT_EQ(outcome.out, "") << args.front();
   }
-  EXPECT_EQ(ModeOf(dir_ + "/corvane"), 0u);
+  EXPECT_EQ(ModeOf(dir_ / "corvane"), 0u);
 }
 
 }  // namespace
+}  // namespace corvane::host

@@ -1,6 +1,6 @@
-// Start-up registration: the order of the start-up table, the secondary-window set, registrar
-// identity, and the launch hand-off to application delegates. Driven through a Host on a
-// loopback engine, with the engine side answering as Flutter would.
+// Start-up registration through a Host on a loopback engine. Every row of the real start-up
+// table gets a stand-in factory whose service answers "ping" on the row's channels with its
+// registrar name and notes when it was made.
 #include "host/registration.h"
 
 #include <gtest/gtest.h>
@@ -15,68 +15,72 @@ namespace corvane::host {
 namespace {
 
 using channel::MethodReply;
+using channel::Value;
+using Names = std::vector<std::string>;
 
-const std::vector<std::string> kStandardPlugins = {
-    "AudioplayersDarwinPlugin", "FlutterMultiWindowPlugin",   "DeviceInfoPlusMacosPlugin",
-    "FilePickerPlugin",         "FileSelectorPlugin",         "FlutterLibserialportPlugin",
-    "GamepadsDarwinPlugin",     "InAppReviewPlugin",          "FPPPackageInfoPlusPlugin",
-    "PathProviderPlugin",       "ScreenRetrieverMacosPlugin", "SharePlusMacosPlugin",
-    "SharedPreferencesPlugin",  "SwiftThermionFlutterPlugin", "UrlLauncherPlugin",
-    "WindowManagerPlugin"};
+const Names kStartUpOrder = {
+    // The document hand-off first, so it can answer before any other channel exists.
+    "MacProjectOpening",
+    // The sixteen standard plug-ins in their generated order.
+    "AudioplayersDarwinPlugin", "FlutterMultiWindowPlugin", "DeviceInfoPlusMacosPlugin",
+    "FilePickerPlugin", "FileSelectorPlugin", "FlutterLibserialportPlugin", "GamepadsDarwinPlugin",
+    "InAppReviewPlugin", "FPPPackageInfoPlusPlugin", "PathProviderPlugin",
+    "ScreenRetrieverMacosPlugin", "SharePlusMacosPlugin", "SharedPreferencesPlugin",
+    "SwiftThermionFlutterPlugin", "UrlLauncherPlugin", "WindowManagerPlugin",
+    // Own services.
+    "NativeSystemSymbols", "MacWindowAppearance", "AppleUsbCamera", "AppleGameControllerBridge",
+    "LegacySwiftUIBridge", "ICloudBridge", "AppleContextMenu", "UdpBridge", "BonjourBridge"};
 
-std::vector<std::string> RegistrarsOf(const PluginRegistry& registry) {
-  std::vector<std::string> names;
+Names RegistrarsOf(const PluginRegistry& registry) {
+  Names names;
   for (const auto& r : registry.registrations()) names.push_back(r.registrar);
   return names;
 }
 
-// What the engine gets back for a call on `channel`: decoded reply, or not-implemented when
-// nobody answers.
-MethodReply Call(engine::LoopbackEngine& engine, const std::string& channel) {
+// What a "ping" on `channel` gets back from the engine's side.
+Value Ping(engine::LoopbackEngine& engine, const std::string& channel) {
   std::optional<channel::Bytes> reply;
-  engine.SendFromEngine(channel, channel::EncodeMethodCall({"ping", channel::Value()}),
+  engine.SendFromEngine(channel, channel::EncodeMethodCall({"ping", Value()}),
                         [&](channel::Bytes bytes) { reply = std::move(bytes); });
   EXPECT_TRUE(reply.has_value()) << channel;
-  auto decoded = channel::DecodeEnvelope(reply.value_or(channel::Bytes()));
-  return decoded.value.value_or(MethodReply());
+  return channel::DecodeEnvelope(reply.value_or(channel::Bytes()))
+      .value.value_or(MethodReply())
+      .value;
 }
-
-// A table like the real one, but with every row made by a stand-in service that answers
-// "ping" on its row's channels with its registrar name, and notes when it was made.
-std::vector<std::string> g_made;
-std::vector<StartupRow> g_full_table;
 
 struct StandInService : ApplicationDelegate {
   std::vector<std::unique_ptr<channel::MethodChannel>> channels;
-  std::vector<std::string> heard;
+  Names heard;
   void HandleDidFinishLaunching() override { heard.push_back("launched"); }
   void HandleWillTerminate() override { heard.push_back("terminating"); }
-  bool HandleOpenUris(const std::vector<std::string>& uris) override {
+  bool HandleOpenUris(const Names& uris) override {
     heard.push_back("open " + uris.front());
     return true;
   }
 };
 
+Names g_made;
+std::vector<StartupRow> g_table;
 // Weak: the service must die with its host, before the engine its channels are on.
-std::weak_ptr<StandInService> g_last_document_service;
+std::weak_ptr<StandInService> g_document_service;
 
 std::shared_ptr<void> MakeStandIn(Registrar& registrar) {
   g_made.push_back(registrar.name());
   auto service = std::make_shared<StandInService>();
-  auto row = std::find_if(g_full_table.begin(), g_full_table.end(),
+  auto row = std::find_if(g_table.begin(), g_table.end(),
                           [&](const StartupRow& r) { return r.registrar == registrar.name(); });
   for (const std::string& name : row->channels) {
     auto method_channel = std::make_unique<channel::MethodChannel>(registrar.messenger(), name);
     method_channel->SetMethodCallHandler(
         [who = registrar.name()](const channel::MethodCall&,
                                  std::unique_ptr<channel::MethodResult> result) {
-          result->Success(channel::Value(who));
+          result->Success(Value(who));
         });
     service->channels.push_back(std::move(method_channel));
   }
   if (registrar.name() == "MacProjectOpening") {
     registrar.AddApplicationDelegate(service);
-    g_last_document_service = service;
+    g_document_service = service;
   }
   return service;
 }
@@ -85,150 +89,61 @@ class RegistrationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     g_made.clear();
-    g_full_table = StartupTable();
-    for (auto& row : g_full_table) row.factory = &MakeStandIn;
+    g_table = StartupTable();
+    for (auto& row : g_table) row.factory = &MakeStandIn;
+    registry_ = &host_.RegisterMainWindowServices(nullptr, g_table);
   }
 
-  Host MakeHost() {
-    auto engine = std::make_unique<engine::LoopbackEngine>();
-    engine_ = engine.get();
-    return Host(std::move(engine), InfoDictionary::Default());
-  }
-
-  engine::LoopbackEngine* engine_ = nullptr;
+  engine::LoopbackEngine* engine_ = new engine::LoopbackEngine();  // owned by the host
+  Host host_{std::unique_ptr<engine::Engine>(engine_), InfoDictionary::Default()};
+  PluginRegistry* registry_ = nullptr;
 };
 
-TEST_F(RegistrationTest, TableFollowsTheStartUpOrder) {
-  std::vector<std::string> expected = {"MacProjectOpening"};
-  expected.insert(expected.end(), kStandardPlugins.begin(), kStandardPlugins.end());
-  for (const char* own :
-       {"NativeSystemSymbols", "MacWindowAppearance", "AppleUsbCamera", "AppleGameControllerBridge",
-        "LegacySwiftUIBridge", "ICloudBridge", "AppleContextMenu", "UdpBridge", "BonjourBridge"}) {
-    expected.push_back(own);
+TEST_F(RegistrationTest, EveryRowIsMadeOnceAndRecordedInStartUpOrder) {
+  EXPECT_EQ(g_made, kStartUpOrder) << "services made out of order";
+  EXPECT_EQ(RegistrarsOf(*registry_), kStartUpOrder);
+  for (size_t i = 0; i < g_table.size(); ++i) {
+    EXPECT_EQ(registry_->registrations()[i].status, RegistrationStatus::kRegistered);
+    EXPECT_EQ(registry_->registrations()[i].channels, g_table[i].channels);
   }
-  std::vector<std::string> table_order;
-  for (const auto& row : StartupTable()) table_order.push_back(row.registrar);
-  EXPECT_EQ(table_order, expected);
+  EXPECT_EQ(Ping(*engine_, "corvane/udp"), Value("UdpBridge"));
+  EXPECT_EQ(Ping(*engine_, "io.corvane/icloud/events"), Value("ICloudBridge"));
 
-  auto channels_of = [](const std::string& name) {
-    for (const auto& row : StartupTable())
-      if (row.registrar == name) return row.channels;
-    return std::vector<std::string>{};
-  };
-  EXPECT_EQ(channels_of("MacProjectOpening"), std::vector<std::string>{"io.corvane/open_projects"});
-  EXPECT_EQ(channels_of("ICloudBridge"),
-            (std::vector<std::string>{"io.corvane/icloud", "io.corvane/icloud/events"}));
-  EXPECT_EQ(channels_of("UdpBridge"),
-            (std::vector<std::string>{"corvane/udp", "corvane/udp_events"}));
-  EXPECT_EQ(channels_of("BonjourBridge"),
-            (std::vector<std::string>{"corvane/bonjour", "corvane/bonjour_events"}));
-  EXPECT_EQ(channels_of("NativeSystemSymbols"), std::vector<std::string>{"corvane/system_symbols"});
-}
-
-TEST_F(RegistrationTest, ThisBuildRecordsOnlyTheStandardPluginsAsNotLinked) {
-  Host host = MakeHost();
-  const PluginRegistry& registry = host.RegisterMainWindowServices(nullptr);
-  EXPECT_EQ(RegistrarsOf(registry), kStandardPlugins);
-  for (const auto& r : registry.registrations()) {
-    EXPECT_EQ(r.status, RegistrationStatus::kNotLinked) << r.registrar;
-    EXPECT_EQ(r.service, r.registrar);
-  }
-  // Own services without a factory open nothing: their channels get the empty reply.
-  for (const auto& row : StartupTable()) {
-    if (row.factory || row.kind != StartupRow::Kind::kOwnService) continue;
-    for (const auto& name : row.channels) {
-      EXPECT_EQ(Call(*engine_, name).kind, MethodReply::Kind::kNotImplemented) << name;
-    }
-  }
-  EXPECT_TRUE(host.engine().HandledChannels().empty());
-}
-
-TEST_F(RegistrationTest, EveryRowWithAFactoryIsRegisteredInTableOrder) {
-  Host host = MakeHost();
-  PluginRegistry& registry = host.RegisterMainWindowServices(nullptr, g_full_table);
-  PluginRegistry* again = &host.RegisterMainWindowServices(nullptr, g_full_table);
-
-  std::vector<std::string> table_order;
-  for (const auto& row : g_full_table) table_order.push_back(row.registrar);
-  EXPECT_EQ(g_made, table_order) << "services made out of order, or made twice";
-  EXPECT_EQ(RegistrarsOf(registry), table_order);
-  EXPECT_EQ(again, &registry);
-  for (size_t i = 0; i < g_full_table.size(); ++i) {
-    EXPECT_EQ(registry.registrations()[i].status, RegistrationStatus::kRegistered);
-    EXPECT_EQ(registry.registrations()[i].channels, g_full_table[i].channels);
-  }
-  EXPECT_EQ(Call(*engine_, "corvane/udp").value, channel::Value("UdpBridge"));
-  EXPECT_EQ(Call(*engine_, "io.corvane/icloud/events").value, channel::Value("ICloudBridge"));
-}
-
-TEST_F(RegistrationTest, ARegistrarIsMadeOnceAndRecordsOnce) {
-  Host host = MakeHost();
-  PluginRegistry& registry = host.RegisterMainWindowServices(nullptr, g_full_table);
-  const size_t before = registry.registrations().size();
-
-  Registrar& first = registry.RegistrarForPlugin("UdpBridge");
-  Registrar& second = registry.RegistrarForPlugin("UdpBridge");
-  EXPECT_EQ(&first, &second);
-  EXPECT_EQ(&registry.RegistrarForPlugin("Fresh"), &registry.RegistrarForPlugin("Fresh"));
-  EXPECT_EQ(registry.registrations().size(), before);
-
-  EXPECT_FALSE(registry.Record(first, "Other", {}, RegistrationStatus::kRegistered));
-  EXPECT_EQ(registry.registrations().size(), before);
-  EXPECT_TRUE(registry.Record(registry.RegistrarForPlugin("Fresh"), "Fresh", {},
-                              RegistrationStatus::kRegistered));
-  EXPECT_EQ(registry.registrations().back().registrar, "Fresh");
-
-  // Running the routine again over an existing registry makes nothing new.
-  g_made.clear();
-  RegisterMainWindowServices(registry, g_full_table);
-  EXPECT_TRUE(g_made.empty());
+  // Asking again, through the host or the routine, makes and records nothing new.
+  EXPECT_EQ(&host_.RegisterMainWindowServices(nullptr, g_table), registry_);
+  RegisterMainWindowServices(*registry_, g_table);
+  EXPECT_EQ(g_made, kStartUpOrder) << "services made twice";
+  Registrar& udp = registry_->RegistrarForPlugin("UdpBridge");
+  EXPECT_EQ(&udp, &registry_->RegistrarForPlugin("UdpBridge"));
+  EXPECT_FALSE(registry_->Record(udp, "Other", {}, RegistrationStatus::kRegistered));
+  EXPECT_EQ(registry_->registrations().size(), kStartUpOrder.size());
 }
 
 TEST_F(RegistrationTest, SecondaryWindowsGetOnlyTheirReducedSet) {
-  Host host = MakeHost();
-  host.RegisterMainWindowServices(nullptr, g_full_table);
-
   engine::LoopbackEngine window_engine;
-  PluginRegistry window_registry(window_engine, nullptr, host.info());
+  PluginRegistry window(window_engine, nullptr, host_.info());
   g_made.clear();
-  RegisterSecondaryWindowServices(window_registry, g_full_table);
+  RegisterSecondaryWindowServices(window, g_table);
 
-  const std::vector<std::string> reduced = {"ScreenRetrieverMacosPlugin", "WindowManagerPlugin",
-                                            "NativeSystemSymbols", "MacWindowAppearance"};
-  EXPECT_EQ(RegistrarsOf(window_registry), reduced);
+  const Names reduced = {"ScreenRetrieverMacosPlugin", "WindowManagerPlugin", "NativeSystemSymbols",
+                         "MacWindowAppearance"};
+  EXPECT_EQ(RegistrarsOf(window), reduced);
   EXPECT_EQ(g_made, reduced) << "fresh service objects, in order";
+  // Nothing of documents, network, cloud, camera, controllers or menus answers there.
   EXPECT_EQ(window_engine.HandledChannels(),
-            (std::vector<std::string>{"corvane/system_symbols", "io.corvane/window_appearance"}));
-  EXPECT_EQ(Call(window_engine, "corvane/system_symbols").kind, MethodReply::Kind::kSuccess);
-  for (const char* main_only :
-       {"io.corvane/open_projects", "corvane/udp", "corvane/bonjour", "io.corvane/icloud",
-        "io.corvane/apple_usb_camera", "io.corvane/gamepad", "io.corvane/legacy_swiftui",
-        "io.corvane/context_menu"}) {
-    EXPECT_EQ(Call(window_engine, main_only).kind, MethodReply::Kind::kNotImplemented) << main_only;
-  }
-
-  // With this build's table the window gets the two plug-ins, not linked, and nothing else.
-  engine::LoopbackEngine bare_engine;
-  PluginRegistry bare(bare_engine, nullptr, host.info());
-  RegisterSecondaryWindowServices(bare);
-  EXPECT_EQ(RegistrarsOf(bare),
-            (std::vector<std::string>{"ScreenRetrieverMacosPlugin", "WindowManagerPlugin"}));
-  EXPECT_TRUE(bare_engine.HandledChannels().empty());
+            (Names{"corvane/system_symbols", "io.corvane/window_appearance"}));
+  EXPECT_EQ(Ping(window_engine, "corvane/system_symbols"), Value("NativeSystemSymbols"));
 }
 
 TEST_F(RegistrationTest, LaunchAndTerminationReachApplicationDelegatesOnce) {
-  Host host = MakeHost();
-  host.RegisterMainWindowServices(nullptr, g_full_table);
-  auto service = g_last_document_service.lock();
+  auto service = g_document_service.lock();
   ASSERT_TRUE(service);
-
-  EXPECT_TRUE(host.OpenUris({"file:///a/b.corvane"}));
-  host.DidFinishLaunching();
-  host.DidFinishLaunching();
-  host.WillTerminate();
-  host.WillTerminate();
-  EXPECT_EQ(service->heard,
-            (std::vector<std::string>{"open file:///a/b.corvane", "launched", "terminating"}));
+  EXPECT_TRUE(host_.OpenUris({"file:///a/b.corvane"}));
+  host_.DidFinishLaunching();
+  host_.DidFinishLaunching();
+  host_.WillTerminate();
+  host_.WillTerminate();
+  EXPECT_EQ(service->heard, (Names{"open file:///a/b.corvane", "launched", "terminating"}));
 }
 
 }  // namespace

@@ -1,0 +1,136 @@
+// Fixtures shared by the host and corvanectl tests: a private folder, child processes, and a
+// private X server.
+#pragma once
+
+#include <gio/gio.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "dispatch/queue.h"
+
+namespace corvane::testing {
+
+// A fresh folder, removed with everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir() {
+    gchar* path = g_dir_make_tmp("corvane-test-XXXXXX", nullptr);
+    g_assert_nonnull(path);
+    path_ = path;
+    g_free(path);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  ~TempDir() { std::filesystem::remove_all(path_); }
+
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+constexpr auto kAllPipes =
+    static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE |
+                                  G_SUBPROCESS_FLAGS_STDERR_PIPE);
+
+// Starts `argv` through `launcher`, which it takes.
+inline GSubprocess* Spawn(GSubprocessLauncher* launcher, const std::vector<std::string>& argv) {
+  std::vector<const char*> args;
+  for (const std::string& a : argv) args.push_back(a.c_str());
+  args.push_back(nullptr);
+  GError* error = nullptr;
+  GSubprocess* process = g_subprocess_launcher_spawnv(launcher, args.data(), &error);
+  g_object_unref(launcher);
+  EXPECT_NE(process, nullptr) << (error ? error->message : "");
+  g_clear_error(&error);
+  return process;
+}
+
+struct Outcome {
+  int code = -1;  // the exit status, or 128 + the signal that ended it
+  std::string out;
+  std::string err;
+};
+
+inline std::string TakeText(GBytes* bytes) {
+  if (!bytes) return {};
+  gsize size = 0;
+  const auto* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
+  std::string text(data ? data : "", size);
+  g_bytes_unref(bytes);
+  return text;
+}
+
+// Feeds `input` to a piped standard input and waits for the end, collecting piped output. The
+// main loop turns meanwhile, so an engine in this process keeps answering.
+inline Outcome Finish(GSubprocess* process, const std::string& input = {}) {
+  Outcome outcome;
+  if (!process) return outcome;
+  struct Streams {
+    bool done = false;
+    GBytes* out = nullptr;
+    GBytes* err = nullptr;
+  } streams;
+  GBytes* in =
+      g_subprocess_get_stdin_pipe(process) ? g_bytes_new(input.data(), input.size()) : nullptr;
+  g_subprocess_communicate_async(
+      process, in, nullptr,
+      [](GObject* source, GAsyncResult* async, gpointer data) {
+        auto* s = static_cast<Streams*>(data);
+        g_subprocess_communicate_finish(G_SUBPROCESS(source), async, &s->out, &s->err, nullptr);
+        s->done = true;
+      },
+      &streams);
+  if (in) g_bytes_unref(in);
+  if (!dispatch::RunMainUntil([&] { return streams.done; }, std::chrono::seconds(60))) {
+    ADD_FAILURE() << "the child did not finish";
+    g_subprocess_force_exit(process);
+    dispatch::RunMainUntil([&] { return streams.done; }, std::chrono::seconds(60));
+  }
+  outcome.out = TakeText(streams.out);
+  outcome.err = TakeText(streams.err);
+  outcome.code = g_subprocess_get_if_exited(process) ? g_subprocess_get_exit_status(process)
+                                                     : 128 + g_subprocess_get_term_sig(process);
+  g_object_unref(process);
+  return outcome;
+}
+
+// An X server on a display number Xvfb picks itself, so parallel tests never collide. Stopped
+// when the object goes.
+class XvfbServer {
+ public:
+  XvfbServer() {
+    // Xvfb writes the display number to standard output once it accepts connections.
+    process_ =
+        Spawn(g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
+                  G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE)),
+              {"Xvfb", "-displayfd", "1", "-screen", "0", "1280x1024x24", "-nolisten", "tcp"});
+    if (!process_) return;
+    GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process_));
+    gchar* number = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
+    if (number && *number) display_ = std::string(":") + number;
+    g_free(number);
+    g_object_unref(out);
+  }
+  XvfbServer(const XvfbServer&) = delete;
+  XvfbServer& operator=(const XvfbServer&) = delete;
+  ~XvfbServer() {
+    if (!process_) return;
+    g_subprocess_force_exit(process_);
+    g_subprocess_wait(process_, nullptr, nullptr);
+    g_object_unref(process_);
+  }
+
+  bool ok() const { return !display_.empty(); }
+  const std::string& display() const { return display_; }  // ":N"
+
+ private:
+  GSubprocess* process_ = nullptr;
+  std::string display_;
+};
+
+}  // namespace corvane::testing
