@@ -264,7 +264,6 @@ TEST(CorvanectlCodec, MalformedInputAndUsageExitThree) {
   const Args bad[] = {
       {"decode", "0001"},  // a byte left over after null
       {"decode", "0x01"},
-      {"decode", "000"},
       {"decode", "--method-call", "07016d"},
       {"decode", "--envelope", "0201"},
       {"encode", R"({"a":})"},
