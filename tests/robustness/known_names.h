@@ -20,6 +20,12 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
       {"*", {{"listen", "cancel"}, {}}},
       {"corvane/bonjour", {{"start", "stop", "list"}, {"types"}}},
       {"corvane/bonjour_events", {{"listen", "cancel"}, {}}},
+      {"corvane/udp",
+       {{"capabilities", "open", "openListener", "send", "sendGuarded", "cancelSend", "close",
+         "interfaces", "triggerPermission"},
+        {"sessionId", "port", "host", "broadcast", "data", "requestId", "timeoutMs",
+         "expiresAtMs"}}},
+      {"corvane/udp_events", {{"listen", "cancel"}, {}}},
   };
   return vocabulary;
 }
