@@ -91,7 +91,8 @@ class EchoPeer {
       if (poll(&p, 1, 50) <= 0) continue;
       sockaddr_in from{};
       socklen_t n = sizeof from;
-      const ssize_t r = recvfrom(fd_, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &n);
+      const ssize_t r =
+          recvfrom(fd_, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &n);
       if (r > 0) sendto(fd_, buffer, r, 0, reinterpret_cast<sockaddr*>(&from), n);
     }
   }
@@ -114,8 +115,8 @@ class Client {
     if (fd_ >= 0) close(fd_);
   }
   void Call(uint32_t id, const std::string& channel, const std::string& method, Value args) {
-    const auto frame =
-        engine::EncodeMessageFrame(id, channel, channel::EncodeMethodCall({method, std::move(args)}));
+    const auto frame = engine::EncodeMessageFrame(
+        id, channel, channel::EncodeMethodCall({method, std::move(args)}));
     size_t off = 0;
     while (off < frame.size()) {
       const ssize_t w = send(fd_, frame.data() + off, frame.size() - off, MSG_NOSIGNAL);
@@ -242,9 +243,8 @@ uint64_t KernelDrops(uint16_t port) {
     std::string sl, local;
     fields >> sl >> local;
     if (!local.ends_with(hex)) continue;
-    std::string field;
-    for (int i = 0; i < 10 && fields >> field;) ++i;  // to the last column
-    std::string last = field;
+    // "drops" is the last column.
+    std::string field, last = "0";
     while (fields >> field) last = field;
     drops += std::stoull(last);
   }

@@ -52,8 +52,8 @@ std::string HostText(const sockaddr_in& address) {
 // SO_REUSEPORT): another socket can then share a port only if it allowed reuse as well.
 GSocket* NewUdpSocket(std::string* error) {
   GError* gerror = nullptr;
-  GSocket* socket = g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM,
-                                 G_SOCKET_PROTOCOL_UDP, &gerror);
+  GSocket* socket =
+      g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP, &gerror);
   if (!socket) {
     *error = gerror->message;
     g_error_free(gerror);
@@ -135,8 +135,8 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
     });
     GResolver* resolver = g_resolver_get_default();
     g_resolver_lookup_by_name_with_flags_async(resolver, host_.c_str(),
-                                               G_RESOLVER_NAME_LOOKUP_FLAGS_IPV4_ONLY,
-                                               resolving_, &ConnectedFlow::OnResolved, resolving_);
+                                               G_RESOLVER_NAME_LOOKUP_FLAGS_IPV4_ONLY, resolving_,
+                                               &ConnectedFlow::OnResolved, resolving_);
     g_object_unref(resolver);
   }
 
@@ -150,8 +150,8 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
       Complete(shared_from_this(), std::move(completion), Describe(ENOTCONN));
       return;
     }
-    const ssize_t sent = send(g_socket_get_fd(socket_), data.data(), data.size(),
-                              MSG_DONTWAIT | MSG_NOSIGNAL);
+    const ssize_t sent =
+        send(g_socket_get_fd(socket_), data.data(), data.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     std::optional<std::string> error;
     if (sent < 0) {
       const int code = errno;
@@ -175,8 +175,8 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
     GError* error = nullptr;
     GList* addresses =
         g_resolver_lookup_by_name_with_flags_finish(G_RESOLVER(source), result, &error);
-    auto* holder =
-        static_cast<std::weak_ptr<ConnectedFlow>*>(g_object_get_data(G_OBJECT(data), "corvane-flow"));
+    auto* holder = static_cast<std::weak_ptr<ConnectedFlow>*>(
+        g_object_get_data(G_OBJECT(data), "corvane-flow"));
     std::shared_ptr<ConnectedFlow> self = holder ? holder->lock() : nullptr;
     const bool cancelled = error && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED);
     if (self && !cancelled && self->resolving_ == data) {
@@ -221,8 +221,7 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
   void WatchSocket() {
     if (source_ || !socket_) return;
     source_ = g_socket_create_source(socket_, GIOCondition(G_IO_IN | G_IO_ERR), nullptr);
-    g_source_set_callback(source_, G_SOURCE_FUNC(&ConnectedFlow::OnReadable),
-                          this, nullptr);
+    g_source_set_callback(source_, G_SOURCE_FUNC(&ConnectedFlow::OnReadable), this, nullptr);
     g_source_attach(source_, g_main_context_get_thread_default());
   }
 
@@ -364,8 +363,7 @@ class Listener final : public UdpListener, public std::enable_shared_from_this<L
     state_ = FlowState::kReady;
     Notify(FlowState::kReady, "");
     source_ = g_socket_create_source(socket_, GIOCondition(G_IO_IN | G_IO_ERR), nullptr);
-    g_source_set_callback(source_, G_SOURCE_FUNC(&Listener::OnReadable), this,
-                          nullptr);
+    g_source_set_callback(source_, G_SOURCE_FUNC(&Listener::OnReadable), this, nullptr);
     g_source_attach(source_, g_main_context_get_thread_default());
   }
 
@@ -379,8 +377,8 @@ class Listener final : public UdpListener, public std::enable_shared_from_this<L
   uint16_t port() const override {
     sockaddr_in local{};
     socklen_t length = sizeof local;
-    if (!socket_ || getsockname(g_socket_get_fd(socket_), reinterpret_cast<sockaddr*>(&local),
-                                &length) != 0) {
+    if (!socket_ ||
+        getsockname(g_socket_get_fd(socket_), reinterpret_cast<sockaddr*>(&local), &length) != 0) {
       return 0;
     }
     return ntohs(local.sin_port);

@@ -55,8 +55,7 @@ void OnBus(GObject*, GAsyncResult* result, gpointer data) {
   GError* error = nullptr;
   GDBusConnection* bus = g_bus_get_finish(result, &error);
   if (!bus) {
-    g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "no system bus for the DNS-SD browse: %s",
-          error->message);
+    g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "no system bus for the DNS-SD browse: %s", error->message);
     g_error_free(error);
     return;
   }
@@ -72,8 +71,7 @@ void OnBus(GObject*, GAsyncResult* result, gpointer data) {
   // running means there is nothing to browse, not something to launch.
   std::string type = kPermissionServiceType;
   if (type.ends_with('.')) type.pop_back();
-  g_dbus_connection_call(bus, kAvahiName, "/", "org.freedesktop.Avahi.Server",
-                         "ServiceBrowserNew",
+  g_dbus_connection_call(bus, kAvahiName, "/", "org.freedesktop.Avahi.Server", "ServiceBrowserNew",
                          g_variant_new("(iissu)", -1, -1, type.c_str(), "", 0u),
                          G_VARIANT_TYPE("(o)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs,
                          state.cancellable, &OnBrowserCreated, new Holder(*holder));

@@ -232,8 +232,8 @@ void Session::SendGuarded(GuardedRequest request, std::shared_ptr<GuardedReply> 
 
   const double end_uptime =
       env_.clock.NowMonotonic() + static_cast<double>(request.timeout_ms) / 1000.0;
-  auto completion = [weak = weak_from_this(), id = request.request_id, reply](
-                        const char* status, bool attempted) {
+  auto completion = [weak = weak_from_this(), id = request.request_id, reply](const char* status,
+                                                                              bool attempted) {
     if (auto self = weak.lock()) self->guarded_writes_.erase(id);
     reply->Answer(status, attempted);
   };

@@ -64,8 +64,8 @@ struct UdpBridge::State {
   // anything the new one reports.
   Session& NewSession(const std::string& id) {
     CloseSession(id);
-    auto session = std::make_shared<Session>(
-        id, Session::Environment{*network, queue, clock}, send_event);
+    auto session =
+        std::make_shared<Session>(id, Session::Environment{*network, queue, clock}, send_event);
     return *(sessions[id] = std::move(session));
   }
 
@@ -81,8 +81,7 @@ struct UdpBridge::State {
   }
 };
 
-std::shared_ptr<UdpBridge> UdpBridge::Create(channel::BinaryMessenger& messenger,
-                                             Options options) {
+std::shared_ptr<UdpBridge> UdpBridge::Create(channel::BinaryMessenger& messenger, Options options) {
   std::shared_ptr<UdpBridge> bridge(new UdpBridge(messenger, std::move(options)));
   bridge->state_->send_event = [weak = std::weak_ptr(bridge)](ValueMap event) {
     // Handed to the sink on the main thread; with no sink the event is dropped there.
@@ -98,11 +97,10 @@ std::shared_ptr<UdpBridge> UdpBridge::Create(channel::BinaryMessenger& messenger
 UdpBridge::UdpBridge(channel::BinaryMessenger&, Options options)
     : queue_(std::make_unique<dispatch::SerialQueue>(kQueueLabel)) {
   dispatch::Clock& clock = options.clock ? *options.clock : dispatch::SystemClock::Get();
-  state_ = std::make_shared<State>(*queue_, clock,
-                                   options.permission_browser ? options.permission_browser
-                                                              : StartPermissionBrowse);
-  state_->network =
-      options.network ? options.network(*queue_) : MakeSystemUdpNetwork(*queue_);
+  state_ = std::make_shared<State>(
+      *queue_, clock,
+      options.permission_browser ? options.permission_browser : StartPermissionBrowse);
+  state_->network = options.network ? options.network(*queue_) : MakeSystemUdpNetwork(*queue_);
 }
 
 UdpBridge::~UdpBridge() {

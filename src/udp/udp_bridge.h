@@ -34,8 +34,7 @@ class UdpBridge : public std::enable_shared_from_this<UdpBridge> {
   };
 
   // Opens both channels on `messenger` (call on the main thread).
-  static std::shared_ptr<UdpBridge> Create(channel::BinaryMessenger& messenger,
-                                           Options options);
+  static std::shared_ptr<UdpBridge> Create(channel::BinaryMessenger& messenger, Options options);
   static std::shared_ptr<UdpBridge> Create(channel::BinaryMessenger& messenger) {
     return Create(messenger, Options());
   }

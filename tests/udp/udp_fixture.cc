@@ -13,18 +13,18 @@ class HoldingFlow final : public UdpFlow {
     shared_->handler = std::move(handler);
     // Holds only the shared part, so the inner flow's final notifications still get through
     // after the wrapper is dropped, without a reference cycle.
-    inner_->SetStateHandler([shared = shared_, &network = network_](FlowState state,
-                                                                    const std::string& error) {
-      if (state == FlowState::kReady && network.hold_ready) {
-        shared->ready_held = true;
-        network.Hold([shared] {
-          shared->ready_held = false;
-          if (shared->handler) shared->handler(FlowState::kReady, "");
+    inner_->SetStateHandler(
+        [shared = shared_, &network = network_](FlowState state, const std::string& error) {
+          if (state == FlowState::kReady && network.hold_ready) {
+            shared->ready_held = true;
+            network.Hold([shared] {
+              shared->ready_held = false;
+              if (shared->handler) shared->handler(FlowState::kReady, "");
+            });
+            return;
+          }
+          if (shared->handler) shared->handler(state, error);
         });
-        return;
-      }
-      if (shared->handler) shared->handler(state, error);
-    });
   }
   void Start() override { inner_->Start(); }
   FlowState state() const override {

@@ -19,7 +19,8 @@ class GuardedSendTest : public BridgeTest {
 
   double Future(double seconds = 60) { return clock_.NowWallMs() + seconds * 1000; }
 
-  ValueMap Args(const std::string& request_id, std::vector<std::pair<const char*, Value>> extra = {}) {
+  ValueMap Args(const std::string& request_id,
+                std::vector<std::pair<const char*, Value>> extra = {}) {
     ValueMap m;
     m.Append(Value("sessionId"), Value("s"));
     m.Append(Value("requestId"), Value(request_id));
@@ -115,13 +116,15 @@ TEST_F(GuardedSendTest, AcceptanceChecksOnTheQueue) {
   EXPECT_EQ(Guarded(Args("b")), Status("b", "rejected", false));
   EXPECT_EQ(Guarded(Args("c", {{"host", Value("")}, {"port", Value::Integer(9)}})),
             Status("c", "rejected", false));
-  Call("open", Map({{"sessionId", Value("s")}, {"host", Value("127.0.0.1")}, {"port", Value::Integer(0)}}));
+  Call("open",
+       Map({{"sessionId", Value("s")}, {"host", Value("127.0.0.1")}, {"port", Value::Integer(0)}}));
   EXPECT_EQ(Guarded(Args("d")), Status("d", "rejected", false));
 
   OpenSession(station_.port());
   EXPECT_EQ(Guarded(Args("e", {{"expiresAtMs", Value(clock_.NowWallMs() - 1)}})),
             Status("e", "timedOut", false));
-  EXPECT_EQ(Guarded(Args("f", {{"expiresAtMs", Value::Integer(static_cast<int64_t>(clock_.NowWallMs()))}})),
+  EXPECT_EQ(Guarded(Args(
+                "f", {{"expiresAtMs", Value::Integer(static_cast<int64_t>(clock_.NowWallMs()))}})),
             Status("f", "timedOut", false))
       << "expiry equal to now is past";
   EXPECT_EQ(Guarded(Args("g", {{"host", Value("10.0.0.255")}, {"port", Value::Integer(21105)}})),
@@ -132,8 +135,9 @@ TEST_F(GuardedSendTest, AcceptanceChecksOnTheQueue) {
   EXPECT_EQ(Guarded(Args("h")), Status("h", "sent", true));
   auto on_session = station_.Receive();
   Peer other;
-  EXPECT_EQ(Guarded(Args("i", {{"host", Value("localhost")}, {"port", Value::Integer(other.port())}})),
-            Status("i", "sent", true));
+  EXPECT_EQ(
+      Guarded(Args("i", {{"host", Value("localhost")}, {"port", Value::Integer(other.port())}})),
+      Status("i", "sent", true));
   ASSERT_TRUE(on_session);
   EXPECT_EQ(on_session->data, channel::Bytes({0x07, 0x00, 0x40, 0x00}));
   EXPECT_TRUE(other.Receive());
@@ -156,7 +160,8 @@ TEST_F(GuardedSendTest, CancelBeforeSendLeavesATombstoneFor31Seconds) {
 
   // A full table of live tombstones keeps no more; once they expire, there is room again.
   for (int i = 0; i < 256; ++i) {
-    Call("cancelSend", Map({{"sessionId", Value("s")}, {"requestId", Value("x" + std::to_string(i))}}));
+    Call("cancelSend",
+         Map({{"sessionId", Value("s")}, {"requestId", Value("x" + std::to_string(i))}}));
   }
   Call("cancelSend", Map({{"sessionId", Value("s")}, {"requestId", Value("over")}}));
   EXPECT_EQ(Guarded(Args("x255")), Status("x255", "cancelled", false));
@@ -178,14 +183,17 @@ TEST_F(GuardedSendTest, DuplicateIdsAndAFullTableAreRejected) {
   EXPECT_EQ(Guarded(own("dup")), Status("dup", "rejected", false));
 
   std::vector<std::shared_ptr<std::vector<MethodReply>>> pending;
-  for (int i = 1; i < 256; ++i) pending.push_back(CallLater("sendGuarded", Value(own("p" + std::to_string(i)))));
+  for (int i = 1; i < 256; ++i)
+    pending.push_back(CallLater("sendGuarded", Value(own("p" + std::to_string(i)))));
   WaitHeld(256);
   EXPECT_EQ(Guarded(own("full")), Status("full", "rejected", false));
 
   holding_->Release();
   EXPECT_EQ(Await(first), Status("dup", "sent", true)) << "the first is unaffected";
   dispatch::RunMainUntil(
-      [&] { return std::all_of(pending.begin(), pending.end(), [](auto& p) { return !p->empty(); }); },
+      [&] {
+        return std::all_of(pending.begin(), pending.end(), [](auto& p) { return !p->empty(); });
+      },
       10s);
   Settle(50ms);
   for (auto& p : pending) {
@@ -200,9 +208,9 @@ TEST_F(GuardedSendTest, DuplicateIdsAndAFullTableAreRejected) {
 TEST_F(GuardedSendTest, TimeOutBeforeTheHandOverIsTimedOut) {
   OpenSession(station_.port());
   holding_->hold_ready = true;
-  auto reply = CallLater("sendGuarded",
-                         Value(Args("slow", {{"host", Value("127.0.0.1")},
-                                             {"port", Value::Integer(station_.port())}})));
+  auto reply =
+      CallLater("sendGuarded", Value(Args("slow", {{"host", Value("127.0.0.1")},
+                                                   {"port", Value::Integer(station_.port())}})));
   WaitHeld(1);
   clock_.Advance(499ms);
   Settle(50ms);
@@ -217,10 +225,10 @@ TEST_F(GuardedSendTest, TimeOutBeforeTheHandOverIsTimedOut) {
 TEST_F(GuardedSendTest, AClockJumpPastTheExpiryStopsAStaleCommand) {
   OpenSession(station_.port());
   holding_->hold_ready = true;
-  auto reply = CallLater("sendGuarded",
-                         Value(Args("stale", {{"host", Value("127.0.0.1")},
-                                              {"port", Value::Integer(station_.port())},
-                                              {"expiresAtMs", Value(Future(1))}})));
+  auto reply =
+      CallLater("sendGuarded", Value(Args("stale", {{"host", Value("127.0.0.1")},
+                                                    {"port", Value::Integer(station_.port())},
+                                                    {"expiresAtMs", Value(Future(1))}})));
   WaitHeld(1);
   clock_.JumpWall(2s);
   holding_->Release();
@@ -259,7 +267,8 @@ TEST_F(GuardedSendTest, EndingsBeforeTheHandOverKeepTheirStatus) {
   OpenSession(station_.port());
   holding_->hold_ready = true;
   auto own = [&](const std::string& id) {
-    return Value(Args(id, {{"host", Value("127.0.0.1")}, {"port", Value::Integer(station_.port())}}));
+    return Value(
+        Args(id, {{"host", Value("127.0.0.1")}, {"port", Value::Integer(station_.port())}}));
   };
   auto cancelled = CallLater("sendGuarded", own("c"));
   WaitHeld(1);
@@ -277,9 +286,9 @@ TEST_F(GuardedSendTest, EndingsBeforeTheHandOverKeepTheirStatus) {
 TEST_F(GuardedSendTest, ABridgeGoneWithACallPendingStillAnswersIt) {
   OpenSession(station_.port());
   holding_->hold_ready = true;
-  auto reply = CallLater("sendGuarded",
-                         Value(Args("gone", {{"host", Value("127.0.0.1")},
-                                             {"port", Value::Integer(station_.port())}})));
+  auto reply =
+      CallLater("sendGuarded", Value(Args("gone", {{"host", Value("127.0.0.1")},
+                                                   {"port", Value::Integer(station_.port())}})));
   WaitHeld(1);
   bridge_.reset();
   EXPECT_EQ(Await(reply), Status("gone", "disconnected", false));

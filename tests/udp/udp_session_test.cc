@@ -23,18 +23,18 @@ class UdpSessionTest : public BridgeTest {
 
   // Opens a connected session to the peer and waits for it to be ready.
   void OpenTo(const std::string& id, const std::string& host, uint16_t port) {
-    ASSERT_EQ(Call("open", Map({{"sessionId", Value(id)},
-                                {"host", Value(host)},
-                                {"port", Value::Integer(port)}}))
-                  .value,
-              Value(true));
+    ASSERT_EQ(
+        Call("open",
+             Map({{"sessionId", Value(id)}, {"host", Value(host)}, {"port", Value::Integer(port)}}))
+            .value,
+        Value(true));
     ASSERT_TRUE(WaitEvent(id, "ready")) << "session " << id << " never became ready";
   }
 
   uint16_t OpenListener(const std::string& id, size_t* index = nullptr) {
-    EXPECT_EQ(Call("openListener", Map({{"sessionId", Value(id)}, {"port", Value::Integer(0)}}))
-                  .value,
-              Value(true));
+    EXPECT_EQ(
+        Call("openListener", Map({{"sessionId", Value(id)}, {"port", Value::Integer(0)}})).value,
+        Value(true));
     auto ready = WaitEvent(id, "ready", index);
     EXPECT_TRUE(ready);
     const Value* port = ready ? ready->Find("port") : nullptr;
@@ -73,21 +73,21 @@ TEST_F(UdpSessionTest, MethodsAnswerExactlyAndValidateArguments) {
   ExpectBadArgs("open", Value(), open_usage);
   ExpectBadArgs("open", Map({{"sessionId", Value("a")}, {"port", Value::Integer(70000)}}),
                 open_usage);
-  ExpectBadArgs("open", Map({{"sessionId", Value("a")}, {"port", Value::Integer(-1)}}),
-                open_usage);
+  ExpectBadArgs("open", Map({{"sessionId", Value("a")}, {"port", Value::Integer(-1)}}), open_usage);
   ExpectBadArgs("open", Map({{"sessionId", Value("a")}, {"port", Value("21105")}}), open_usage);
-  ExpectBadArgs("openListener", Map({{"sessionId", Value::Integer(1)}, {"port", Value::Integer(1)}}),
+  ExpectBadArgs("openListener",
+                Map({{"sessionId", Value::Integer(1)}, {"port", Value::Integer(1)}}),
                 "openListener needs sessionId+port 0-65535");
   ExpectBadArgs("send", Map({{"data", Bytes({1})}}), "send needs sessionId+data");
   ExpectBadArgs("send", Map({{"sessionId", Value("a")}, {"data", Value("text")}}),
                 "send needs sessionId+data");
-  ExpectBadArgs("send",
-                Map({{"sessionId", Value("a")}, {"data", Bytes({1})}, {"port", Value::Integer(65536)}}),
-                "send needs a port 0-65535");
+  ExpectBadArgs(
+      "send",
+      Map({{"sessionId", Value("a")}, {"data", Bytes({1})}, {"port", Value::Integer(65536)}}),
+      "send needs a port 0-65535");
   // A port given as text counts as absent; an unknown session drops the datagram.
-  EXPECT_EQ(Call("send", Map({{"sessionId", Value("nobody")},
-                              {"data", Bytes({1})},
-                              {"port", Value("x")}}))
+  EXPECT_EQ(Call("send",
+                 Map({{"sessionId", Value("nobody")}, {"data", Bytes({1})}, {"port", Value("x")}}))
                 .value,
             Value(true));
 
@@ -173,7 +173,8 @@ TEST_F(UdpSessionTest, ListenerHearsSeveralPeersAndCachedFlowsCarryReplies) {
   EXPECT_EQ(reply->Find("fromPort")->integer(), b.port());
 
   // Without a port there is no destination: dropped, without an event.
-  Call("send", Map({{"sessionId", Value("l")}, {"data", Bytes({1})}, {"host", Value("127.0.0.1")}}));
+  Call("send",
+       Map({{"sessionId", Value("l")}, {"data", Bytes({1})}, {"host", Value("127.0.0.1")}}));
 }
 
 TEST_F(UdpSessionTest, DotTwoFiftyFiveGoesOutAsBroadcast) {
@@ -191,13 +192,16 @@ TEST_F(UdpSessionTest, DotTwoFiftyFiveGoesOutAsBroadcast) {
 
 TEST_F(UdpSessionTest, ListenerBindFailsOnlyWhenThePortIsHeldWithoutReuse) {
   Peer holder;  // bound without SO_REUSEADDR
-  Call("openListener", Map({{"sessionId", Value("busy")}, {"port", Value::Integer(holder.port())}}));
+  Call("openListener",
+       Map({{"sessionId", Value("busy")}, {"port", Value::Integer(holder.port())}}));
   auto failed = WaitEvent("busy", "failed");
   ASSERT_TRUE(failed);
-  EXPECT_TRUE(Text(*failed, "error").starts_with("Listener bind failed: ")) << Text(*failed, "error");
+  EXPECT_TRUE(Text(*failed, "error").starts_with("Listener bind failed: "))
+      << Text(*failed, "error");
 
   Peer sharer(0, /*reuse=*/true);
-  Call("openListener", Map({{"sessionId", Value("shared")}, {"port", Value::Integer(sharer.port())}}));
+  Call("openListener",
+       Map({{"sessionId", Value("shared")}, {"port", Value::Integer(sharer.port())}}));
   auto ready = WaitEvent("shared", "ready");
   ASSERT_TRUE(ready);
   EXPECT_EQ(ready->Find("port")->integer(), sharer.port());
