@@ -16,8 +16,6 @@
 #include <vector>
 
 #include "channel/standard_codec.h"
-#include "dispatch/clock.h"
-#include "dispatch/queue.h"
 #include "engine/loopback_engine.h"
 #include "udp/udp_bridge.h"
 
@@ -31,21 +29,14 @@ using channel::ValueMap;
 // A plain UDP socket on 127.0.0.1 standing in for a command station.
 class Peer {
  public:
-  explicit Peer(uint16_t port = 0, bool reuse = false) {
-    fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  explicit Peer(bool reuse = false) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     const int one = 1;
     if (reuse) setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(port);
-    bound_ = bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    sockaddr_in a = Loopback(0);
+    bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
   }
   ~Peer() { close(fd_); }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
 
-  bool bound() const { return bound_; }
   uint16_t port() const {
     sockaddr_in a{};
     socklen_t n = sizeof a;
@@ -53,42 +44,36 @@ class Peer {
     return ntohs(a.sin_port);
   }
   void SendTo(uint16_t port, const channel::Bytes& data) const {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(port);
+    sockaddr_in a = Loopback(port);
     sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
   }
   struct Datagram {
     channel::Bytes data;
     uint16_t from_port;
   };
-  // The next datagram, or nothing within `timeout` (runs the main context meanwhile).
+  // The next datagram, or nothing within `timeout`. The bridge sends from its own thread, so
+  // the main context need not run meanwhile.
   std::optional<Datagram> Receive(std::chrono::milliseconds timeout = 5s) const {
-    std::optional<Datagram> got;
-    dispatch::RunMainUntil(
-        [&] {
-          if (got) return true;  // the predicate is asked again after it said yes
-          pollfd p{fd_, POLLIN, 0};
-          if (poll(&p, 1, 0) <= 0) return false;
-          uint8_t buffer[65536];
-          sockaddr_in from{};
-          socklen_t n = sizeof from;
-          const ssize_t r =
-              recvfrom(fd_, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &n);
-          if (r < 0) return false;
-          got = Datagram{channel::Bytes(buffer, buffer + r), ntohs(from.sin_port)};
-          return true;
-        },
-        timeout);
-    return got;
+    pollfd p{fd_, POLLIN, 0};
+    uint8_t buffer[65536];
+    sockaddr_in from{};
+    socklen_t n = sizeof from;
+    if (poll(&p, 1, static_cast<int>(timeout.count())) <= 0) return std::nullopt;
+    const ssize_t r =
+        recvfrom(fd_, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &n);
+    if (r < 0) return std::nullopt;
+    return Datagram{channel::Bytes(buffer, buffer + r), ntohs(from.sin_port)};
   }
-  // Answers the last sender.
-  void Reply(uint16_t to_port, const channel::Bytes& data) const { SendTo(to_port, data); }
 
  private:
-  int fd_ = -1;
-  bool bound_ = false;
+  static sockaddr_in Loopback(uint16_t port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(port);
+    return a;
+  }
+  int fd_;
 };
 
 // Wraps the real network so a test can hold back two things the loopback never lets it catch
@@ -101,7 +86,10 @@ class HoldingNetwork : public UdpNetwork {
   std::atomic<bool> hold_ready{false};
   std::atomic<bool> hold_completions{false};
 
-  std::shared_ptr<UdpFlow> Connect(const std::string& host, uint16_t port) override;
+  std::shared_ptr<UdpFlow> Connect(const std::string& host, uint16_t port) override {
+    auto inner = inner_->Connect(host, port);
+    return inner ? std::make_shared<Flow>(std::move(inner), *this) : nullptr;
+  }
   std::shared_ptr<UdpListener> Listen(uint16_t port, std::string* error) override {
     return inner_->Listen(port, error);
   }
@@ -116,20 +104,50 @@ class HoldingNetwork : public UdpNetwork {
   // Lets everything held go, on the bridge's queue.
   void Release() {
     queue_.Async([this] {
-      std::vector<std::function<void()>> run;
-      {
-        std::lock_guard lock(mutex_);
-        run.swap(held_);
-      }
+      std::unique_lock lock(mutex_);
+      auto run = std::exchange(held_, {});
+      lock.unlock();
       for (auto& fn : run) fn();
     });
   }
+
+ private:
+  // Only guarded sends' own flows are held, and those never ask for their state, so state()
+  // need not pretend a held flow is still preparing.
+  class Flow final : public UdpFlow {
+   public:
+    Flow(std::shared_ptr<UdpFlow> inner, HoldingNetwork& network)
+        : inner_(std::move(inner)), network_(network) {}
+    void SetStateHandler(StateHandler handler) override {
+      if (!handler) return inner_->SetStateHandler(nullptr);
+      inner_->SetStateHandler([handler, &network = network_](FlowState s, const std::string& e) {
+        if (s != FlowState::kReady || !network.hold_ready) return handler(s, e);
+        network.Hold([handler] { handler(FlowState::kReady, ""); });
+      });
+    }
+    void Start() override { inner_->Start(); }
+    FlowState state() const override { return inner_->state(); }
+    void Receive(ReceiveHandler handler) override { inner_->Receive(std::move(handler)); }
+    void Send(Bytes data, SendCompletion completion) override {
+      if (!network_.hold_completions || !completion) {
+        return inner_->Send(std::move(data), std::move(completion));
+      }
+      inner_->Send(std::move(data), [&network = network_, completion](const auto& error) {
+        network.Hold([completion, error] { completion(error); });
+      });
+    }
+    void Cancel() override { inner_->Cancel(); }
+
+   private:
+    std::shared_ptr<UdpFlow> inner_;
+    HoldingNetwork& network_;
+  };
+
   void Hold(std::function<void()> fn) {
     std::lock_guard lock(mutex_);
     held_.push_back(std::move(fn));
   }
 
- private:
   dispatch::SerialQueue& queue_;
   std::shared_ptr<UdpNetwork> inner_;
   std::mutex mutex_;
@@ -139,42 +157,27 @@ class HoldingNetwork : public UdpNetwork {
 // Installs the bridge on a loopback engine, listens to its events, and reads them back.
 class BridgeTest : public ::testing::Test {
  protected:
-  void StartBridge(bool holding = false) {
+  using Replies = std::shared_ptr<std::vector<MethodReply>>;
+
+  // Every test runs on the holding network; with nothing held it is the real one.
+  void SetUp() override {
     UdpBridge::Options options;
     options.clock = &clock_;
     options.permission_browser = [this] {
       ++browsers_started_;
       return std::make_unique<PermissionBrowser>();
     };
-    if (holding) {
-      options.network = [this](dispatch::SerialQueue& queue) {
-        auto network = std::make_shared<HoldingNetwork>(queue);
-        holding_ = network.get();
-        return network;
-      };
-    }
+    options.network = [this](dispatch::SerialQueue& queue) {
+      auto network = std::make_shared<HoldingNetwork>(queue);
+      holding_ = network.get();
+      return network;
+    };
     bridge_ = UdpBridge::Create(engine_, std::move(options));
     engine_.SendFromEngine(kEventChannel, channel::EncodeMethodCall({"listen", Value()}));
   }
 
-  void TearDown() override { bridge_.reset(); }
-
-  MethodReply Call(const std::string& method, Value args = Value()) {
-    std::optional<channel::Bytes> reply;
-    int replies = 0;
-    engine_.SendFromEngine(kMethodChannel, channel::EncodeMethodCall({method, std::move(args)}),
-                           [&](channel::Bytes b) {
-                             ++replies;
-                             reply = std::move(b);
-                           });
-    dispatch::RunMainUntil([&] { return reply.has_value(); }, 5s);
-    EXPECT_TRUE(reply.has_value()) << "no reply to " << method;
-    auto decoded = channel::DecodeEnvelope(reply.value_or(channel::Bytes()));
-    return decoded.value.value_or(MethodReply());
-  }
-
-  // Starts a call whose reply comes later; the returned slot fills when it does.
-  std::shared_ptr<std::vector<MethodReply>> CallLater(const std::string& method, Value args) {
+  // Starts a call; the returned list fills with its replies as they come.
+  Replies CallLater(const std::string& method, Value args) {
     auto replies = std::make_shared<std::vector<MethodReply>>();
     engine_.SendFromEngine(kMethodChannel, channel::EncodeMethodCall({method, std::move(args)}),
                            [replies](channel::Bytes b) {
@@ -183,6 +186,36 @@ class BridgeTest : public ::testing::Test {
                            });
     return replies;
   }
+
+  MethodReply Call(const std::string& method, Value args = Value()) {
+    Replies replies = CallLater(method, std::move(args));
+    dispatch::RunMainUntil([&] { return !replies->empty(); }, 5s);
+    EXPECT_FALSE(replies->empty()) << "no reply to " << method;
+    return replies->empty() ? MethodReply() : replies->front();
+  }
+
+  // Opens a connected session and waits until it is ready.
+  void Open(const std::string& id, const std::string& host, uint16_t port) {
+    size_t from = Events().size();
+    Call("open",
+         Map({{"sessionId", Value(id)}, {"host", Value(host)}, {"port", Value::Integer(port)}}));
+    ASSERT_TRUE(WaitEvent(id, "ready", &from)) << "session " << id << " never became ready";
+  }
+  // Opens a listener and answers the port its "ready" reports (0 when none came).
+  uint16_t Listen(const std::string& id, uint16_t port = 0) {
+    size_t from = Events().size();
+    Call("openListener", Map({{"sessionId", Value(id)}, {"port", Value::Integer(port)}}));
+    auto ready = WaitEvent(id, "ready", &from);
+    const Value* bound = ready ? ready->Find("port") : nullptr;
+    return bound && bound->integer() ? static_cast<uint16_t>(*bound->integer()) : 0;
+  }
+  void Send(const std::string& id, channel::Bytes data, const char* host = nullptr, int port = -1) {
+    ValueMap m = Fields({{"sessionId", Value(id)}, {"data", Value(std::move(data))}});
+    if (host) m.Append(Value("host"), Value(host));
+    if (port >= 0) m.Append(Value("port"), Value::Integer(port));
+    Call("send", Value(std::move(m)));
+  }
+  void Close(const std::string& id) { Call("close", Map({{"sessionId", Value(id)}})); }
 
   // Every event so far, decoded, in order.
   std::vector<ValueMap> Events() {
@@ -202,43 +235,53 @@ class BridgeTest : public ::testing::Test {
     return v && v->string_if() ? *v->string_if() : std::string();
   }
 
-  // Waits for the first event of `type` for `session` after the first `skip` events.
+  // Waits for the first event of `type` for `session` (carrying `data`, when given) at or after
+  // index `*from`, and moves `*from` past it.
   std::optional<ValueMap> WaitEvent(const std::string& session, const std::string& type,
-                                    size_t* index = nullptr, std::chrono::milliseconds t = 5s) {
+                                    size_t* from = nullptr,
+                                    const std::optional<channel::Bytes>& data = std::nullopt) {
     std::optional<ValueMap> found;
-    const size_t from = index ? *index : 0;
     dispatch::RunMainUntil(
         [&] {
           auto events = Events();
-          for (size_t i = from; i < events.size(); ++i) {
-            if (Text(events[i], "sessionId") == session && Text(events[i], "type") == type) {
-              found = events[i];
-              if (index) *index = i + 1;
-              return true;
+          for (size_t i = from ? *from : 0; i < events.size(); ++i) {
+            const Value* d = events[i].Find("data");
+            if (Text(events[i], "sessionId") != session || Text(events[i], "type") != type ||
+                (data && !(d && d->bytes_if() && *d->bytes_if() == *data))) {
+              continue;
             }
+            found = events[i];
+            if (from) *from = i + 1;
+            return true;
           }
           return false;
         },
-        t);
+        5s);
     return found;
+  }
+  std::optional<ValueMap> WaitData(const std::string& session, const channel::Bytes& data) {
+    return WaitEvent(session, "data", nullptr, data);
   }
 
   void Settle(std::chrono::milliseconds t = 100ms) {
     dispatch::RunMainUntil([] { return false; }, t);
   }
 
-  static Value Map(std::initializer_list<std::pair<const char*, Value>> entries) {
+  static ValueMap Fields(std::initializer_list<std::pair<const char*, Value>> entries) {
     ValueMap m;
     for (const auto& [k, v] : entries) m.Append(Value(k), v);
-    return Value(std::move(m));
+    return m;
+  }
+  static Value Map(std::initializer_list<std::pair<const char*, Value>> entries) {
+    return Value(Fields(entries));
   }
   static Value Bytes(std::initializer_list<uint8_t> b) { return Value(channel::Bytes(b)); }
 
   dispatch::ManualClock clock_;
-  engine::LoopbackEngine engine_;
-  std::shared_ptr<UdpBridge> bridge_;
-  HoldingNetwork* holding_ = nullptr;
   std::atomic<int> browsers_started_{0};
+  engine::LoopbackEngine engine_;
+  std::shared_ptr<UdpBridge> bridge_;  // destroyed before what it uses
+  HoldingNetwork* holding_ = nullptr;
 };
 
 }  // namespace corvane::udp::testing
