@@ -3,33 +3,29 @@
 // child processes.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
+typedef struct _GSubprocess GSubprocess;
+
 namespace corvane::discovery::testing {
 
-// Runs the daemon script with `command` ("start", "stop", "stop-avahi") for the pair kept in
-// `dir`; true when it succeeded.
+// Runs the daemon script with `command` ("start", "stop", "stop-avahi", "status") for the pair
+// kept in `dir`; true when it succeeded.
 bool RunDaemonScript(const std::string& script, const std::string& dir, const std::string& command);
 
 // The bus address of the pair kept in `dir`.
 std::string BusAddress(const std::string& dir);
 
-// True when avahi-daemon on the current DBUS_SYSTEM_BUS_ADDRESS answers.
-bool DaemonAnswers();
-
 // A child process with its output discarded or captured line by line; killed (SIGTERM) and
 // reaped when destroyed.
 class Child {
  public:
-  explicit Child(std::vector<std::string> argv, bool capture_stdout = false);
+  explicit Child(const std::vector<std::string>& argv, bool capture_stdout = false);
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
   ~Child();
 
-  bool running() const { return pid_ > 0; }
   // Sends SIGTERM and waits for the process to end.
   void Stop();
   // The next complete line of its standard output, waiting up to `timeout_ms`; false on time-out
@@ -37,8 +33,7 @@ class Child {
   bool ReadLine(std::string& line, int timeout_ms);
 
  private:
-  pid_t pid_ = -1;
-  int out_ = -1;
+  GSubprocess* process_ = nullptr;
   std::string buffer_;
 };
 

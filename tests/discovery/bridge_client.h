@@ -1,11 +1,13 @@
 // Plays the Flutter side of BonjourBridge through the loopback engine: calls, listens, and
-// collects the events as decoded maps.
+// collects the events as flat structs.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -21,34 +23,40 @@ using channel::Value;
 using channel::ValueList;
 using channel::ValueMap;
 
+// An event; also an entry of "list", as "found". Keys absent or mistyped read as "?" and -1.
 struct Event {
-  std::string type;  // "found" or "lost"
-  std::string name;
-  std::string service_type;
-  std::string host;
+  std::string kind;
+  std::string name, type, host;
   int64_t port = -1;
   std::vector<std::string> addresses;
+  friend bool operator==(const Event&, const Event&) = default;
+  friend std::ostream& operator<<(std::ostream& os, const Event& e) {
+    return os << e.kind << " {" << e.name << ", " << e.type << ", " << e.host << ", " << e.port
+              << ", " << ::testing::PrintToString(e.addresses) << "}";
+  }
 };
 
-inline std::string StringAt(const ValueMap& map, const char* key) {
-  const Value* v = map.Find(key);
-  return v && v->string_if() ? *v->string_if() : std::string("<missing>");
+// Arguments for "start": {"types": types}.
+inline Value TypesArg(Value types) {
+  ValueMap args;
+  args.Set("types", std::move(types));
+  return Value(std::move(args));
+}
+inline Value Types(const std::vector<std::string>& types) {
+  ValueList list(types.begin(), types.end());
+  return TypesArg(Value(std::move(list)));
 }
 
-// The service map as a flat struct; fields absent or of the wrong type read as "<missing>"/-1.
-inline Event ToEvent(const std::string& type, const Value& service) {
-  Event e;
-  e.type = type;
-  const ValueMap* map = service.map_if();
-  if (map == nullptr) return e;
-  e.name = StringAt(*map, "name");
-  e.service_type = StringAt(*map, "type");
-  e.host = StringAt(*map, "host");
-  if (const Value* port = map->Find("port"); port && port->integer()) e.port = *port->integer();
-  if (const Value* list = map->Find("addresses"); list && list->list_if()) {
-    for (const Value& a : *list->list_if()) {
-      e.addresses.push_back(a.string_if() ? *a.string_if() : "?");
-    }
+inline std::string Text(const Value* v) { return v && v->string_if() ? *v->string_if() : "?"; }
+
+inline Event ToEvent(std::string kind, const Value& service) {
+  static const ValueMap kNoMap;
+  const ValueMap& map = service.map_if() ? *service.map_if() : kNoMap;
+  auto text = [&](const char* key) { return Text(map.Find(key)); };
+  Event e{std::move(kind), text("name"), text("type"), text("host"), -1, {}};
+  if (const Value* port = map.Find("port"); port && port->integer()) e.port = *port->integer();
+  if (const Value* list = map.Find("addresses"); list && list->list_if()) {
+    for (const Value& a : *list->list_if()) e.addresses.push_back(Text(&a));
   }
   return e;
 }
@@ -63,35 +71,42 @@ class BridgeClient {
   MethodReply Listen() { return Send(BonjourBridge::kEventChannel, "listen", Value()); }
   MethodReply Cancel() { return Send(BonjourBridge::kEventChannel, "cancel", Value()); }
 
-  // Every event received so far, in order.
-  std::vector<Event> Events() {
-    std::vector<Event> events;
-    for (const auto& m : engine_.received()) {
-      if (m.channel != BonjourBridge::kEventChannel) continue;
-      auto decoded = channel::DecodeEnvelope(m.payload);
-      if (!decoded || decoded.value->kind != MethodReply::Kind::kSuccess) continue;
-      const ValueMap* event = decoded.value->value.map_if();
-      EXPECT_NE(event, nullptr) << "an event that is not a map";
-      if (event == nullptr) continue;
-      const Value* service = event->Find("service");
-      events.push_back(ToEvent(StringAt(*event, "type"), service ? *service : Value()));
-    }
-    return events;
-  }
-
-  // Events of `type` about services named `name` (other tests may publish on the same daemon).
-  std::vector<Event> EventsAbout(const std::string& type, const std::string& name) {
+  std::vector<Event> List() {
+    MethodReply reply = Call("list");
+    EXPECT_NE(reply.value.list_if(), nullptr) << "\"list\" answered no list";
     std::vector<Event> out;
-    for (Event& e : Events()) {
-      if (e.type == type && e.name == name) out.push_back(std::move(e));
+    for (const Value& v : reply.value.list_if() ? *reply.value.list_if() : ValueList()) {
+      out.push_back(ToEvent("found", v));
     }
     return out;
   }
 
-  // Turns the main loop until `count` events of `type` about `name` have arrived.
-  bool WaitFor(const std::string& type, const std::string& name, size_t count = 1,
+  // Every event received so far, in order; only those about `name` when it is given (other
+  // tests may publish on the same daemon).
+  std::vector<Event> Events(const std::string& name = "") {
+    EXPECT_EQ(engine_.off_main_thread_deliveries(), 0);
+    std::vector<Event> events;
+    for (const auto& m : engine_.received()) {
+      if (m.channel != BonjourBridge::kEventChannel) continue;
+      auto decoded = channel::DecodeEnvelope(m.payload);
+      const ValueMap* event = decoded ? decoded.value->value.map_if() : nullptr;
+      EXPECT_NE(event, nullptr) << "an event that is not a map";
+      const Value* service = event ? event->Find("service") : nullptr;
+      Event e = ToEvent(Text(event ? event->Find("type") : nullptr), service ? *service : Value());
+      if (name.empty() || e.name == name) events.push_back(std::move(e));
+    }
+    return events;
+  }
+  size_t Count(const std::string& kind, const std::string& name) {
+    const std::vector<Event> events = Events(name);
+    return std::count_if(events.begin(), events.end(),
+                         [&](const Event& e) { return e.kind == kind; });
+  }
+
+  // Turns the main loop until `count` events of `kind` about `name` have arrived.
+  bool WaitFor(const std::string& kind, const std::string& name, size_t count = 1,
                std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    return dispatch::RunMainUntil([&] { return EventsAbout(type, name).size() >= count; }, timeout);
+    return dispatch::RunMainUntil([&] { return Count(kind, name) >= count; }, timeout);
   }
 
  private:
