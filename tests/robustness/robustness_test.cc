@@ -53,6 +53,17 @@ std::vector<std::string> RegisteredChannels() {
   return channels;
 }
 
+// Random calls that use every channel's real method names and keys, plus a few of nobody's.
+RandomCalls RandomCallsFor(uint64_t seed) {
+  std::vector<std::string> methods = {"", "x", "listen", "cancel"};
+  std::vector<std::string> keys = {"", "id", "value"};
+  for (const auto& [channel, words] : KnownVocabulary()) {
+    methods.insert(methods.end(), words.methods.begin(), words.methods.end());
+    keys.insert(keys.end(), words.keys.begin(), words.keys.end());
+  }
+  return RandomCalls(seed, methods, keys);
+}
+
 class HostProcess {
  public:
   explicit HostProcess(const std::string& dir) : socket_(dir + "/engine.sock"), log_(dir + "/host.log") {
@@ -160,13 +171,7 @@ TEST_F(RobustnessTest, EveryCallGetsExactlyOneReplyAndTheHostStaysUp) {
   // Channels nobody registered, including near misses of real ones.
   channels.insert(channels.end(), {"corvane/nothing", "io.corvane/Udp", "corvane/udp/"});
 
-  std::vector<std::string> methods = {"", "x", "listen", "cancel"};
-  std::vector<std::string> keys = {"", "id", "value"};
-  for (const auto& [channel, words] : KnownVocabulary()) {
-    methods.insert(methods.end(), words.methods.begin(), words.methods.end());
-    keys.insert(keys.end(), words.keys.begin(), words.keys.end());
-  }
-  RandomCalls random(seed, methods, keys);
+  RandomCalls random = RandomCallsFor(seed);
 
   std::set<uint32_t> waiting;
   std::map<uint32_t, int> replies;
@@ -207,13 +212,7 @@ TEST_F(RobustnessTest, GarbageFramesAndVanishingClientsLeaveTheHostUp) {
   SCOPED_TRACE("CORVANE_ROBUSTNESS_SEED=" + std::to_string(seed));
   std::vector<std::string> channels = RegisteredChannels();
   channels.push_back("corvane/nothing");
-  std::vector<std::string> methods = {"listen", "cancel"};
-  std::vector<std::string> keys;
-  for (const auto& [channel, words] : KnownVocabulary()) {
-    methods.insert(methods.end(), words.methods.begin(), words.methods.end());
-    keys.insert(keys.end(), words.keys.begin(), words.keys.end());
-  }
-  RandomCalls random(seed, methods, keys);
+  RandomCalls random = RandomCallsFor(seed);
 
   for (int round = 0; round < 200; ++round) {
     WireClient c;
