@@ -24,8 +24,8 @@ std::unique_ptr<engine::SocketEngine> StartSocketEngine(const std::string& path,
 void AnnounceEngineSocket(const std::string& path) {
   gchar* quoted = g_shell_quote(path.c_str());
   std::printf("engine socket: %s\n", path.c_str());
-  std::printf("try: corvanectl --socket %s call io.corvane/window_appearance setMode '\"dark\"'\n",
-              quoted);
+  // A call every build answers, so the line works as printed.
+  std::printf("try: corvanectl --socket %s call corvane/udp capabilities\n", quoted);
   // A script waiting for these lines reads through a pipe, which is block-buffered.
   std::fflush(stdout);
   g_free(quoted);
