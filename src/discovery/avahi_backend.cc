@@ -3,13 +3,15 @@
 // The client is made with AVAHI_CLIENT_NO_FAIL, so a missing avahi-daemon is waited for rather
 // than an error: browsers are (re)created whenever the client reaches the daemon, and every
 // resolved sighting is reported removed when the daemon goes away. When the bus itself goes
-// away the client fails; it is then remade after a back-off. Nothing here is reported to the
-// caller as an error: without a daemon, nothing is found.
+// away the client fails; it is then remade after a back-off, or, while the bus's socket file is
+// absent, when that file appears (so an idle host without a bus does not keep waking up).
+// Nothing here is reported to the caller as an error: without a daemon, nothing is found.
 #include <avahi-client/client.h>
 #include <avahi-client/lookup.h>
 #include <avahi-common/domain.h>
 #include <avahi-common/error.h>
 #include <avahi-glib/glib-watch.h>
+#include <gio/gio.h>
 #include <glib.h>
 #include <net/if.h>
 
@@ -38,6 +40,17 @@ constexpr milliseconds kLastRetry{8000};
 // A browser the daemon failed is remade after this.
 constexpr milliseconds kBrowserRetry{2000};
 
+// Where the system bus listens, when that is a file we can watch for; empty otherwise.
+std::string SystemBusSocketPath() {
+  const char* address = g_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+  if (address == nullptr || *address == '\0') return "/var/run/dbus/system_bus_socket";
+  std::string_view rest(address);
+  constexpr std::string_view kPrefix = "unix:path=";
+  if (rest.substr(0, kPrefix.size()) != kPrefix) return {};
+  rest.remove_prefix(kPrefix.size());
+  return std::string(rest.substr(0, rest.find_first_of(",;")));
+}
+
 std::string AddressText(const AvahiAddress* address, AvahiIfIndex interface) {
   char text[AVAHI_ADDRESS_STR_MAX] = {};
   if (address == nullptr || avahi_address_snprint(text, sizeof text, address) == nullptr) {
@@ -65,6 +78,7 @@ class AvahiBackend final : public DnsSdBackend {
   }
 
   ~AvahiBackend() override {
+    StopWatchingBus();
     retry_.Cancel();
     browser_retry_.Cancel();
     collect_.Cancel();
@@ -117,11 +131,65 @@ class AvahiBackend final : public DnsSdBackend {
                                            &AvahiBackend::ClientCallback, this, &error);
     client_ = client;
     if (client == nullptr) {
+      connected_ = false;
+      if (WatchForBus()) {
+        g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "no system bus (%s); waiting for %s",
+              avahi_strerror(error), bus_path_.c_str());
+        return;
+      }
       g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "no system bus (%s); retrying in %lld ms",
             avahi_strerror(error), static_cast<long long>(backoff_.count()));
-      connected_ = false;
       ScheduleReconnect();
     }
+  }
+
+  // Watches the bus socket's folder when the socket file is missing; false when there is
+  // nothing to watch (no such folder, an address that is not a file, or the file is there but
+  // not answering yet, which the back-off covers).
+  bool WatchForBus() {
+    const std::string path = SystemBusSocketPath();
+    if (path.empty() || g_file_test(path.c_str(), G_FILE_TEST_EXISTS)) return false;
+    gchar* dir = g_path_get_dirname(path.c_str());
+    if (g_file_test(dir, G_FILE_TEST_IS_DIR)) {
+      GFile* folder = g_file_new_for_path(dir);
+      bus_watch_ = g_file_monitor_directory(folder, G_FILE_MONITOR_NONE, nullptr, nullptr);
+      g_object_unref(folder);
+    }
+    g_free(dir);
+    if (bus_watch_ == nullptr) return false;
+    bus_path_ = path;
+    g_signal_connect(bus_watch_, "changed", G_CALLBACK(&AvahiBackend::OnBusFolderChanged), this);
+    // The file may have appeared before the watch began.
+    if (g_file_test(path.c_str(), G_FILE_TEST_EXISTS)) {
+      StopWatchingBus();
+      return false;
+    }
+    return true;
+  }
+
+  void StopWatchingBus() {
+    if (bus_watch_ == nullptr) return;
+    g_signal_handlers_disconnect_by_data(bus_watch_, this);
+    g_file_monitor_cancel(bus_watch_);
+    g_clear_object(&bus_watch_);
+  }
+
+  static void OnBusFolderChanged(GFileMonitor*, GFile* file, GFile*, GFileMonitorEvent event,
+                                 gpointer data) {
+    auto* self = static_cast<AvahiBackend*>(data);
+    if (event != G_FILE_MONITOR_EVENT_CREATED) return;
+    // By name: the folder may be reached through a symbolic link (/var/run is /run).
+    gchar* created = g_file_get_basename(file);
+    gchar* wanted = g_path_get_basename(self->bus_path_.c_str());
+    const bool is_bus = created != nullptr && g_strcmp0(created, wanted) == 0;
+    g_free(created);
+    g_free(wanted);
+    if (!is_bus) return;
+    self->StopWatchingBus();
+    // The bus creates its socket just before it listens; a first attempt that comes too early
+    // falls back to the back-off.
+    self->backoff_ = kFirstRetry;
+    self->ScheduleReconnect();
   }
 
   void ScheduleReconnect() {
@@ -306,6 +374,8 @@ class AvahiBackend final : public DnsSdBackend {
   milliseconds backoff_ = kFirstRetry;
   dispatch::WorkItem retry_;
   dispatch::WorkItem browser_retry_;
+  GFileMonitor* bus_watch_ = nullptr;  // while the bus socket file is missing
+  std::string bus_path_;
   dispatch::WorkItem collect_;
   std::map<std::string, std::unique_ptr<BrowseState>> browses_;
   size_t instance_count_ = 0;
