@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstring>
 
+#include "channel/utf8.h"
+
 namespace corvane::channel {
 
 static_assert(std::endian::native == std::endian::little,
@@ -184,52 +186,6 @@ size_t SizeHint(const Value& v) {
   if (const ValueMap* m = v.map_if()) return 16 + m->size() * 24;
   if (const ValueList* l = v.list_if()) return 16 + l->size() * 64;
   return 32;
-}
-
-bool IsValidUtf8(const uint8_t* s, size_t n) {
-  size_t i = 0;
-  while (i < n) {
-    // Fast path: eight ASCII bytes at a time.
-    if (i + 8 <= n) {
-      uint64_t chunk;
-      std::memcpy(&chunk, s + i, 8);
-      if ((chunk & 0x8080808080808080ull) == 0) {
-        i += 8;
-        continue;
-      }
-    }
-    const uint8_t c = s[i];
-    if (c < 0x80) {
-      ++i;
-      continue;
-    }
-    size_t len;
-    uint32_t cp;
-    if ((c & 0xe0) == 0xc0) {
-      len = 2;
-      cp = c & 0x1f;
-    } else if ((c & 0xf0) == 0xe0) {
-      len = 3;
-      cp = c & 0x0f;
-    } else if ((c & 0xf8) == 0xf0) {
-      len = 4;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + len > n) return false;
-    for (size_t k = 1; k < len; ++k) {
-      if ((s[i + k] & 0xc0) != 0x80) return false;
-      cp = (cp << 6) | (s[i + k] & 0x3f);
-    }
-    // Reject overlong forms, surrogates and values past U+10FFFF.
-    if ((len == 2 && cp < 0x80) || (len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000) ||
-        cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff)) {
-      return false;
-    }
-    i += len;
-  }
-  return true;
 }
 
 class Reader {

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "channel/utf8.h"
+
 namespace corvane::json {
 namespace tags {
 
@@ -25,31 +27,6 @@ inline constexpr std::string_view kMinusInfinity = "-Infinity";
 
 }  // namespace tags
 
-// Length of the well-formed UTF-8 sequence at `p` (at most `n` bytes available), or 0 when it
-// is malformed: overlong forms, surrogates and code points past U+10FFFF are all refused.
-inline size_t Utf8SequenceLength(const unsigned char* p, size_t n) {
-  const unsigned char c = p[0];
-  if (c < 0x80) return 1;
-  size_t len;
-  unsigned char lo = 0x80, hi = 0xbf;  // allowed range of the second byte
-  if (c >= 0xc2 && c <= 0xdf) {
-    len = 2;
-  } else if (c >= 0xe0 && c <= 0xef) {
-    len = 3;
-    if (c == 0xe0) lo = 0xa0;
-    if (c == 0xed) hi = 0x9f;
-  } else if (c >= 0xf0 && c <= 0xf4) {
-    len = 4;
-    if (c == 0xf0) lo = 0x90;
-    if (c == 0xf4) hi = 0x8f;
-  } else {
-    return 0;
-  }
-  if (n < len || p[1] < lo || p[1] > hi) return 0;
-  for (size_t i = 2; i < len; ++i) {
-    if ((p[i] & 0xc0) != 0x80) return 0;
-  }
-  return len;
-}
+using channel::Utf8SequenceLength;
 
 }  // namespace corvane::json

@@ -1,0 +1,56 @@
+// UTF-8 well-formedness, shared by the codec (strings off the wire) and the JSON mapping.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace corvane::channel {
+
+// Length of the well-formed UTF-8 sequence at `p` (at most `n` bytes available), or 0 when it
+// is malformed: overlong forms, surrogates and code points past U+10FFFF are all refused.
+inline size_t Utf8SequenceLength(const unsigned char* p, size_t n) {
+  const unsigned char c = p[0];
+  if (c < 0x80) return 1;
+  size_t len;
+  unsigned char lo = 0x80, hi = 0xbf;  // allowed range of the second byte
+  if (c >= 0xc2 && c <= 0xdf) {
+    len = 2;
+  } else if (c >= 0xe0 && c <= 0xef) {
+    len = 3;
+    if (c == 0xe0) lo = 0xa0;
+    if (c == 0xed) hi = 0x9f;
+  } else if (c >= 0xf0 && c <= 0xf4) {
+    len = 4;
+    if (c == 0xf0) lo = 0x90;
+    if (c == 0xf4) hi = 0x8f;
+  } else {
+    return 0;
+  }
+  if (n < len || p[1] < lo || p[1] > hi) return 0;
+  for (size_t i = 2; i < len; ++i) {
+    if ((p[i] & 0xc0) != 0x80) return 0;
+  }
+  return len;
+}
+
+inline bool IsValidUtf8(const uint8_t* s, size_t n) {
+  size_t i = 0;
+  while (i < n) {
+    // Fast path: eight ASCII bytes at a time.
+    if (i + 8 <= n) {
+      uint64_t chunk;
+      std::memcpy(&chunk, s + i, 8);
+      if ((chunk & 0x8080808080808080ull) == 0) {
+        i += 8;
+        continue;
+      }
+    }
+    const size_t len = Utf8SequenceLength(s + i, n - i);
+    if (len == 0) return false;
+    i += len;
+  }
+  return true;
+}
+
+}  // namespace corvane::channel
