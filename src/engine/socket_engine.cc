@@ -13,6 +13,7 @@
 #include <map>
 #include <set>
 
+#include "dispatch/glib_source.h"
 #include "dispatch/queue.h"
 #include "engine/wire.h"
 
@@ -53,13 +54,6 @@ GSource* WatchFd(int fd, GIOCondition events, std::function<void(GIOCondition)> 
   return source;
 }
 
-void Unwatch(GSource*& source) {
-  if (!source) return;
-  g_source_destroy(source);
-  g_source_unref(source);
-  source = nullptr;
-}
-
 }  // namespace
 
 struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
@@ -92,13 +86,13 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   std::map<uint32_t, PendingCall> pending;
 
   ~State() {
-    Unwatch(listen_watch);
+    dispatch::DestroySource(listen_watch);
     if (listen_fd >= 0) {
       close(listen_fd);
       unlink(path.c_str());
     }
     for (auto& [serial, client] : clients) {
-      Unwatch(client->watch);
+      dispatch::DestroySource(client->watch);
       close(client->fd);
     }
   }
@@ -279,7 +273,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     if (it == clients.end()) return;
     std::unique_ptr<Client> client = std::move(it->second);
     clients.erase(it);
-    Unwatch(client->watch);
+    dispatch::DestroySource(client->watch);
     close(client->fd);
     g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "client %llu disconnected",
           static_cast<unsigned long long>(serial));

@@ -25,6 +25,7 @@
 #include <map>
 #include <unordered_map>
 
+#include "dispatch/glib_source.h"
 #include "dispatch/queue.h"
 #include "udp/udp_network.h"
 
@@ -249,20 +250,13 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
     if (state_ == FlowState::kFailed || state_ == FlowState::kCancelled) return;
     g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "flow to %s:%u failed: %s", host_.c_str(), port_,
           error.c_str());
-    StopWatching();
+    dispatch::DestroySource(source_);
     state_ = FlowState::kFailed;
     Notify(shared_from_this(), FlowState::kFailed, std::move(error));
   }
 
-  void StopWatching() {
-    if (!source_) return;
-    g_source_destroy(source_);
-    g_source_unref(source_);
-    source_ = nullptr;
-  }
-
   void Teardown() {
-    StopWatching();
+    dispatch::DestroySource(source_);
     if (resolving_) {
       g_cancellable_cancel(resolving_);
       g_clear_object(&resolving_);
@@ -439,21 +433,14 @@ class Listener final : public UdpListener, public std::enable_shared_from_this<L
 
   void Fail(std::string error) {
     if (state_ != FlowState::kReady) return;
-    StopWatching();
+    dispatch::DestroySource(source_);
     state_ = FlowState::kFailed;
     Notify(FlowState::kFailed, std::move(error));
   }
 
-  void StopWatching() {
-    if (!source_) return;
-    g_source_destroy(source_);
-    g_source_unref(source_);
-    source_ = nullptr;
-  }
-
   // The socket itself stays open while flows hold it, so they can still reply.
   void Teardown() {
-    StopWatching();
+    dispatch::DestroySource(source_);
     g_clear_object(&socket_);
   }
 
