@@ -31,9 +31,10 @@ void EventSink::EndOfStream() { Emit(Bytes()); }
 void EventSink::Emit(Bytes envelope) {
   // The check that matters is the one on the main thread, at the moment of sending: a cancel
   // and a new listen may arrive between a queue posting the event and its delivery.
-  auto send = [shared = shared_, generation = generation_, envelope = std::move(envelope)]() {
+  auto send = [shared = shared_, generation = generation_,
+               envelope = std::move(envelope)]() mutable {
     if (shared->current.load() != generation) return;
-    shared->messenger->Send(shared->channel, envelope);
+    shared->messenger->Send(shared->channel, std::move(envelope));  // runs once
   };
   if (shared_->messenger->IsMainThread()) {
     send();

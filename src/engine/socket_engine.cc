@@ -306,11 +306,14 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
       for (auto& [serial, client] : clients) call.waiting_for.insert(serial);
       pending.emplace(id, std::move(call));
     }
-    const Bytes frame = EncodeMessageFrame(id, channel, message);
+    Bytes frame = EncodeMessageFrame(id, channel, message);
     std::vector<uint64_t> serials;
     for (auto& [serial, client] : clients) serials.push_back(serial);
-    for (uint64_t serial : serials) {
-      if (Client* c = Find(serial)) Queue(*c, frame);
+    for (size_t i = 0; i < serials.size(); ++i) {
+      Client* c = Find(serials[i]);
+      if (!c) continue;
+      // Each client needs its own copy, except the last, which takes the frame itself.
+      Queue(*c, i + 1 == serials.size() ? std::move(frame) : frame);
     }
   }
 };
