@@ -18,12 +18,16 @@ void Engine::Send(const std::string& channel, Bytes message, ReplyHandler on_rep
 }
 
 void Engine::SetMessageHandler(const std::string& channel, MessageHandler handler) {
-  std::lock_guard lock(mutex_);
-  if (handler) {
-    handlers_[channel] = std::make_shared<MessageHandler>(std::move(handler));
-  } else {
-    handlers_.erase(channel);
+  const bool installed = static_cast<bool>(handler);
+  {
+    std::lock_guard lock(mutex_);
+    if (installed) {
+      handlers_[channel] = std::make_shared<MessageHandler>(std::move(handler));
+    } else {
+      handlers_.erase(channel);
+    }
   }
+  HandlerChanged(channel, installed);
 }
 
 bool Engine::IsMainThread() const { return dispatch::IsMainThread(); }

@@ -37,6 +37,10 @@ class Engine : public BinaryMessenger {
   // Sends a host-initiated message to the engine. Called on the main thread.
   virtual void Transmit(const std::string& channel, Bytes message, ReplyHandler on_reply) = 0;
 
+  // A handler was set on (`installed`) or removed from `channel`; for transports that route
+  // per channel on their side too. Runs on the thread that set the handler.
+  virtual void HandlerChanged(const std::string& /*channel*/, bool /*installed*/) {}
+
  private:
   mutable std::mutex mutex_;
   std::unordered_map<std::string, std::shared_ptr<MessageHandler>> handlers_;

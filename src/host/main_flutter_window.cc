@@ -6,6 +6,7 @@
 #include "host/registration.h"
 #include "host/resources.h"
 #include "host/window_background.h"
+#include "host/window_content.h"
 
 namespace corvane::host {
 
@@ -32,13 +33,19 @@ MainFlutterWindow* MainFlutterWindow::Create(GtkApplication* application, Host& 
 }
 
 void MainFlutterWindow::AwakeFromUiDefinition(Host& host) {
-  // The Flutter view's stand-in; draws nothing, so the window background shows.
-  view_ = gtk_drawing_area_new();
+  WindowContent* content = window_content();
+  // Without Flutter, a stand-in that draws nothing, so the window background shows.
+  view_ = content ? content->CreateView() : gtk_drawing_area_new();
   gtk_widget_set_name(view_, "flutter-view");
   gtk_widget_set_hexpand(view_, TRUE);
   gtk_widget_set_vexpand(view_, TRUE);
 
   background_ = WindowBackground::Attach(GTK_WIDGET(window_));
+  if (content) {
+    GtkWidget* view = view_;
+    background_->SetChangeCallback(
+        [content, view](bool dark) { content->SetViewBackground(view, dark); });
+  }
 
   // The UI definition decides the size, not the content's wishes.
   int width = 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "channel/log.h"
+#include "host/window_content.h"
 
 namespace corvane::host {
 
@@ -11,6 +12,7 @@ namespace {
 constexpr const char* kLogDomain = "corvane-host";
 
 WindowCreatedHook g_window_created_hook = nullptr;
+WindowContent* g_window_content = nullptr;
 
 void RegisterRow(PluginRegistry& registry, const StartupRow& row) {
   if (registry.IsRecorded(row.registrar)) return;
@@ -19,7 +21,11 @@ void RegisterRow(PluginRegistry& registry, const StartupRow& row) {
     // its channels stay unanswered. A standard plug-in is asked for its registrar all the same.
     if (row.kind == StartupRow::Kind::kStandardPlugin) {
       Registrar& registrar = registry.RegistrarForPlugin(row.registrar);
-      registry.Record(registrar, row.service, row.channels, RegistrationStatus::kNotLinked);
+      WindowContent* content = window_content();
+      const bool linked = content && registry.view() &&
+                          content->RegisterStandardPlugin(registry.view(), row.registrar);
+      registry.Record(registrar, row.service, row.channels,
+                      linked ? RegistrationStatus::kRegistered : RegistrationStatus::kNotLinked);
     }
     return;
   }
@@ -56,6 +62,10 @@ void RegisterSecondaryWindowServices(PluginRegistry& registry,
 void RegisterSecondaryWindowServices(PluginRegistry& registry) {
   RegisterSecondaryWindowServices(registry, StartupTable());
 }
+
+void SetWindowContent(WindowContent* content) { g_window_content = content; }
+
+WindowContent* window_content() { return g_window_content; }
 
 void SetWindowCreatedHook(WindowCreatedHook hook) { g_window_created_hook = hook; }
 

@@ -101,6 +101,12 @@ void WindowBackground::Update() {
   gtk_css_provider_load_from_data(provider_, css, -1, nullptr);
   g_free(css);
   gtk_widget_queue_draw(window_);
+  if (on_change_) on_change_(dark);
+}
+
+void WindowBackground::SetChangeCallback(std::function<void(bool dark)> on_change) {
+  on_change_ = std::move(on_change);
+  if (on_change_ && applied_) on_change_(dark_);
 }
 
 }  // namespace corvane::host

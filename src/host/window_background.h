@@ -3,6 +3,7 @@
 // force either look on a window.
 #pragma once
 
+#include <functional>
 #include <string>
 
 typedef struct _GtkWidget GtkWidget;
@@ -41,6 +42,9 @@ class WindowBackground {
   bool dark() const { return dark_; }
 
   ThemeSignals CurrentThemeSignals() const;
+  // Told the current look at once and at every change; for content that paints its own
+  // background (the Flutter view).
+  void SetChangeCallback(std::function<void(bool dark)> on_change);
 
  private:
   explicit WindowBackground(GtkWidget* window);
@@ -56,6 +60,7 @@ class WindowBackground {
   Appearance appearance_ = Appearance::kSystem;
   bool dark_ = false;
   bool applied_ = false;
+  std::function<void(bool dark)> on_change_;
 };
 
 }  // namespace corvane::host
