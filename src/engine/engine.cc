@@ -2,19 +2,44 @@
 
 #include <algorithm>
 
+#include "channel/standard_codec.h"
 #include "dispatch/queue.h"
 
 namespace corvane::engine {
 
+namespace {
+
+enum class StreamCall { kNone, kListen, kCancel };
+
+StreamCall ClassifyStreamCall(const Bytes& message) {
+  auto call = channel::DecodeMethodCall(message);
+  if (!call) return StreamCall::kNone;
+  if (call.value->method == "listen") return StreamCall::kListen;
+  if (call.value->method == "cancel") return StreamCall::kCancel;
+  return StreamCall::kNone;
+}
+
+}  // namespace
+
 void Engine::Send(const std::string& channel, Bytes message, ReplyHandler on_reply) {
-  if (dispatch::IsMainThread()) {
+  auto transmit = [this, channel](Bytes message, ReplyHandler on_reply) {
+    // The mirrors' clients hear it too; the reply that counts is this engine's.
+    for (const auto& mirror : mirrors_) mirror->Transmit(channel, message, {});
     Transmit(channel, std::move(message), std::move(on_reply));
+  };
+  if (dispatch::IsMainThread()) {
+    transmit(std::move(message), std::move(on_reply));
     return;
   }
   dispatch::MainQueue().Async(
-      [this, channel, message = std::move(message), on_reply = std::move(on_reply)]() mutable {
-        Transmit(channel, std::move(message), std::move(on_reply));
+      [transmit, message = std::move(message), on_reply = std::move(on_reply)]() mutable {
+        transmit(std::move(message), std::move(on_reply));
       });
+}
+
+void Engine::AddMirror(std::unique_ptr<Engine> mirror) {
+  mirror->primary_ = this;
+  mirrors_.push_back(std::move(mirror));
 }
 
 void Engine::SetMessageHandler(const std::string& channel, MessageHandler handler) {
@@ -48,6 +73,56 @@ std::vector<std::string> Engine::HandledChannels() const {
 
 void Engine::Dispatch(const std::string& channel, Bytes message,
                       std::function<void(Bytes)> deliver) {
+  if (primary_) {
+    primary_->DispatchFrom(this, channel, std::move(message), std::move(deliver));
+  } else {
+    DispatchFrom(this, channel, std::move(message), std::move(deliver));
+  }
+}
+
+void Engine::DispatchFrom(const Engine* side, const std::string& channel, Bytes message,
+                          std::function<void(Bytes)> deliver) {
+  if (mirrors_.empty() || !dispatch::IsMainThread()) {
+    DispatchToHandler(channel, std::move(message), std::move(deliver));
+    return;
+  }
+  const StreamCall kind = ClassifyStreamCall(message);
+  if (kind == StreamCall::kListen) {
+    auto& sides = stream_sides_[channel];
+    const bool alone = sides.empty() || (sides.size() == 1 && sides.count(side) != 0);
+    sides.insert(side);
+    if (!alone) {
+      // The service already streams to another side; this side now hears the same events.
+      deliver(channel::EncodeSuccessEnvelope(channel::Value()));
+      return;
+    }
+    // A refused listen leaves this side out.
+    deliver = [this, side, channel, deliver = std::move(deliver)](Bytes reply) mutable {
+      auto decoded = channel::DecodeEnvelope(reply);
+      if (!decoded || decoded.value->kind != channel::MethodReply::Kind::kSuccess) {
+        auto it = stream_sides_.find(channel);
+        if (it != stream_sides_.end()) it->second.erase(side);
+      }
+      deliver(std::move(reply));
+    };
+  } else if (kind == StreamCall::kCancel) {
+    auto it = stream_sides_.find(channel);
+    if (it != stream_sides_.end() && !it->second.empty()) {
+      if (it->second.erase(side) == 0) {
+        deliver(channel::EncodeErrorEnvelope({"error", "No active stream to cancel", {}, {}}));
+        return;
+      }
+      if (!it->second.empty()) {
+        deliver(channel::EncodeSuccessEnvelope(channel::Value()));
+        return;
+      }
+    }
+  }
+  DispatchToHandler(channel, std::move(message), std::move(deliver));
+}
+
+void Engine::DispatchToHandler(const std::string& channel, Bytes message,
+                               std::function<void(Bytes)> deliver) {
   BinaryReply reply([deliver = std::move(deliver)](Bytes bytes) mutable {
     if (dispatch::IsMainThread()) {
       deliver(std::move(bytes));

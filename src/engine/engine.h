@@ -4,7 +4,10 @@
 #pragma once
 
 #include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -29,6 +32,13 @@ class Engine : public BinaryMessenger {
   // Channels with a handler, sorted; for diagnostics and the robustness harness.
   std::vector<std::string> HandledChannels() const;
 
+  // Serves this engine's channels through `mirror` as well (the socket engine beside
+  // flutter_linux's): the mirror's messages reach this engine's handlers, and every host message
+  // goes out through the mirror too. A side's listen or cancel never disturbs another side's
+  // event stream: a service hears the first listen of any side and the last cancel of all.
+  // Main thread, before messages flow.
+  void AddMirror(std::unique_ptr<Engine> mirror);
+
  protected:
   // A message from the engine, on the main thread. `deliver` sends the reply bytes back to the
   // engine; it is always invoked on the main thread, exactly once.
@@ -42,8 +52,18 @@ class Engine : public BinaryMessenger {
   virtual void HandlerChanged(const std::string& /*channel*/, bool /*installed*/) {}
 
  private:
+  // Dispatch of a message that came in through `side` (this engine or one of its mirrors).
+  void DispatchFrom(const Engine* side, const std::string& channel, Bytes message,
+                    std::function<void(Bytes)> deliver);
+  void DispatchToHandler(const std::string& channel, Bytes message,
+                         std::function<void(Bytes)> deliver);
+
   mutable std::mutex mutex_;
   std::unordered_map<std::string, std::shared_ptr<MessageHandler>> handlers_;
+  Engine* primary_ = nullptr;  // set on a mirror
+  std::vector<std::unique_ptr<Engine>> mirrors_;
+  // Which sides listen on which event channel; main thread only, used once mirrored.
+  std::map<std::string, std::set<const Engine*>> stream_sides_;
 };
 
 }  // namespace corvane::engine

@@ -7,8 +7,10 @@
 #include <chrono>
 #include <memory>
 
+#include "channel/event_channel.h"
 #include "channel/method_channel.h"
 #include "dispatch/queue.h"
+#include "engine/socket_engine.h"
 #include "fake_flutter.h"
 #include "flutter/flutter_linux_engine.h"
 #include "flutter/flutter_window_content.h"
@@ -19,6 +21,7 @@
 #include "host/support.h"
 #include "host/window_background.h"
 #include "host/window_content.h"
+#include "support/wire_client.h"
 
 using namespace std::chrono_literals;
 using corvane::channel::Value;
@@ -268,6 +271,79 @@ TEST(DartProject, CarriesTheEntryPointArguments) {
   EXPECT_STREQ(args[1], "layout.corvane");
   EXPECT_EQ(args[2], nullptr);
   g_object_unref(project);
+}
+
+}  // namespace
+}  // namespace corvane::flutter
+
+namespace corvane::flutter {
+namespace {
+
+// flutter_linux's engine with the socket engine beside it: one set of services, two sides.
+TEST_F(FlutterEngineTest, SocketClientsShareTheServicesWithoutDisturbingDart) {
+  testing::TempDir dir;
+  FlutterLinuxEngine engine;
+  engine.Attach(messenger_);
+  auto socket = std::make_unique<engine::SocketEngine>(engine::SocketEngineOptions{dir / "e.sock"});
+  std::string error;
+  ASSERT_TRUE(socket->Start(&error)) << error;
+  engine.AddMirror(std::move(socket));
+
+  int listens = 0;
+  int cancels = 0;
+  std::unique_ptr<channel::EventSink> sink;
+  channel::EventChannel events(engine, "t/events");
+  events.SetStreamHandler(std::make_unique<channel::FunctionStreamHandler>(
+      [&](const Value&,
+          std::unique_ptr<channel::EventSink> s) -> std::optional<channel::MethodError> {
+        ++listens;
+        sink = std::move(s);
+        return std::nullopt;
+      },
+      [&](const Value&) -> std::optional<channel::MethodError> {
+        ++cancels;
+        return std::nullopt;
+      }));
+  channel::MethodChannel methods(engine, "t/methods");
+  methods.SetMethodCallHandler(
+      [](const channel::MethodCall& call, auto result) { result->Success(Value(call.method)); });
+
+  ASSERT_TRUE(Call("t/events", "listen"));
+  testing::WireClient client;
+  ASSERT_TRUE(client.Connect(dir / "e.sock"));
+  ASSERT_TRUE(client.SendCall(1, "t/events", "listen"));
+  auto listened = client.WaitReply(1, 5000, true);
+  ASSERT_TRUE(listened);
+  EXPECT_EQ(channel::DecodeEnvelope(*listened).value->kind, channel::MethodReply::Kind::kSuccess);
+  EXPECT_EQ(listens, 1) << "the service hears the first listen only";
+
+  // Calls from the socket reach the same services.
+  ASSERT_TRUE(client.SendCall(2, "t/methods", "status"));
+  auto status = client.WaitReply(2, 5000, true);
+  ASSERT_TRUE(status);
+  EXPECT_EQ(channel::DecodeEnvelope(*status).value->value, Value("status"));
+
+  fake_flutter::TakeHostMessages(messenger_);
+  sink->Success(Value(1));
+  auto event = client.Receive(5000, true);
+  ASSERT_TRUE(event);
+  EXPECT_EQ(event->channel, "t/events");
+  auto to_dart = fake_flutter::TakeHostMessages(messenger_);
+  ASSERT_EQ(to_dart.size(), 1u);
+  EXPECT_EQ(to_dart[0].message, channel::EncodeSuccessEnvelope(Value(1)));
+
+  // The socket side leaves: Dart's stream goes on.
+  ASSERT_TRUE(client.SendCall(3, "t/events", "cancel"));
+  ASSERT_TRUE(client.WaitReply(3, 5000, true));
+  EXPECT_EQ(cancels, 0);
+  EXPECT_TRUE(sink->active());
+  sink->Success(Value(2));
+  dispatch::RunMainUntil([] { return false; }, 20ms);
+  EXPECT_EQ(fake_flutter::TakeHostMessages(messenger_).size(), 1u);
+
+  // Dart's own cancel is the last one: now the service hears it.
+  ASSERT_TRUE(Call("t/events", "cancel"));
+  EXPECT_EQ(cancels, 1);
 }
 
 }  // namespace
