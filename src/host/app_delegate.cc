@@ -47,15 +47,15 @@ void AppDelegate::OnStartup(GApplication* application, void* data) {
   // Only the primary instance gets here, so a second launch never touches the socket.
   auto* self = static_cast<AppDelegate*>(data);
   std::string error;
-  auto engine = StartSocketEngine(self->options_.engine_socket, &error);
-  if (!engine) {
+  auto started = StartEngine(self->options_, &error);
+  if (!started) {
     std::fprintf(stderr, "corvane-host: %s\n", error.c_str());
     self->exit_status_ = kExitEngineFailed;
     g_application_quit(application);
     return;
   }
-  self->socket_path_ = engine->path();
-  self->host_ = std::make_unique<Host>(std::move(engine), std::move(*self->info_));
+  self->socket_path_ = started->socket_path;
+  self->host_ = std::make_unique<Host>(std::move(started->engine), std::move(*self->info_));
   self->info_.reset();
 }
 

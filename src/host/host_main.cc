@@ -56,13 +56,13 @@ int QuitLoop(void* loop) {
 // Same channels and registrations as with a window, on a plain main loop.
 int RunHeadless(const HostOptions& options, InfoDictionary info) {
   std::string error;
-  auto engine = StartSocketEngine(options.engine_socket, &error);
-  if (!engine) {
+  auto started = StartEngine(options, &error);
+  if (!started) {
     std::fprintf(stderr, "corvane-host: %s\n", error.c_str());
     return kExitEngineFailed;
   }
-  const std::string path = engine->path();
-  Host host(std::move(engine), std::move(info));
+  const std::string path = started->socket_path;
+  Host host(std::move(started->engine), std::move(info));
   host.RegisterMainWindowServices(nullptr);
 
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);

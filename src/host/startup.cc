@@ -21,7 +21,22 @@ std::unique_ptr<engine::SocketEngine> StartSocketEngine(const std::string& path,
   return engine;
 }
 
+namespace {
+EngineStarter g_engine_starter = nullptr;
+}  // namespace
+
+void SetEngineStarter(EngineStarter starter) { g_engine_starter = starter; }
+
+std::optional<StartedEngine> StartEngine(const HostOptions& options, std::string* error) {
+  if (g_engine_starter) return g_engine_starter(options, error);
+  auto engine = StartSocketEngine(options.engine_socket, error);
+  if (!engine) return std::nullopt;
+  std::string path = engine->path();
+  return StartedEngine{std::move(engine), std::move(path)};
+}
+
 void AnnounceEngineSocket(const std::string& path) {
+  if (path.empty()) return;
   gchar* quoted = g_shell_quote(path.c_str());
   std::printf("engine socket: %s\n", path.c_str());
   // A call every build answers, so the line works as printed.

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "engine/socket_engine.h"
+#include "host/command_line.h"
 #include "host/info_dictionary.h"
 
 namespace corvane::host {
@@ -16,6 +18,18 @@ inline constexpr const char* kDefaultApplicationId = "io.corvane.host";
 // set, when it cannot be served (another host answers there, no permission, ...).
 std::unique_ptr<engine::SocketEngine> StartSocketEngine(const std::string& path,
                                                         std::string* error);
+
+// The engine connection a start makes, and the socket it serves (empty when none).
+struct StartedEngine {
+  std::unique_ptr<engine::Engine> engine;
+  std::string socket_path;
+};
+// Makes the engine connection: the engine socket, unless a Flutter build installed its own
+// starter. Nothing, with `error` set, when it cannot start.
+using EngineStarter = std::optional<StartedEngine> (*)(const HostOptions& options,
+                                                       std::string* error);
+void SetEngineStarter(EngineStarter starter);
+std::optional<StartedEngine> StartEngine(const HostOptions& options, std::string* error);
 
 // Tells whoever started the host where its engine socket is, with a line to try.
 void AnnounceEngineSocket(const std::string& path);
