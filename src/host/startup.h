@@ -3,7 +3,6 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "engine/socket_engine.h"
 #include "host/info_dictionary.h"
@@ -19,9 +18,6 @@ std::unique_ptr<engine::SocketEngine> StartSocketEngine(const std::string& path,
 
 // Tells whoever started the host where its engine socket is, with a line to try.
 void AnnounceEngineSocket(const std::string& path);
-
-// Command-line documents as URIs: paths are made absolute against the working folder.
-std::vector<std::string> DocumentUris(const std::vector<std::string>& documents);
 
 // The BundleIdentifier when it is a valid application id, else the default.
 std::string ApplicationId(const InfoDictionary& info);
