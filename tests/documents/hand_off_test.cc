@@ -232,7 +232,7 @@ TEST_F(DocumentsHandOffTest, ClosingTheLastWindowQuitsTheHost) {
   ASSERT_NE(host, nullptr);
   // The window is mapped some time after the socket line; ask until it is there to ask.
   int asked = 0;
-  for (int i = 0; i < 200 && asked == 0; ++i) {
+  for (int i = 0; i < 600 && asked == 0; ++i) {
     asked = CloseTopLevelWindows(xvfb.display());
     if (!asked) g_usleep(50 * 1000);
   }
