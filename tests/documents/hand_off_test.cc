@@ -11,7 +11,6 @@
 
 #include "channel/standard_codec.h"
 #include "documents/close_windows.h"
-#include "host/app_delegate.h"
 #include "host/startup.h"
 #include "host/support.h"
 #include "support/wire_client.h"
@@ -181,44 +180,34 @@ TEST_F(DocumentsHandOffTest, SecondLaunchHandsItsDocumentsToTheRunningHost) {
   }
 }
 
-TEST_F(DocumentsHandOffTest, DocumentsOfTheFirstLaunchWaitForTakePending) {
+// Documents given to the first launch wait for "takePending"; each socket is its own instance.
+TEST_F(DocumentsHandOffTest, FirstLaunchDocumentsAndOneInstancePerSocket) {
   ASSERT_FALSE(bus_.address().empty());
-  // The default socket (in the test's runtime folder) and the bundle's own application id.
-  GSubprocess* host = StartHost({"--headless", "a.corvane", "file:///x/B.CORVANEPACK", "notes.txt",
-                                 "https://example.org/c.corvane"});
-  ASSERT_NE(host, nullptr);
-  testing::WireClient client;
-  ASSERT_TRUE(client.Connect(dir_ / "corvane/engine.sock"));
-  auto hand_over = TakePending(client);
-  ASSERT_TRUE(hand_over.has_value());
-  EXPECT_EQ(hand_over->paths, (Paths{dir_ / "a.corvane", "/x/B.CORVANEPACK"}));
-  EXPECT_TRUE(hand_over->rejected);
-  EXPECT_EQ(Stop(host), 0);
-}
-
-TEST_F(DocumentsHandOffTest, HostsOnDifferentSocketsAreDifferentInstances) {
-  ASSERT_FALSE(bus_.address().empty());
-  const std::string first_socket = dir_ / "one/engine.sock";
-  const std::string second_socket = dir_ / "two/engine.sock";
-  GSubprocess* first = StartHost({"--headless", "--engine-socket", first_socket});
+  // The default socket (in the test's runtime folder), so the bundle's own application id.
+  const std::string default_socket = dir_ / "corvane/engine.sock";
+  const std::string other_socket = dir_ / "two/engine.sock";
+  GSubprocess* first = StartHost({"--headless", "a.corvane", "file:///x/B.CORVANEPACK", "notes.txt",
+                                  "https://example.org/c.corvane"});
   ASSERT_NE(first, nullptr);
   // Would exit at once if it took itself for a second launch of the first.
-  GSubprocess* second = StartHost({"--headless", "--engine-socket", second_socket});
+  GSubprocess* second = StartHost({"--headless", "--engine-socket", other_socket});
   ASSERT_NE(second, nullptr);
 
-  EXPECT_EQ(Launch({"--engine-socket", second_socket, "b.corvane"}).code, 0);
-  // The same socket spelt differently is the same instance.
-  EXPECT_EQ(Launch({"--engine-socket", "./one/../one//engine.sock", "a.corvane"}).code, 0);
+  EXPECT_EQ(Launch({"--engine-socket", other_socket, "b.corvane"}).code, 0);
+  // The default socket spelt out differently is still the first host.
+  EXPECT_EQ(Launch({"--engine-socket", "./corvane/..//corvane/engine.sock", "d.corvane"}).code, 0);
 
   testing::WireClient one;
   testing::WireClient two;
-  ASSERT_TRUE(one.Connect(first_socket));
-  ASSERT_TRUE(two.Connect(second_socket));
+  ASSERT_TRUE(one.Connect(default_socket));
+  ASSERT_TRUE(two.Connect(other_socket));
   auto to_first = TakePending(one);
   auto to_second = TakePending(two);
   ASSERT_TRUE(to_first && to_second);
-  EXPECT_EQ(to_first->paths, Paths{dir_ / "a.corvane"});
+  EXPECT_EQ(to_first->paths, (Paths{dir_ / "a.corvane", "/x/B.CORVANEPACK", dir_ / "d.corvane"}));
+  EXPECT_TRUE(to_first->rejected);
   EXPECT_EQ(to_second->paths, Paths{dir_ / "b.corvane"});
+  EXPECT_FALSE(to_second->rejected);
   EXPECT_EQ(Stop(first), 0);
   EXPECT_EQ(Stop(second), 0);
 }
@@ -240,21 +229,6 @@ TEST_F(DocumentsHandOffTest, ClosingTheLastWindowQuitsTheHost) {
   EXPECT_EQ(testing::Finish(host).code, 0);
   GStatBuf st;
   EXPECT_NE(g_stat(socket.c_str(), &st), 0) << "the socket outlived the host";
-}
-
-TEST(DocumentsInstanceIdTest, OneIdPerSocketPath) {
-  const std::string base = "io.corvane.host";
-  const std::string id = host::InstanceApplicationId(base, "/run/a/engine.sock");
-  EXPECT_TRUE(g_application_id_is_valid(id.c_str())) << id;
-  EXPECT_TRUE(g_str_has_prefix(id.c_str(), "io.corvane.host.")) << id;
-  EXPECT_EQ(host::InstanceApplicationId(base, "/run/a/./engine.sock"), id);
-  EXPECT_NE(host::InstanceApplicationId(base, "/run/b/engine.sock"), id);
-  EXPECT_EQ(host::InstanceApplicationId(base, ""), base);
-  // No room for the suffix on a base id at the length limit: still a valid, distinct id.
-  const std::string longest = "a." + std::string(253, 'b');
-  const std::string fallback = host::InstanceApplicationId(longest, "/run/a/engine.sock");
-  EXPECT_TRUE(g_application_id_is_valid(fallback.c_str())) << fallback;
-  EXPECT_NE(fallback, host::InstanceApplicationId(longest, "/run/b/engine.sock"));
 }
 
 }  // namespace
