@@ -9,10 +9,37 @@
 
 namespace corvane::host {
 
+namespace {
+
+std::string Canonical(const std::string& path) {
+  gchar* canonical = g_canonicalize_filename(path.c_str(), nullptr);
+  std::string result = canonical;
+  g_free(canonical);
+  return result;
+}
+
+}  // namespace
+
+std::string InstanceApplicationId(const std::string& base_id, const std::string& socket_path) {
+  const std::string socket =
+      Canonical(socket_path.empty() ? engine::SocketEngine::DefaultSocketPath() : socket_path);
+  if (socket == Canonical(engine::SocketEngine::DefaultSocketPath())) return base_id;
+  gchar* digest = g_compute_checksum_for_string(G_CHECKSUM_SHA256, socket.c_str(), -1);
+  // 64 bits of the digest: distinct for any sockets one user runs side by side.
+  const std::string suffix = ".socket_" + std::string(digest, 16);
+  g_free(digest);
+  std::string id = base_id + suffix;
+  // A base id near the length limit has no room for the suffix.
+  if (!g_application_id_is_valid(id.c_str())) id = kDefaultApplicationId + suffix;
+  return id;
+}
+
 AppDelegate::AppDelegate(HostOptions options, InfoDictionary info)
     : options_(std::move(options)), info_(std::make_unique<InfoDictionary>(std::move(info))) {
-  const std::string id = ApplicationId(*info_);
-  application_ = gtk_application_new(id.c_str(), G_APPLICATION_HANDLES_OPEN);
+  const std::string id = InstanceApplicationId(ApplicationId(*info_), options_.engine_socket);
+  application_ = options_.headless
+                     ? g_application_new(id.c_str(), G_APPLICATION_HANDLES_OPEN)
+                     : G_APPLICATION(gtk_application_new(id.c_str(), G_APPLICATION_HANDLES_OPEN));
   g_signal_connect(application_, "startup", G_CALLBACK(OnStartup), this);
   g_signal_connect(application_, "activate", G_CALLBACK(OnActivate), this);
   g_signal_connect(application_, "open", G_CALLBACK(OnOpen), this);
@@ -37,8 +64,7 @@ int AppDelegate::Run(const std::string& program_name) {
   argv.push_back(nullptr);
 
   SignalWatch signals = WatchTerminationSignals(&AppDelegate::OnTerminationSignal, this);
-  const int status =
-      g_application_run(G_APPLICATION(application_), static_cast<int>(args.size()), argv.data());
+  const int status = g_application_run(application_, static_cast<int>(args.size()), argv.data());
   RemoveSignalWatch(signals);
   return exit_status_ != kExitOk ? exit_status_ : status;
 }
@@ -57,26 +83,37 @@ void AppDelegate::OnStartup(GApplication* application, void* data) {
   self->socket_path_ = started->socket_path;
   self->host_ = std::make_unique<Host>(std::move(started->engine), std::move(*self->info_));
   self->info_.reset();
+  if (self->options_.headless) {
+    // No window keeps a headless host alive; it runs until a signal quits it.
+    g_application_hold(application);
+    self->host_->RegisterMainWindowServices(nullptr);
+    AnnounceEngineSocket(self->socket_path_);
+  }
 }
 
 void AppDelegate::OnActivate(GApplication*, void* data) {
   auto* self = static_cast<AppDelegate*>(data);
   if (!self->host_) return;
-  self->ShowMainWindow();
+  if (!self->EnsureMainWindow() && !self->options_.headless) {
+    GList* windows = gtk_application_get_windows(GTK_APPLICATION(self->application_));
+    if (windows) gtk_window_present(GTK_WINDOW(windows->data));
+  }
   self->DidFinishLaunching();
 }
 
 void AppDelegate::OnOpen(GApplication*, GFile** files, int n_files, const char*, void* data) {
   auto* self = static_cast<AppDelegate*>(data);
   if (!self->host_) return;
-  self->ShowMainWindow();
+  // Bringing an existing window forward is the document hand-off's part of an open.
+  self->EnsureMainWindow();
   std::vector<std::string> uris;
   for (int i = 0; i < n_files; ++i) {
     gchar* uri = g_file_get_uri(files[i]);
     uris.emplace_back(uri);
     g_free(uri);
   }
-  // Documents that start the application arrive before launching has finished.
+  // Documents that start the application arrive before launching has finished; those of a
+  // second launch arrive as one batch.
   self->host_->OpenUris(uris);
   self->DidFinishLaunching();
 }
@@ -85,27 +122,26 @@ void AppDelegate::OnShutdown(GApplication*, void* data) {
   auto* self = static_cast<AppDelegate*>(data);
   if (!self->host_) return;
   self->host_->WillTerminate();
-  // Windows go before the services that hold their views, and those before the engine.
-  GList* windows = g_list_copy(gtk_application_get_windows(self->application_));
-  for (GList* w = windows; w; w = w->next) gtk_widget_destroy(GTK_WIDGET(w->data));
-  g_list_free(windows);
+  if (!self->options_.headless) {
+    // Windows go before the services that hold their views, and those before the engine.
+    GList* windows = g_list_copy(gtk_application_get_windows(GTK_APPLICATION(self->application_)));
+    for (GList* w = windows; w; w = w->next) gtk_widget_destroy(GTK_WIDGET(w->data));
+    g_list_free(windows);
+  }
   self->host_.reset();
 }
 
 int AppDelegate::OnTerminationSignal(void* data) {
-  g_application_quit(G_APPLICATION(static_cast<AppDelegate*>(data)->application_));
+  g_application_quit(static_cast<AppDelegate*>(data)->application_);
   return G_SOURCE_CONTINUE;
 }
 
-void AppDelegate::ShowMainWindow() {
-  if (window_created_) {
-    GList* windows = gtk_application_get_windows(application_);
-    if (windows) gtk_window_present(GTK_WINDOW(windows->data));
-    return;
-  }
+bool AppDelegate::EnsureMainWindow() {
+  if (options_.headless || window_created_) return false;
   window_created_ = true;
-  MainFlutterWindow::Create(application_, *host_);
+  MainFlutterWindow::Create(GTK_APPLICATION(application_), *host_);
   AnnounceEngineSocket(socket_path_);
+  return true;
 }
 
 void AppDelegate::DidFinishLaunching() { host_->DidFinishLaunching(); }

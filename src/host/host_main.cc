@@ -48,35 +48,6 @@ bool DisplayAvailable() {
   return gtk_init_check(nullptr, nullptr);
 }
 
-int QuitLoop(void* loop) {
-  g_main_loop_quit(static_cast<GMainLoop*>(loop));
-  return G_SOURCE_CONTINUE;
-}
-
-// Same channels and registrations as with a window, on a plain main loop.
-int RunHeadless(const HostOptions& options, InfoDictionary info) {
-  std::string error;
-  auto started = StartEngine(options, &error);
-  if (!started) {
-    std::fprintf(stderr, "corvane-host: %s\n", error.c_str());
-    return kExitEngineFailed;
-  }
-  const std::string path = started->socket_path;
-  Host host(std::move(started->engine), std::move(info));
-  host.RegisterMainWindowServices(nullptr);
-
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-  SignalWatch signals = WatchTerminationSignals(&QuitLoop, loop);
-  AnnounceEngineSocket(path);
-  if (!options.documents.empty()) host.OpenUris(DocumentUris(options.documents));
-  host.DidFinishLaunching();
-  g_main_loop_run(loop);
-  RemoveSignalWatch(signals);
-  host.WillTerminate();
-  g_main_loop_unref(loop);
-  return kExitOk;
-}
-
 }  // namespace
 
 int HostMain(int argc, char** argv) {
@@ -110,8 +81,6 @@ int HostMain(int argc, char** argv) {
     g_log(kLogDomain, G_LOG_LEVEL_INFO, "no display; running headless");
     options->headless = true;
   }
-  if (options->headless) return RunHeadless(*options, std::move(*info));
-
   AppDelegate app(std::move(*options), std::move(*info));
   return app.Run(argc > 0 ? argv[0] : "corvane-host");
 }

@@ -2,6 +2,7 @@
 
 #include "discovery/bonjour_bridge.h"
 #include "host/plugin_registry.h"
+#include "host/project_opening_row.h"
 #include "udp/local_network_permission.h"
 #include "udp/udp_bridge.h"
 
@@ -35,7 +36,7 @@ const std::vector<StartupRow>& StartupTable() {
   // The document hand-off comes first so it can answer before any other channel exists. The
   // standard plug-ins follow in their generated order (alphabetical by package).
   static const std::vector<StartupRow> table = {
-      Own("MacProjectOpening", {"io.corvane/open_projects"}, nullptr),
+      Own("MacProjectOpening", {"io.corvane/open_projects"}, MakeMacProjectOpening),
       Plugin("AudioplayersDarwinPlugin"),
       Plugin("FlutterMultiWindowPlugin"),
       Plugin("DeviceInfoPlusMacosPlugin"),

@@ -46,18 +46,6 @@ void AnnounceEngineSocket(const std::string& path) {
   g_free(quoted);
 }
 
-std::vector<std::string> DocumentUris(const std::vector<std::string>& documents) {
-  std::vector<std::string> uris;
-  for (const std::string& document : documents) {
-    GFile* file = g_file_new_for_commandline_arg(document.c_str());
-    gchar* uri = g_file_get_uri(file);
-    uris.emplace_back(uri);
-    g_free(uri);
-    g_object_unref(file);
-  }
-  return uris;
-}
-
 std::string ApplicationId(const InfoDictionary& info) {
   auto id = info.Get(kBundleIdentifierKey);
   if (id && g_application_id_is_valid(id->c_str())) return *id;

@@ -4,7 +4,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "engine/socket_engine.h"
 #include "host/command_line.h"
@@ -33,9 +32,6 @@ std::optional<StartedEngine> StartEngine(const HostOptions& options, std::string
 
 // Tells whoever started the host where its engine socket is, with a line to try.
 void AnnounceEngineSocket(const std::string& path);
-
-// Command-line documents as URIs: paths are made absolute against the working folder.
-std::vector<std::string> DocumentUris(const std::vector<std::string>& documents);
 
 // The BundleIdentifier when it is a valid application id, else the default.
 std::string ApplicationId(const InfoDictionary& info);

@@ -122,7 +122,7 @@ TEST_F(HostBinaryTest, ServesAPrivateSocketUntilStoppedAndHasItToItself) {
     {
       testing::WireClient client;
       ASSERT_TRUE(client.Connect(c.socket));
-      ASSERT_TRUE(client.SendCall(7, "io.corvane/open_projects", "takePending"));
+      ASSERT_TRUE(client.SendCall(7, "corvane/no_such_channel", "takePending"));
       auto reply = client.WaitReply(7, 10000);
       ASSERT_TRUE(reply.has_value());
       EXPECT_TRUE(reply->empty());

@@ -26,6 +26,8 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
         {"sessionId", "port", "host", "broadcast", "data", "requestId", "timeoutMs",
          "expiresAtMs"}}},
       {"corvane/udp_events", {{"listen", "cancel"}, {}}},
+      {"io.corvane/open_projects",
+       {{"takePending", "release", "activeProject", "releaseAll"}, {"path", "keepAccess"}}},
   };
   return vocabulary;
 }
