@@ -26,6 +26,7 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
         {"sessionId", "port", "host", "broadcast", "data", "requestId", "timeoutMs",
          "expiresAtMs"}}},
       {"corvane/udp_events", {{"listen", "cancel"}, {}}},
+      {"io.corvane/gamepad", {{"controllers", "haptic"}, {"name", "pulses"}}},
   };
   return vocabulary;
 }
