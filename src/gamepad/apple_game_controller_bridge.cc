@@ -117,8 +117,14 @@ void AppleGameControllerBridge::Open(channel::BinaryMessenger& messenger) {
 
 void AppleGameControllerBridge::HandleCall(const channel::MethodCall& call,
                                            std::unique_ptr<MethodResult> result) {
-  if (call.method == "controllers") return Controllers(std::move(result));
-  if (call.method == "haptic") return Haptic(call.arguments, std::move(result));
+  if (call.method == "controllers") {
+    backend_->Update();
+    return Controllers(std::move(result));
+  }
+  if (call.method == "haptic") {
+    backend_->Update();
+    return Haptic(call.arguments, std::move(result));
+  }
   result->NotImplemented();
 }
 

@@ -73,6 +73,10 @@ class ControllerBackend {
   using DisconnectHandler = std::function<void(const std::shared_ptr<GameController>&)>;
 
   virtual ~ControllerBackend() = default;
+  // Catches up with the platform: controllers plugged in or out, input seen. Called once at
+  // the start of each method call; the other methods answer from what it learnt, and the
+  // disconnect handler may run inside it.
+  virtual void Update() = 0;
   // Every attached controller, gamepad or not, in enumeration order.
   virtual std::vector<std::shared_ptr<GameController>> Controllers() = 0;
   // The controller the user used last, or the one attached last; may be none.

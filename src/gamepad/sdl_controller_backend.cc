@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <set>
 
 #include "channel/log.h"
 #include "dispatch/queue.h"
@@ -232,12 +233,10 @@ class SdlControllerBackend final : public ControllerBackend {
   explicit SdlControllerBackend(SdlBackendOptions options) : options_(std::move(options)) {}
 
   std::vector<std::shared_ptr<GameController>> Controllers() override {
-    Refresh();
     return {controllers_.begin(), controllers_.end()};
   }
 
   std::shared_ptr<GameController> Current() override {
-    Refresh();
     for (const auto& controller : controllers_) {
       if (controller->id() == last_input_) return controller;
     }
@@ -248,12 +247,11 @@ class SdlControllerBackend final : public ControllerBackend {
     on_disconnect_ = std::move(handler);
   }
 
- private:
-  // Catches up with what SDL saw since the last call: input, unplugs, new pads.
-  void Refresh() {
+  void Update() override {
     if (!session_) session_ = std::make_shared<SdlSession>();
     if (!session_->ok()) return;
-    SDL_PumpEvents();
+    // Reads the pads and notices plug-ins and unplugs: all SDL's events that matter here.
+    SDL_JoystickUpdate();
     std::vector<SDL_JoystickID> removed;
     SDL_Event events[64];
     int count;
@@ -273,9 +271,15 @@ class SdlControllerBackend final : public ControllerBackend {
     // New pads, in SDL's device order; the list keeps attach order.
     for (int index = 0, n = SDL_NumJoysticks(); index < n; ++index) {
       const SDL_JoystickID id = SDL_JoystickGetDeviceInstanceID(index);
-      if (id < 0 || Known(id)) continue;
+      if (id < 0 || Known(id) || unopenable_.count(id)) continue;
       auto controller = std::make_shared<SdlController>(session_, index, options_.sysfs_root);
-      if (!controller->opened()) continue;
+      if (!controller->opened()) {
+        // Usually no access to its device node; asking again on every call would not help.
+        const char* name = SDL_JoystickNameForIndex(index);
+        Warn(std::string("cannot open controller ") + (name ? name : "?") + ": " + SDL_GetError());
+        unopenable_.insert(id);
+        continue;
+      }
       controller->set_self(controller);
       controllers_.push_back(std::move(controller));
     }
@@ -284,6 +288,7 @@ class SdlControllerBackend final : public ControllerBackend {
     }
   }
 
+ private:
   void Note(const SDL_Event& event, std::vector<SDL_JoystickID>& removed) {
     switch (event.type) {
       case SDL_JOYDEVICEREMOVED:
@@ -326,6 +331,7 @@ class SdlControllerBackend final : public ControllerBackend {
   SdlBackendOptions options_;
   std::shared_ptr<SdlSession> session_;  // started on the first call
   std::vector<std::shared_ptr<SdlController>> controllers_;
+  std::set<SDL_JoystickID> unopenable_;
   SDL_JoystickID last_input_ = -1;
   DisconnectHandler on_disconnect_;
 };

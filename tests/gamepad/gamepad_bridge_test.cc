@@ -89,6 +89,7 @@ class FakeController final : public GameController {
 
 class FakeBackend final : public ControllerBackend {
  public:
+  void Update() override {}
   std::vector<std::shared_ptr<GameController>> Controllers() override {
     return {controllers.begin(), controllers.end()};
   }
