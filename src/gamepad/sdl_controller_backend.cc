@@ -153,6 +153,7 @@ class Playback : public std::enable_shared_from_this<Playback> {
         cancelled_ = true;
         return false;
       }
+      motors_on_ = !stop;
     }
     if (cancelled_ || next_ == steps_.size()) return !cancelled_;
     const auto wait = std::chrono::milliseconds(steps_[next_].at_ms) - elapsed;
@@ -164,6 +165,9 @@ class Playback : public std::enable_shared_from_this<Playback> {
     cancelled_ = true;
     timer_.Cancel();
   }
+
+  bool motors_on() const { return motors_on_; }
+  bool starts_at_once() const { return !steps_.empty() && steps_.front().at_ms == 0; }
 
  private:
   void Tick() {
@@ -180,6 +184,7 @@ class Playback : public std::enable_shared_from_this<Playback> {
   std::chrono::steady_clock::time_point start_;
   size_t next_ = 0;
   bool cancelled_ = false;
+  bool motors_on_ = false;
   dispatch::WorkItem timer_;
 };
 
@@ -208,9 +213,14 @@ class SdlRumbleEngine final : public HapticDevice {
 
   bool Play(const HapticPattern& pattern) override {
     if (!started_ || !controller_->attached()) return false;
-    // A new pattern takes over the motors from one still playing.
-    if (playback_) std::exchange(playback_, nullptr)->Cancel();
-    playback_ = std::make_shared<Playback>(controller_, ScheduleRumble(pattern), stopped_);
+    auto playback = std::make_shared<Playback>(controller_, ScheduleRumble(pattern), stopped_);
+    // A new pattern takes over the motors from one still playing; if it does not start at
+    // once, the old pulse must not run on until the new one's first.
+    if (auto old = std::exchange(playback_, nullptr)) {
+      old->Cancel();
+      if (old->motors_on() && !playback->starts_at_once()) controller_->Rumble(0, 0, 0);
+    }
+    playback_ = std::move(playback);
     return playback_->Run();
   }
 

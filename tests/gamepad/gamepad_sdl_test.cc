@@ -185,6 +185,16 @@ TEST_F(GamepadSdlTest, PatternReachesTheMotorsInOrder) {
                              {0xFFFF, 0}, {0, 0}, {0, 0x8000}, {0, 0}, {0xFFFF, 0xFFFF}, {0, 0}}));
 }
 
+TEST_F(GamepadSdlTest, ANewPatternTakesOverTheMotors) {
+  VirtualPad& pad = Attach("Pad");
+  ASSERT_EQ(client_.Haptic(std::nullopt, Pulses({{0, 1, 0}, {300, 1, 0}})), Value(true));
+  ASSERT_EQ(client_.Haptic(std::nullopt, Pulses({{100, 0.5, 1}})), Value(true));
+  // The first pattern's pulse is cut off at once, its second pulse never comes.
+  dispatch::RunMainUntil([&] { return pad.rumbles.size() >= 4; }, 5s);
+  dispatch::RunMainUntil([] { return false; }, 400ms);
+  EXPECT_EQ(pad.rumbles, (std::vector<Rumble>{{0xFFFF, 0}, {0, 0}, {0, 0x8000}, {0, 0}}));
+}
+
 TEST_F(GamepadSdlTest, PadWithoutRumbleAnswersFalse) {
   VirtualPad& pad = Attach("Silent Pad", 0, 0, /*rumble=*/false);
   EXPECT_EQ(client_.Haptic("Silent Pad", kBuzz), Value(false));
