@@ -7,6 +7,7 @@ packages=(
   clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libglib2.0-dev libgtk-3-dev adwaita-icon-theme
+  libsdl2-dev
   xvfb xauth
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
   desktop-file-utils shared-mime-info libx11-dev

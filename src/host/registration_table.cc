@@ -1,6 +1,7 @@
 #include "host/registration_table.h"
 
 #include "discovery/bonjour_bridge.h"
+#include "gamepad/apple_game_controller_bridge.h"
 #include "host/plugin_registry.h"
 #include "host/project_opening_row.h"
 #include "udp/local_network_permission.h"
@@ -20,6 +21,10 @@ StartupRow Plugin(std::string name) {
 
 std::shared_ptr<void> MakeBonjourBridge(Registrar& registrar) {
   return std::make_shared<discovery::BonjourBridge>(registrar.messenger());
+}
+
+std::shared_ptr<void> MakeGameControllerBridge(Registrar& registrar) {
+  return gamepad::AppleGameControllerBridge::Create(registrar.messenger());
 }
 
 std::shared_ptr<void> MakeUdpBridge(Registrar& registrar) {
@@ -56,7 +61,7 @@ const std::vector<StartupRow>& StartupTable() {
       Own("NativeSystemSymbols", {"corvane/system_symbols"}, nullptr),
       Own("MacWindowAppearance", {"io.corvane/window_appearance"}, nullptr),
       Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, nullptr),
-      Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, nullptr),
+      Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, MakeGameControllerBridge),
       Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
       Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, nullptr),
       Own("AppleContextMenu", {"io.corvane/context_menu"}, nullptr),

@@ -28,6 +28,7 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
       {"corvane/udp_events", {{"listen", "cancel"}, {}}},
       {"io.corvane/open_projects",
        {{"takePending", "release", "activeProject", "releaseAll"}, {"path", "keepAccess"}}},
+      {"io.corvane/gamepad", {{"controllers", "haptic"}, {"name", "pulses"}}},
   };
   return vocabulary;
 }

@@ -1,0 +1,217 @@
+// Game controllers on SDL virtual pads, beside the bare SDL calls measured in the same run.
+//
+// - gamepad/haptic_to_rumble: a "haptic" call through the loopback engine until the pad's
+//   rumble callback runs (the pattern's first pulse starts inside the call). Baseline
+//   raw/sdl_rumble: SDL_GameControllerRumble on the same pad. Pulse strengths alternate so
+//   SDL never skips a repeat.
+// - gamepad/controllers_4: "controllers" with four pads attached, reply decoded. Baseline
+//   raw/sdl_list_4: pumping SDL and reading the same facts for the four pads directly.
+//
+// --idle-seconds=N (instead of benchmarks): attaches four pads, plays a pattern to its end,
+// then idles the main loop for N seconds and prints the CPU ticks spent meanwhile; run it under
+// `strace -f` to count wake-ups.
+#include <SDL.h>
+#include <benchmark/benchmark.h>
+#include <glib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "channel/standard_codec.h"
+#include "dispatch/queue.h"
+#include "engine/loopback_engine.h"
+#include "gamepad/apple_game_controller_bridge.h"
+
+namespace {
+
+using namespace corvane;
+using Clock = std::chrono::steady_clock;
+using channel::Value;
+using channel::ValueList;
+using channel::ValueMap;
+
+Clock::time_point g_rumbled;
+int g_rumbles = 0;
+
+int SDLCALL OnRumble(void*, Uint16, Uint16) {
+  g_rumbled = Clock::now();
+  ++g_rumbles;
+  return 0;
+}
+
+int AttachPad(const char* name, uint16_t vendor, uint16_t product) {
+  SDL_VirtualJoystickDesc desc;
+  SDL_zero(desc);
+  desc.version = SDL_VIRTUAL_JOYSTICK_DESC_VERSION;
+  desc.type = SDL_JOYSTICK_TYPE_GAMECONTROLLER;
+  desc.naxes = SDL_CONTROLLER_AXIS_MAX;
+  desc.nbuttons = SDL_CONTROLLER_BUTTON_MAX;
+  desc.vendor_id = vendor;
+  desc.product_id = product;
+  desc.name = name;
+  desc.Rumble = OnRumble;
+  return SDL_JoystickAttachVirtualEx(&desc);
+}
+
+void AttachFourPads() {
+  AttachPad("Xbox 360 Controller", 0x045E, 0x028E);
+  AttachPad("DualSense Wireless Controller", 0x054C, 0x0CE6);
+  AttachPad("Pro Controller", 0x057E, 0x2009);
+  AttachPad("Corvane Test Pad", 0, 0);
+}
+
+channel::Bytes HapticCall(double intensity) {
+  ValueMap args;
+  args.Set("name", Value("Microsoft - Xbox 360"));
+  args.Set("pulses",
+           Value(ValueList{Value(ValueList{Value::Integer(0), Value(intensity), Value(0.0)})}));
+  return channel::EncodeMethodCall({"haptic", Value(std::move(args))});
+}
+
+struct Fixture {
+  engine::LoopbackEngine engine;
+  std::shared_ptr<gamepad::AppleGameControllerBridge> bridge =
+      gamepad::AppleGameControllerBridge::Create(engine);
+};
+
+void HapticToRumble(benchmark::State& state) {
+  Fixture f;
+  const channel::Bytes calls[2] = {HapticCall(0.5), HapticCall(1.0)};
+  size_t i = 0;
+  bool answered_true = true;
+  for (auto _ : state) {
+    const int before = g_rumbles;
+    const auto start = Clock::now();
+    f.engine.SendFromEngine(gamepad::kMethodChannel, calls[i++ & 1], [&](channel::Bytes reply) {
+      auto decoded = channel::DecodeEnvelope(reply);
+      answered_true &= decoded && decoded.value->value == Value(true);
+    });
+    if (g_rumbles == before) {
+      state.SkipWithError("no rumble inside the call");
+      break;
+    }
+    state.SetIterationTime(std::chrono::duration<double>(g_rumbled - start).count());
+  }
+  if (!answered_true) state.SkipWithError("haptic did not answer true");
+}
+
+void RawSdlRumble(benchmark::State& state) {
+  SDL_GameController* pad = SDL_GameControllerOpen(0);
+  size_t i = 0;
+  for (auto _ : state) {
+    const int before = g_rumbles;
+    const auto start = Clock::now();
+    SDL_GameControllerRumble(pad, (i++ & 1) ? 0xFFFF : 0x8000, 0, 340);
+    if (g_rumbles == before) {
+      state.SkipWithError("no rumble");
+      break;
+    }
+    state.SetIterationTime(std::chrono::duration<double>(g_rumbled - start).count());
+  }
+  SDL_GameControllerRumble(pad, 0, 0, 0);
+  SDL_GameControllerClose(pad);
+}
+
+// The channel's own floor: an unknown method on the same channel, answered not-implemented.
+void ChannelFloor(benchmark::State& state) {
+  Fixture f;
+  const channel::Bytes call = channel::EncodeMethodCall({"ping", Value()});
+  for (auto _ : state) {
+    f.engine.SendFromEngine(gamepad::kMethodChannel, call,
+                            [](channel::Bytes reply) { benchmark::DoNotOptimize(reply.data()); });
+  }
+}
+
+void Controllers4(benchmark::State& state) {
+  Fixture f;
+  const channel::Bytes call = channel::EncodeMethodCall({"controllers", Value()});
+  channel::Bytes last;
+  for (auto _ : state) {
+    f.engine.SendFromEngine(gamepad::kMethodChannel, call,
+                            [&](channel::Bytes reply) { last = std::move(reply); });
+  }
+  auto decoded = channel::DecodeEnvelope(last);
+  const ValueList* list = decoded ? decoded.value->value.list_if() : nullptr;
+  if (!list || list->size() != 4) state.SkipWithError("controllers did not list four pads");
+}
+
+void RawSdlList4(benchmark::State& state) {
+  SDL_GameController* pads[4];
+  for (int i = 0; i < 4; ++i) pads[i] = SDL_GameControllerOpen(i);
+  for (auto _ : state) {
+    SDL_PumpEvents();
+    SDL_FlushEvents(SDL_FIRSTEVENT, SDL_LASTEVENT);
+    for (SDL_GameController* pad : pads) {
+      SDL_Joystick* joystick = SDL_GameControllerGetJoystick(pad);
+      benchmark::DoNotOptimize(SDL_GameControllerName(pad));
+      benchmark::DoNotOptimize(SDL_GameControllerGetType(pad));
+      benchmark::DoNotOptimize(SDL_JoystickGetVendor(joystick));
+      benchmark::DoNotOptimize(SDL_JoystickCurrentPowerLevel(joystick));
+      benchmark::DoNotOptimize(SDL_GameControllerHasRumble(pad));
+      benchmark::DoNotOptimize(SDL_JoystickPath(joystick));
+    }
+  }
+  for (SDL_GameController* pad : pads) SDL_GameControllerClose(pad);
+}
+
+BENCHMARK(HapticToRumble)->Name("gamepad/haptic_to_rumble")->UseManualTime();
+BENCHMARK(RawSdlRumble)->Name("raw/sdl_rumble")->UseManualTime();
+BENCHMARK(ChannelFloor)->Name("raw/channel_not_implemented");
+BENCHMARK(Controllers4)->Name("gamepad/controllers_4");
+BENCHMARK(RawSdlList4)->Name("raw/sdl_list_4");
+
+long CpuTicks() {
+  std::ifstream stat("/proc/self/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  const size_t close = text.rfind(')');
+  unsigned long utime = 0, stime = 0;
+  std::sscanf(text.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
+              &utime, &stime);
+  return static_cast<long>(utime + stime);
+}
+
+int Idle(int seconds) {
+  Fixture f;
+  bool done = false;
+  f.engine.SendFromEngine(gamepad::kMethodChannel, HapticCall(1.0),
+                          [&](channel::Bytes) { done = true; });
+  // Let the pattern's stop step run, then nothing should be left to wake the loop.
+  dispatch::RunMainUntil([] { return false; }, std::chrono::milliseconds(500));
+  std::printf("pid %d: %d rumble callbacks; idling %d s\n", getpid(), g_rumbles, seconds);
+  std::fflush(stdout);
+  const long before = CpuTicks();
+  const auto until = Clock::now() + std::chrono::seconds(seconds);
+  guint wakeups = 0;
+  g_timeout_add_seconds(
+      static_cast<guint>(seconds), [](gpointer) -> gboolean { return FALSE; }, nullptr);
+  while (Clock::now() < until) {
+    g_main_context_iteration(nullptr, TRUE);
+    ++wakeups;
+  }
+  std::printf("idle: cpu_ticks=%ld over %d s (clk_tck=%ld), main-loop iterations=%u\n",
+              CpuTicks() - before, seconds, sysconf(_SC_CLK_TCK), wakeups);
+  return done ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+  if (SDL_InitSubSystem(SDL_INIT_GAMECONTROLLER) != 0) {
+    std::fprintf(stderr, "SDL: %s\n", SDL_GetError());
+    return 1;
+  }
+  AttachFourPads();
+  for (int i = 1; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--idle-seconds=", 15) == 0) return Idle(std::atoi(argv[i] + 15));
+  }
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  SDL_QuitSubSystem(SDL_INIT_GAMECONTROLLER);
+  return 0;
+}
