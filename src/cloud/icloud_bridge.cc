@@ -402,11 +402,14 @@ void ICloudBridge::CheckIdentity() {
 }
 
 void ICloudBridge::IdentityChecked(const ContainerLocation& location) {
-  const bool changed = identity_source_ && *identity_source_ != location.identity_source;
-  identity_source_ = location.identity_source;
-  // Watch the clients' files and the folder holding the container, so that a move of the
-  // container or an edit of the configuration is noticed; folders that do not exist yet are
-  // watched from the nearest existing parent.
+  // A container that went missing changes the identity too, though its folder's name stayed.
+  const std::string seen =
+      std::to_string(static_cast<int>(location.status)) + "\n" + location.identity_source;
+  const bool changed = identity_source_ && *identity_source_ != seen;
+  identity_source_ = seen;
+  // Watch the clients' files, and the two nearest existing folders above the container, so
+  // that an edit of the configuration or a move of the container (or of its sync root) is
+  // noticed; a file whose folder does not exist yet is watched from the folder above.
   std::vector<std::string> paths;
   auto watch = [&paths](const std::string& path) {
     gchar* parent = g_path_get_dirname(path.c_str());
@@ -419,7 +422,13 @@ void ICloudBridge::IdentityChecked(const ContainerLocation& location) {
     g_free(parent);
   };
   for (const auto& file : options_.store->ConfigurationFiles()) watch(file);
-  if (!location.folder.empty()) watch(location.folder);
+  int above = 0;
+  for (std::string folder = location.folder; above < 2 && folder.size() > 1;) {
+    gchar* parent = g_path_get_dirname(folder.c_str());
+    folder = parent;
+    g_free(parent);
+    if (g_file_test(folder.c_str(), G_FILE_TEST_IS_DIR)) paths.push_back(folder), ++above;
+  }
   identity_watcher_->WatchExactly(paths);
   if (changed) Emit(Fields({{"type", Value("identity")}}));
 }
