@@ -44,7 +44,8 @@ struct Walker {
     const size_t first_item = scan.items.size();
     while (dirent* entry = readdir(dir)) {
       const std::string_view name(entry->d_name);
-      if (name == "." || name == "..") continue;
+      // Hidden names are the sync clients' own (".stfolder", ".syncthing.*.tmp") or temporary.
+      if (name[0] == '.') continue;
       unsigned char type = entry->d_type;
       const bool document = IsDocumentName(name);
       const bool maybe_copy = MayBeConflictCopyName(name);
@@ -54,7 +55,7 @@ struct Walker {
         type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
       }
       if (type == DT_DIR) {
-        if (name[0] != '.') subfolders.emplace_back(name);
+        subfolders.emplace_back(name);
         continue;
       }
       if (type != DT_REG) continue;

@@ -25,8 +25,8 @@ struct DocumentScan {
 
 bool IsDocumentName(std::string_view name);
 
-// Walks `documents` without following links. Hidden folders (".stfolder", ".stversions",
-// ".dropbox.cache", ...) belong to the sync clients and are skipped.
+// Walks `documents` without following links. Hidden files and folders (".stfolder",
+// ".stversions", ".dropbox.cache", temporary files) belong to the sync clients and are skipped.
 DocumentScan ScanDocuments(const std::string& documents);
 
 }  // namespace corvane::cloud

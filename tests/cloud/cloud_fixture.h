@@ -18,6 +18,11 @@
 #include "channel/standard_codec.h"
 #include "cloud/icloud_bridge.h"
 #include "engine/loopback_engine.h"
+#include "json/json_mapping.h"
+
+namespace corvane::channel {
+inline void PrintTo(const Value& value, std::ostream* os) { *os << json::ToJson(value); }
+}  // namespace corvane::channel
 
 namespace corvane::cloud::testing {
 
@@ -124,14 +129,20 @@ class CloudTest : public ::testing::Test {
     engine_.SendFromEngine(kEventChannel, channel::EncodeMethodCall({"listen", Value()}));
   }
 
-  MethodReply CallReply(const std::string& method, Value args = Value(),
-                        std::chrono::milliseconds timeout = 10s) {
+  using Replies = std::shared_ptr<std::vector<MethodReply>>;
+  // Starts a call; the list fills with its replies as the main loop runs.
+  Replies Send(const std::string& method, Value args = Value()) {
     auto replies = std::make_shared<std::vector<MethodReply>>();
     engine_.SendFromEngine(kMethodChannel, channel::EncodeMethodCall({method, std::move(args)}),
                            [replies](channel::Bytes b) {
                              auto decoded = channel::DecodeEnvelope(b);
                              replies->push_back(decoded.value.value_or(MethodReply()));
                            });
+    return replies;
+  }
+  MethodReply CallReply(const std::string& method, Value args = Value(),
+                        std::chrono::milliseconds timeout = 10s) {
+    Replies replies = Send(method, std::move(args));
     dispatch::RunMainUntil([&] { return !replies->empty(); }, timeout);
     EXPECT_EQ(replies->size(), 1u) << "replies to " << method;
     return replies->empty() ? MethodReply() : replies->front();
