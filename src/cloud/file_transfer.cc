@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <utility>
 
 #include "cloud/cloud_store.h"
@@ -153,6 +154,29 @@ int RemoveEntry(const char* path, const struct stat*, int type, struct FTW*) {
 }
 
 }  // namespace
+
+bool IsInsideFolder(const std::string& given, const std::string& folder) {
+  std::string path = given;
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  if (path.empty() || path[0] != '/' || folder.empty()) return false;
+  // The nearest folder above that exists, resolved, plus the names below it that do not.
+  std::string base = Basename(path);
+  if (base == "." || base == ".." || base == "/") return false;
+  std::string existing = Dirname(path);
+  std::string rest = base;
+  char* real = nullptr;
+  while (!(real = realpath(existing.c_str(), nullptr))) {
+    const std::string name = Basename(existing);
+    if (name == "." || name == ".." || existing == "/") return false;
+    rest = name + "/" + rest;
+    existing = Dirname(existing);
+  }
+  std::string resolved = real;
+  free(real);
+  resolved += (resolved == "/" ? "" : "/") + rest;
+  return resolved.size() > folder.size() + 1 && resolved.compare(0, folder.size(), folder) == 0 &&
+         resolved[folder.size()] == '/';
+}
 
 bool CreateParentFolder(const std::string& path, std::string* message) {
   const std::string parent = Dirname(path);

@@ -27,6 +27,11 @@ bool RemoveItem(const std::string& path);
 // Renames `from` to `to`; never replaces an existing `to`. With `across_file_systems`, a move
 // to another file system copies, syncs and only then removes the source.
 bool MoveItem(const std::string& from, const std::string& to, bool across_file_systems);
+// Whether `path` names something strictly inside `folder` (a real path), once the links in its
+// folders are resolved; the last component itself is not followed, so a link inside may be
+// removed or moved but never leads the operation out. Relative paths are never inside.
+bool IsInsideFolder(const std::string& path, const std::string& folder);
+
 // Creates the parent folder of `path` with its ancestors.
 bool CreateParentFolder(const std::string& path, std::string* message);
 

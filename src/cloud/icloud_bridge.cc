@@ -24,6 +24,7 @@ using channel::ValueMap;
 
 // The Flutter side shows this text as it stands.
 constexpr const char* kBadArguments = "Ongeldige argumenten.";
+constexpr const char* kOutsideContainer = ": not in the cloud container";
 constexpr const char* kNoHostName = "Mac";
 constexpr int64_t kDefaultDownloadTimeoutMs = 60000;
 // Identity-relevant files are re-read this long after the last edit settles.
@@ -43,6 +44,10 @@ Value TransferReply(const TransferOutcome& outcome) {
       Fields({{"ok", Value(true)},
               {"modifiedMs", Value(outcome.attributes_read ? outcome.modified_ms : int64_t{0})},
               {"size", Value(outcome.attributes_read ? outcome.size : int64_t{0})}}));
+}
+
+Value OutsideReply(const std::string& path) {
+  return Value(Fields({{"ok", Value(false)}, {"message", Value(path + kOutsideContainer)}}));
 }
 
 Value BadTransferArguments() {
@@ -88,6 +93,28 @@ struct ICloudBridge::Core {
   std::mutex mutex;
   std::condition_variable wake;
   bool stopping = false;
+  // The container's real path as last located; "" while there is none. Removing, moving and
+  // writing stay inside it: a stray path must never reach the user's other files.
+  std::string container;
+
+  void Located(const ContainerLocation& location) {
+    std::lock_guard lock(mutex);
+    container = location.status == ContainerLocation::Status::kAvailable ? location.folder : "";
+  }
+  bool Inside(const std::string& path) {
+    std::string folder;
+    {
+      std::lock_guard lock(mutex);
+      folder = container;
+    }
+    return IsInsideFolder(path, folder);
+  }
+  ContainerLocation Locate() {
+    ContainerLocation location;
+    if (container_id) location = store->Locate(*container_id);
+    Located(location);
+    return location;
+  }
 
   bool IsDownloaded(const std::string& path) {
     if (auto state = store->ClientState(path)) return state->downloaded;
@@ -277,7 +304,7 @@ void ICloudBridge::Status(std::unique_ptr<MethodResult> result) {
           Value(Fields({{"available", Value(false)}, {"reason", Value("noContainer")}})));
     }
     const std::string& id = *core.container_id;
-    const ContainerLocation location = core.store->Locate(id);
+    const ContainerLocation location = core.Locate();
     if (location.status != ContainerLocation::Status::kAvailable) {
       const char* reason =
           location.status == ContainerLocation::Status::kNoAccount ? "noAccount" : "noContainer";
@@ -395,8 +422,7 @@ void ICloudBridge::StartIdentityWatch() {
 
 void ICloudBridge::CheckIdentity() {
   OnIo([weak = weak_from_this()](Core& core) {
-    ContainerLocation location;
-    if (core.container_id) location = core.store->Locate(*core.container_id);
+    ContainerLocation location = core.Locate();
     OnMain(weak, [location](ICloudBridge& self) { self.IdentityChecked(location); });
   });
 }
@@ -448,7 +474,8 @@ void ICloudBridge::Read(const Value& arguments, std::unique_ptr<MethodResult> re
   const std::string* path = args.string("path");
   const std::string* to = args.string("to");
   if (!path || !to) return result->Success(BadTransferArguments());
-  OnIo([path = *path, to = *to, result = std::move(result)](Core&) mutable {
+  OnIo([path = *path, to = *to, result = std::move(result)](Core& core) mutable {
+    if (!core.Inside(path)) return result->Success(OutsideReply(path));
     result->Success(TransferReply(CopyOut(path, to)));
   });
 }
@@ -458,7 +485,8 @@ void ICloudBridge::Write(const Value& arguments, std::unique_ptr<MethodResult> r
   const std::string* from = args.string("from");
   const std::string* path = args.string("path");
   if (!from || !path) return result->Success(BadTransferArguments());
-  OnIo([from = *from, path = *path, result = std::move(result)](Core&) mutable {
+  OnIo([from = *from, path = *path, result = std::move(result)](Core& core) mutable {
+    if (!core.Inside(path)) return result->Success(OutsideReply(path));
     result->Success(TransferReply(CopyIn(from, path)));
   });
 }
@@ -467,8 +495,8 @@ void ICloudBridge::Delete(const Value& arguments, std::unique_ptr<MethodResult> 
   Args args(arguments);
   const std::string* path = args.string("path");
   if (!path) return result->Success(Value(false));
-  OnIo([path = *path, result = std::move(result)](Core&) mutable {
-    result->Success(Value(RemoveItem(path)));
+  OnIo([path = *path, result = std::move(result)](Core& core) mutable {
+    result->Success(Value(core.Inside(path) && RemoveItem(path)));
   });
 }
 
@@ -477,8 +505,8 @@ void ICloudBridge::Move(const Value& arguments, std::unique_ptr<MethodResult> re
   const std::string* from = args.string("from");
   const std::string* to = args.string("to");
   if (!from || !to) return result->Success(Value(false));
-  OnIo([from = *from, to = *to, result = std::move(result)](Core&) mutable {
-    result->Success(Value(MoveItem(from, to, true)));
+  OnIo([from = *from, to = *to, result = std::move(result)](Core& core) mutable {
+    result->Success(Value(core.Inside(from) && core.Inside(to) && MoveItem(from, to, true)));
   });
 }
 
@@ -487,11 +515,15 @@ void ICloudBridge::SetUbiquitous(const Value& arguments, std::unique_ptr<MethodR
   const std::string* from = args.string("from");
   const std::string* to = args.string("to");
   if (!from || !to) return result->Success(Value(false));
-  // Both directions are a move between the container and local disk; the flag only tells
-  // which way, and the paths already say that.
-  (void)args.boolean("toCloud").value_or(true);
-  OnIo([from = *from, to = *to, result = std::move(result)](Core&) mutable {
-    result->Success(Value(CreateParentFolder(to, nullptr) && MoveItem(from, to, true)));
+  // A move between the container and local disk: the cloud end must be in the container, and
+  // only a file travels (a folder from anywhere could be half the user's disk).
+  const bool to_cloud = args.boolean("toCloud").value_or(true);
+  OnIo([from = *from, to = *to, to_cloud, result = std::move(result)](Core& core) mutable {
+    struct stat st;
+    const bool ok = core.Inside(to_cloud ? to : from) && lstat(from.c_str(), &st) == 0 &&
+                    S_ISREG(st.st_mode) && CreateParentFolder(to, nullptr) &&
+                    MoveItem(from, to, true);
+    result->Success(Value(ok));
   });
 }
 
@@ -521,7 +553,7 @@ void ICloudBridge::ResolveConflicts(const Value& arguments, std::unique_ptr<Meth
   std::optional<std::string> keep;
   if (const std::string* k = args.string("keep")) keep = *k;
   OnIo([path = *path, keep, result = std::move(result)](Core& core) mutable {
-    result->Success(Value(core.ResolveConflicts(path, keep)));
+    result->Success(Value(core.Inside(path) && core.ResolveConflicts(path, keep)));
   });
 }
 

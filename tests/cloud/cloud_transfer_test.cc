@@ -146,6 +146,38 @@ TEST_F(TransferTest, SetUbiquitousMovesAcrossFileSystems) {
             Value(false));
 }
 
+TEST_F(TransferTest, NothingOutsideTheContainerIsRemovedMovedOrWritten) {
+  // Local files, a link inside the container that leads out, and relative or climbing paths.
+  WriteFile(local_ + "/keep", "keep");
+  fs::create_directory_symlink(local_, docs_ + "/out");
+  WriteFile(docs_ + "/in.corvane", "in");
+  const std::string via_link = docs_ + "/out/keep";
+  const std::string climbing = docs_ + "/../../local/keep";
+  for (const std::string& victim : {local_ + "/keep", via_link, climbing, std::string("keep"),
+                                    docs_ + "/missing/../../../local/keep"}) {
+    SCOPED_TRACE(victim);
+    EXPECT_EQ(Call("delete", Map({{"path", Value(victim)}})), Value(false));
+    EXPECT_EQ(Call("move", Args2("from", victim, "to", docs_ + "/taken.corvane")), Value(false));
+    EXPECT_EQ(Call("move", Args2("from", docs_ + "/in.corvane", "to", victim + "2")), Value(false));
+    EXPECT_EQ(Call("resolveConflicts", Map({{"path", Value(victim)}})), Value(false));
+    EXPECT_EQ(Flag(Call("write", Args2("from", docs_ + "/in.corvane", "path", victim)), "ok"),
+              false);
+    EXPECT_EQ(Flag(Call("read", Args2("path", victim, "to", local_ + "/copy")), "ok"), false);
+    EXPECT_EQ(Call("setUbiquitous", Args2("from", docs_ + "/in.corvane", "to", victim)),
+              Value(false));
+  }
+  EXPECT_EQ(ReadFile(local_ + "/keep"), "keep");
+  EXPECT_EQ(ReadFile(docs_ + "/in.corvane"), "in");
+  EXPECT_FALSE(fs::exists(local_ + "/copy"));
+  EXPECT_FALSE(fs::exists(docs_ + "/taken.corvane"));
+  // A folder never travels with setUbiquitous, and the link itself may go.
+  fs::create_directories(local_ + "/folder");
+  EXPECT_EQ(Call("setUbiquitous", Args2("from", local_ + "/folder", "to", docs_ + "/f")),
+            Value(false));
+  EXPECT_EQ(Call("delete", Map({{"path", Value(docs_ + "/out")}})), Value(true));
+  EXPECT_EQ(ReadFile(local_ + "/keep"), "keep");
+}
+
 // A sync client that has yet to fetch one file, until the test lets it arrive.
 class PendingStore : public CloudStore {
  public:

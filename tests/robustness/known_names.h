@@ -26,6 +26,11 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
         {"sessionId", "port", "host", "broadcast", "data", "requestId", "timeoutMs",
          "expiresAtMs"}}},
       {"corvane/udp_events", {{"listen", "cancel"}, {}}},
+      {"io.corvane/icloud",
+       {{"status", "startWatching", "stopWatching", "deviceName", "download", "read", "write",
+         "delete", "move", "setUbiquitous", "versions", "saveVersion", "resolveConflicts"},
+        {"path", "to", "from", "timeoutMs", "toCloud", "version", "keep"}}},
+      {"io.corvane/icloud/events", {{"listen", "cancel"}, {}}},
   };
   return vocabulary;
 }
