@@ -7,6 +7,7 @@
 
 #include <set>
 
+#include "channel/log.h"
 #include "cloud/cloud_store.h"
 #include "cloud/conflict_names.h"
 
@@ -79,7 +80,11 @@ struct Walker {
       }
     }
     for (const auto& name : subfolders) {
-      if (depth + 1 > kMaxDepth || scan.folders.size() >= kMaxFolders) break;
+      if (depth + 1 > kMaxDepth || scan.folders.size() >= kMaxFolders) {
+        channel::Log(channel::LogLevel::kWarning, "corvane-cloud",
+                     "listing stops at " + path + ": folders nested too deep or too many");
+        break;
+      }
       const int fd =
           openat(dirfd(dir), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
       if (fd < 0) continue;

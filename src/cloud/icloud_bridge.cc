@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "channel/args.h"
+#include "channel/log.h"
 #include "cloud/file_transfer.h"
 #include "cloud/folder_watcher.h"
 
@@ -24,6 +25,7 @@ using channel::ValueMap;
 
 // The Flutter side shows this text as it stands.
 constexpr const char* kBadArguments = "Ongeldige argumenten.";
+constexpr const char* kLogDomain = "corvane-cloud";
 constexpr const char* kOutsideContainer = ": not in the cloud container";
 constexpr const char* kNoHostName = "Mac";
 constexpr int64_t kDefaultDownloadTimeoutMs = 60000;
@@ -107,7 +109,10 @@ struct ICloudBridge::Core {
       std::lock_guard lock(mutex);
       folder = container;
     }
-    return IsInsideFolder(path, folder);
+    if (IsInsideFolder(path, folder)) return true;
+    channel::Log(channel::LogLevel::kWarning, kLogDomain,
+                 "refused, not in the cloud container: " + path);
+    return false;
   }
   ContainerLocation Locate() {
     ContainerLocation location;
