@@ -11,6 +11,7 @@ packages=(
   xvfb xauth
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
   desktop-file-utils shared-mime-info libx11-dev
+  syncthing curl jq
 )
 
 missing=()

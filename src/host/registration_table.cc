@@ -1,5 +1,6 @@
 #include "host/registration_table.h"
 
+#include "cloud/icloud_bridge.h"
 #include "discovery/bonjour_bridge.h"
 #include "gamepad/apple_game_controller_bridge.h"
 #include "host/plugin_registry.h"
@@ -25,6 +26,12 @@ std::shared_ptr<void> MakeBonjourBridge(Registrar& registrar) {
 
 std::shared_ptr<void> MakeGameControllerBridge(Registrar& registrar) {
   return gamepad::AppleGameControllerBridge::Create(registrar.messenger());
+}
+
+std::shared_ptr<void> MakeICloudBridge(Registrar& registrar) {
+  cloud::ICloudBridge::Options options;
+  options.container_key = registrar.info().Get(kICloudContainerKey);
+  return cloud::ICloudBridge::Create(registrar.messenger(), std::move(options));
 }
 
 std::shared_ptr<void> MakeUdpBridge(Registrar& registrar) {
@@ -63,7 +70,7 @@ const std::vector<StartupRow>& StartupTable() {
       Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, nullptr),
       Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, MakeGameControllerBridge),
       Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
-      Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, nullptr),
+      Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, MakeICloudBridge),
       Own("AppleContextMenu", {"io.corvane/context_menu"}, nullptr),
       Own("UdpBridge", {"corvane/udp", "corvane/udp_events"}, MakeUdpBridge),
       Own("BonjourBridge", {"corvane/bonjour", "corvane/bonjour_events"}, MakeBonjourBridge),

@@ -29,6 +29,11 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
       {"io.corvane/open_projects",
        {{"takePending", "release", "activeProject", "releaseAll"}, {"path", "keepAccess"}}},
       {"io.corvane/gamepad", {{"controllers", "haptic"}, {"name", "pulses"}}},
+      {"io.corvane/icloud",
+       {{"status", "startWatching", "stopWatching", "deviceName", "download", "read", "write",
+         "delete", "move", "setUbiquitous", "versions", "saveVersion", "resolveConflicts"},
+        {"path", "to", "from", "timeoutMs", "toCloud", "version", "keep"}}},
+      {"io.corvane/icloud/events", {{"listen", "cancel"}, {}}},
   };
   return vocabulary;
 }

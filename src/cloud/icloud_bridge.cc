@@ -1,0 +1,565 @@
+#include "cloud/icloud_bridge.h"
+
+#include <glib.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+
+#include "channel/args.h"
+#include "channel/log.h"
+#include "cloud/file_transfer.h"
+#include "cloud/folder_watcher.h"
+
+namespace corvane::cloud {
+
+namespace {
+
+using channel::Args;
+using channel::MethodResult;
+using channel::Value;
+using channel::ValueList;
+using channel::ValueMap;
+
+// The Flutter side shows this text as it stands.
+constexpr const char* kBadArguments = "Ongeldige argumenten.";
+constexpr const char* kLogDomain = "corvane-cloud";
+constexpr const char* kOutsideContainer = ": not in the cloud container";
+constexpr const char* kNoHostName = "Mac";
+constexpr int64_t kDefaultDownloadTimeoutMs = 60000;
+// Identity-relevant files are re-read this long after the last edit settles.
+constexpr std::chrono::milliseconds kIdentitySettle{250};
+
+ValueMap Fields(std::initializer_list<std::pair<const char*, Value>> entries) {
+  ValueMap map;
+  map.reserve(entries.size());
+  for (const auto& [key, value] : entries) map.Append(Value(key), value);
+  return map;
+}
+
+Value TransferReply(const TransferOutcome& outcome) {
+  if (!outcome.ok)
+    return Value(Fields({{"ok", Value(false)}, {"message", Value(outcome.message)}}));
+  return Value(
+      Fields({{"ok", Value(true)},
+              {"modifiedMs", Value(outcome.attributes_read ? outcome.modified_ms : int64_t{0})},
+              {"size", Value(outcome.attributes_read ? outcome.size : int64_t{0})}}));
+}
+
+Value OutsideReply(const std::string& path) {
+  return Value(Fields({{"ok", Value(false)}, {"message", Value(path + kOutsideContainer)}}));
+}
+
+Value BadTransferArguments() {
+  return Value(Fields({{"ok", Value(false)}, {"message", Value(kBadArguments)}}));
+}
+
+std::string ConflictId(size_t position, int64_t modified_ms) {
+  return std::to_string(position) + "|" + std::to_string(modified_ms);
+}
+
+// Names of files that come and go while a sync client or this service works, never documents.
+bool IsTransientName(const std::string& name) { return !name.empty() && name[0] == '.'; }
+
+// PRETTY_HOSTNAME from a machine-info file (shell-style assignments, optionally quoted).
+std::string PrettyHostName(const std::string& file) {
+  std::ifstream in(file);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("PRETTY_HOSTNAME=", 0) != 0) continue;
+    std::string value = line.substr(16);
+    if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
+        value.back() == value.front()) {
+      value = value.substr(1, value.size() - 2);
+    }
+    std::string unescaped;
+    for (size_t i = 0; i < value.size(); ++i) {
+      if (value[i] == '\\' && i + 1 < value.size()) ++i;
+      unescaped += value[i];
+    }
+    return unescaped;
+  }
+  return "";
+}
+
+}  // namespace
+
+struct ICloudBridge::Core {
+  std::shared_ptr<CloudStore> store;
+  std::optional<std::string> container_id;
+  std::chrono::milliseconds download_poll;
+
+  // Lets a waiting download end early when the service goes away.
+  std::mutex mutex;
+  std::condition_variable wake;
+  bool stopping = false;
+  // The container's real path as last located; "" while there is none. Removing, moving and
+  // writing stay inside it: a stray path must never reach the user's other files.
+  std::string container;
+
+  void Located(const ContainerLocation& location) {
+    std::lock_guard lock(mutex);
+    container = location.status == ContainerLocation::Status::kAvailable ? location.folder : "";
+  }
+  bool Inside(const std::string& path) {
+    std::string folder;
+    {
+      std::lock_guard lock(mutex);
+      folder = container;
+    }
+    if (IsInsideFolder(path, folder)) return true;
+    channel::Log(channel::LogLevel::kWarning, kLogDomain,
+                 "refused, not in the cloud container: " + path);
+    return false;
+  }
+  ContainerLocation Locate() {
+    ContainerLocation location;
+    if (container_id) location = store->Locate(*container_id);
+    Located(location);
+    return location;
+  }
+
+  bool IsDownloaded(const std::string& path) {
+    if (auto state = store->ClientState(path)) return state->downloaded;
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+  }
+
+  // Sleeps one poll interval; false once the service is stopping.
+  bool Nap() {
+    std::unique_lock lock(mutex);
+    return !wake.wait_for(lock, download_poll, [this] { return stopping; });
+  }
+
+  bool Download(const std::string& path, int64_t timeout_ms) {
+    if (IsDownloaded(path)) return true;
+    std::string error;
+    if (!store->StartDownloading(path, &error)) return IsDownloaded(path);
+    // Milliseconds beyond a year wait as long as a year; nothing overflows.
+    const auto timeout = std::chrono::milliseconds(std::min<int64_t>(timeout_ms, 31536000000));
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (IsDownloaded(path)) return true;
+      if (!Nap()) break;
+    }
+    return IsDownloaded(path);
+  }
+
+  Value Versions(const std::string& path) {
+    ValueMap versions;
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0) {
+      versions.Append(
+          Value("current"),
+          Value(Fields(
+              {{"id", Value("current")},
+               {"device", Value("")},
+               {"modifiedMs", Value(MillisecondsOf(st.st_mtim.tv_sec, st.st_mtim.tv_nsec))}})));
+    }
+    ValueList conflicts;
+    const auto copies = store->ConflictVersions(path);
+    for (size_t i = 0; i < copies.size(); ++i) {
+      conflicts.emplace_back(Fields({{"id", Value(ConflictId(i, copies[i].modified_ms))},
+                                     {"device", Value(copies[i].device)},
+                                     {"modifiedMs", Value(copies[i].modified_ms)}}));
+    }
+    versions.Append(Value("conflicts"), Value(std::move(conflicts)));
+    return Value(std::move(versions));
+  }
+
+  std::optional<ConflictVersion> FindConflict(const std::string& path, const std::string& id) {
+    const auto copies = store->ConflictVersions(path);
+    for (size_t i = 0; i < copies.size(); ++i) {
+      if (ConflictId(i, copies[i].modified_ms) == id) return copies[i];
+    }
+    return std::nullopt;
+  }
+
+  bool SaveVersion(const std::string& path, const std::string& id, const std::string& to) {
+    auto version = FindConflict(path, id);
+    if (!version) return false;
+    // A snapshot of the copy first: the sync client may replace or remove it meanwhile.
+    gchar* uuid = g_uuid_string_random();
+    gchar* upper = g_ascii_strup(uuid, -1);
+    const std::string temp = std::string(g_get_tmp_dir()) + "/corvane-version-" + upper;
+    g_free(upper);
+    g_free(uuid);
+    const bool ok = CopyOut(version->path, temp).ok && CopyIn(temp, to).ok;
+    unlink(temp.c_str());
+    return ok;
+  }
+
+  bool ResolveConflicts(const std::string& path, const std::optional<std::string>& keep) {
+    const auto copies = store->ConflictVersions(path);
+    bool kept = false;
+    if (keep && *keep != "current") {
+      for (size_t i = 0; i < copies.size() && !kept; ++i) {
+        if (ConflictId(i, copies[i].modified_ms) != *keep) continue;
+        if (!ReplaceContent(path, copies[i].path)) return false;  // every copy stays
+        kept = true;
+      }
+    }
+    struct stat st;
+    // Without the file and without a kept copy, the copies are all that is left of it.
+    if (!kept && stat(path.c_str(), &st) != 0) return false;
+    bool removed = true;
+    for (const auto& copy : copies) removed = RemoveItem(copy.path) && removed;
+    return removed;
+  }
+};
+
+std::optional<std::string> ICloudBridge::AcceptedContainerId(
+    const std::optional<std::string>& key) {
+  // An unexpanded "$(...)" left by a build counts as no container, on purpose.
+  if (!key || key->empty() || key->find("$(") != std::string::npos) return std::nullopt;
+  return key;
+}
+
+std::shared_ptr<ICloudBridge> ICloudBridge::Create(channel::BinaryMessenger& messenger,
+                                                   Options options) {
+  std::shared_ptr<ICloudBridge> bridge(new ICloudBridge(std::move(options)));
+  bridge->Open(messenger);
+  bridge->StartIdentityWatch();
+  return bridge;
+}
+
+ICloudBridge::ICloudBridge(Options options) : options_(std::move(options)) {
+  if (!options_.store) options_.store = MakeSyncedFolderStore(ClientPaths::FromEnvironment());
+  if (!options_.host_name) options_.host_name = [] { return std::string(g_get_host_name()); };
+  io_ = std::make_unique<dispatch::ConcurrentQueue>(kQueueLabel, options_.workers);
+  core_ = std::make_shared<Core>();
+  core_->store = options_.store;
+  core_->container_id = AcceptedContainerId(options_.container_key);
+  core_->download_poll = options_.download_poll;
+}
+
+ICloudBridge::~ICloudBridge() {
+  methods_.reset();
+  events_.reset();
+  watcher_.reset();
+  identity_watcher_.reset();
+  {
+    std::lock_guard lock(core_->mutex);
+    core_->stopping = true;
+  }
+  core_->wake.notify_all();
+  core_.reset();  // queued work finds the core gone; running work holds its own reference
+  io_.reset();
+}
+
+void ICloudBridge::Open(channel::BinaryMessenger& messenger) {
+  methods_ = std::make_unique<channel::MethodChannel>(messenger, kMethodChannel);
+  methods_->SetMethodCallHandler(
+      [this](const channel::MethodCall& call, std::unique_ptr<MethodResult> result) {
+        HandleCall(call, std::move(result));
+      });
+  events_ = std::make_unique<channel::EventChannel>(messenger, kEventChannel);
+  events_->SetStreamHandler(std::make_unique<channel::FunctionStreamHandler>(
+      [this](const Value&, std::unique_ptr<channel::EventSink> sink) {
+        sink_ = std::move(sink);
+        if (watcher_) Snapshot();
+        return std::optional<channel::MethodError>();
+      },
+      [this](const Value&) {
+        sink_.reset();
+        return std::optional<channel::MethodError>();
+      }));
+}
+
+template <typename F>
+void ICloudBridge::OnIo(F fn) {
+  io_->Async([weak = std::weak_ptr<Core>(core_), fn = std::move(fn)]() mutable {
+    if (auto core = weak.lock()) fn(*core);
+  });
+}
+
+template <typename F>
+void ICloudBridge::OnMain(std::weak_ptr<ICloudBridge> weak, F fn) {
+  dispatch::MainQueue().Async([weak = std::move(weak), fn = std::move(fn)]() mutable {
+    if (auto self = weak.lock()) fn(*self);
+  });
+}
+
+void ICloudBridge::HandleCall(const channel::MethodCall& call,
+                              std::unique_ptr<MethodResult> result) {
+  const std::string& method = call.method;
+  const Value& args = call.arguments;
+  if (method == "status") return Status(std::move(result));
+  if (method == "startWatching") return StartWatching(std::move(result));
+  if (method == "stopWatching") return StopWatching(std::move(result));
+  if (method == "deviceName") return DeviceName(std::move(result));
+  if (method == "download") return Download(args, std::move(result));
+  if (method == "read") return Read(args, std::move(result));
+  if (method == "write") return Write(args, std::move(result));
+  if (method == "delete") return Delete(args, std::move(result));
+  if (method == "move") return Move(args, std::move(result));
+  if (method == "setUbiquitous") return SetUbiquitous(args, std::move(result));
+  if (method == "versions") return Versions(args, std::move(result));
+  if (method == "saveVersion") return SaveVersion(args, std::move(result));
+  if (method == "resolveConflicts") return ResolveConflicts(args, std::move(result));
+  result->NotImplemented();
+}
+
+void ICloudBridge::Status(std::unique_ptr<MethodResult> result) {
+  OnIo([weak = weak_from_this(), result = std::move(result)](Core& core) mutable {
+    if (!core.container_id) {
+      return result->Success(
+          Value(Fields({{"available", Value(false)}, {"reason", Value("noContainer")}})));
+    }
+    const std::string& id = *core.container_id;
+    const ContainerLocation location = core.Locate();
+    if (location.status != ContainerLocation::Status::kAvailable) {
+      const char* reason =
+          location.status == ContainerLocation::Status::kNoAccount ? "noAccount" : "noContainer";
+      return result->Success(Value(Fields(
+          {{"available", Value(false)}, {"reason", Value(reason)}, {"container", Value(id)}})));
+    }
+    const std::string documents = location.folder + "/Documents";
+    g_mkdir_with_parents(documents.c_str(), 0755);  // a failure shows in the listing instead
+    Value reply(Fields({{"available", Value(true)},
+                        {"container", Value(id)},
+                        {"identity", Value(IdentityOf(location.identity_source))},
+                        {"documents", Value(documents)}}));
+    OnMain(weak, [documents, reply = std::move(reply),
+                  result = std::move(result)](ICloudBridge& self) mutable {
+      self.SetDocuments(documents);
+      result->Success(std::move(reply));
+      if (self.wants_watching_) self.Snapshot();
+    });
+  });
+}
+
+void ICloudBridge::StartWatching(std::unique_ptr<MethodResult> result) {
+  wants_watching_ = true;
+  if (watcher_) {
+    Snapshot();
+    return result->Success();
+  }
+  watcher_ = std::make_unique<FolderWatcher>(
+      options_.batch_interval, [this] { Snapshot(); }, IsTransientName);
+  watcher_gathered_ = false;
+  if (!documents_.empty()) {
+    size_t failed = 0;
+    watcher_->WatchExactly({documents_}, &failed);
+    if (failed > 0) {
+      Emit(Fields({{"type", Value("items")}, {"items", Value(ValueList())}}));
+    } else {
+      Snapshot();
+    }
+  }
+  result->Success();
+}
+
+void ICloudBridge::StopWatching(std::unique_ptr<MethodResult> result) {
+  wants_watching_ = false;
+  watcher_.reset();
+  result->Success();
+}
+
+void ICloudBridge::DeviceName(std::unique_ptr<MethodResult> result) {
+  std::string name = PrettyHostName(options_.machine_info);
+  if (name.empty()) name = options_.host_name();
+  result->Success(Value(name.empty() ? std::string(kNoHostName) : name));
+}
+
+void ICloudBridge::SetDocuments(const std::string& documents) {
+  if (documents == documents_) return;
+  documents_ = documents;
+  if (watcher_) {
+    watcher_->WatchExactly({documents_});
+    watcher_gathered_ = false;
+  }
+}
+
+void ICloudBridge::Snapshot() {
+  if (!sink_ || !watcher_ || documents_.empty()) return;
+  OnIo([weak = weak_from_this(), documents = documents_](Core& core) {
+    DocumentScan scan = ScanDocuments(documents);
+    auto states =
+        scan.ok ? core.store->ClientStates(documents) : std::map<std::string, ItemState>();
+    OnMain(weak, [documents, scan = std::move(scan),
+                  states = std::move(states)](ICloudBridge& self) mutable {
+      self.ShowScan(documents, std::move(scan), std::move(states));
+    });
+  });
+}
+
+void ICloudBridge::ShowScan(const std::string& documents, DocumentScan scan,
+                            std::map<std::string, ItemState> states) {
+  if (!watcher_ || documents != documents_) return;  // stopped or moved meanwhile
+  // Folders that appeared since the last scan are watched from now on; anything created in
+  // them before their watch began is caught by one more scan.
+  const size_t added =
+      watcher_->WatchExactly(scan.ok ? scan.folders : std::vector<std::string>{documents});
+  if (added > 0 && watcher_gathered_) watcher_->Poke();
+  watcher_gathered_ = true;
+  ValueList items;
+  items.reserve(scan.items.size());
+  for (const DocumentItem& item : scan.items) {
+    const std::string path = documents + "/" + item.relative;
+    auto known = states.find(path);
+    const ItemState state = known != states.end() ? known->second : ItemState();
+    ValueMap map = Fields({{"path", Value(path)},
+                           {"relative", Value(item.relative)},
+                           {"size", Value(item.size)},
+                           {"modifiedMs", Value(item.modified_ms)},
+                           {"downloaded", Value(state.downloaded)},
+                           {"downloading", Value(state.downloading)},
+                           {"uploaded", Value(state.uploaded)},
+                           {"uploading", Value(state.uploading)},
+                           {"conflict", Value(state.conflict || item.has_conflicts)}});
+    if (state.error) map.Append(Value("error"), Value(*state.error));
+    items.emplace_back(std::move(map));
+  }
+  Emit(Fields({{"type", Value("items")}, {"items", Value(std::move(items))}}));
+}
+
+void ICloudBridge::Emit(ValueMap event) {
+  if (sink_) sink_->Success(Value(std::move(event)));
+}
+
+void ICloudBridge::StartIdentityWatch() {
+  identity_watcher_ = std::make_unique<FolderWatcher>(kIdentitySettle, [this] { CheckIdentity(); });
+  CheckIdentity();
+}
+
+void ICloudBridge::CheckIdentity() {
+  OnIo([weak = weak_from_this()](Core& core) {
+    ContainerLocation location = core.Locate();
+    OnMain(weak, [location](ICloudBridge& self) { self.IdentityChecked(location); });
+  });
+}
+
+void ICloudBridge::IdentityChecked(const ContainerLocation& location) {
+  // A container that went missing changes the identity too, though its folder's name stayed.
+  const std::string seen =
+      std::to_string(static_cast<int>(location.status)) + "\n" + location.identity_source;
+  const bool changed = identity_source_ && *identity_source_ != seen;
+  identity_source_ = seen;
+  // Watch the clients' files, and the two nearest existing folders above the container, so
+  // that an edit of the configuration or a move of the container (or of its sync root) is
+  // noticed; a file whose folder does not exist yet is watched from the folder above.
+  std::vector<std::string> paths;
+  auto watch = [&paths](const std::string& path) {
+    gchar* parent = g_path_get_dirname(path.c_str());
+    gchar* grandparent = g_path_get_dirname(parent);
+    if (g_file_test(parent, G_FILE_TEST_IS_DIR))
+      paths.push_back(path);
+    else if (g_file_test(grandparent, G_FILE_TEST_IS_DIR))
+      paths.push_back(grandparent);
+    g_free(grandparent);
+    g_free(parent);
+  };
+  for (const auto& file : options_.store->ConfigurationFiles()) watch(file);
+  int above = 0;
+  for (std::string folder = location.folder; above < 2 && folder.size() > 1;) {
+    gchar* parent = g_path_get_dirname(folder.c_str());
+    folder = parent;
+    g_free(parent);
+    if (g_file_test(folder.c_str(), G_FILE_TEST_IS_DIR)) paths.push_back(folder), ++above;
+  }
+  identity_watcher_->WatchExactly(paths);
+  if (changed) Emit(Fields({{"type", Value("identity")}}));
+}
+
+void ICloudBridge::Download(const Value& arguments, std::unique_ptr<MethodResult> result) {
+  Args args(arguments);
+  const std::string* path = args.string("path");
+  if (!path) return result->Success(Value(false));
+  const int64_t timeout_ms = args.integer("timeoutMs").value_or(kDefaultDownloadTimeoutMs);
+  OnIo([path = *path, timeout_ms, result = std::move(result)](Core& core) mutable {
+    result->Success(Value(core.Download(path, timeout_ms)));
+  });
+}
+
+void ICloudBridge::Read(const Value& arguments, std::unique_ptr<MethodResult> result) {
+  Args args(arguments);
+  const std::string* path = args.string("path");
+  const std::string* to = args.string("to");
+  if (!path || !to) return result->Success(BadTransferArguments());
+  OnIo([path = *path, to = *to, result = std::move(result)](Core& core) mutable {
+    if (!core.Inside(path)) return result->Success(OutsideReply(path));
+    result->Success(TransferReply(CopyOut(path, to)));
+  });
+}
+
+void ICloudBridge::Write(const Value& arguments, std::unique_ptr<MethodResult> result) {
+  Args args(arguments);
+  const std::string* from = args.string("from");
+  const std::string* path = args.string("path");
+  if (!from || !path) return result->Success(BadTransferArguments());
+  OnIo([from = *from, path = *path, result = std::move(result)](Core& core) mutable {
+    if (!core.Inside(path)) return result->Success(OutsideReply(path));
+    result->Success(TransferReply(CopyIn(from, path)));
+  });
+}
+
+void ICloudBridge::Delete(const Value& arguments, std::unique_ptr<MethodResult> result) {
+  Args args(arguments);
+  const std::string* path = args.string("path");
+  if (!path) return result->Success(Value(false));
+  OnIo([path = *path, result = std::move(result)](Core& core) mutable {
+    result->Success(Value(core.Inside(path) && RemoveItem(path)));
+  });
+}
+
+void ICloudBridge::Move(const Value& arguments, std::unique_ptr<MethodResult> result) {
+  Args args(arguments);
+  const std::string* from = args.string("from");
+  const std::string* to = args.string("to");
+  if (!from || !to) return result->Success(Value(false));
+  OnIo([from = *from, to = *to, result = std::move(result)](Core& core) mutable {
+    result->Success(Value(core.Inside(from) && core.Inside(to) && MoveItem(from, to, true)));
+  });
+}
+
+void ICloudBridge::SetUbiquitous(const Value& arguments, std::unique_ptr<MethodResult> result) {
+  Args args(arguments);
+  const std::string* from = args.string("from");
+  const std::string* to = args.string("to");
+  if (!from || !to) return result->Success(Value(false));
+  // A move between the container and local disk: the cloud end must be in the container, and
+  // only a file travels (a folder from anywhere could be half the user's disk).
+  const bool to_cloud = args.boolean("toCloud").value_or(true);
+  OnIo([from = *from, to = *to, to_cloud, result = std::move(result)](Core& core) mutable {
+    struct stat st;
+    const bool ok = core.Inside(to_cloud ? to : from) && lstat(from.c_str(), &st) == 0 &&
+                    S_ISREG(st.st_mode) && CreateParentFolder(to, nullptr) &&
+                    MoveItem(from, to, true);
+    result->Success(Value(ok));
+  });
+}
+
+void ICloudBridge::Versions(const Value& arguments, std::unique_ptr<MethodResult> result) {
+  Args args(arguments);
+  const std::string* path = args.string("path");
+  if (!path) return result->Success();
+  OnIo([path = *path, result = std::move(result)](Core& core) mutable {
+    result->Success(core.Versions(path));
+  });
+}
+
+void ICloudBridge::SaveVersion(const Value& arguments, std::unique_ptr<MethodResult> result) {
+  Args args(arguments);
+  const std::string* path = args.string("path");
+  const std::string* version = args.string("version");
+  const std::string* to = args.string("to");
+  if (!path || !version || !to) return result->Success(Value(false));
+  OnIo([path = *path, version = *version, to = *to, result = std::move(result)](
+           Core& core) mutable { result->Success(Value(core.SaveVersion(path, version, to))); });
+}
+
+void ICloudBridge::ResolveConflicts(const Value& arguments, std::unique_ptr<MethodResult> result) {
+  Args args(arguments);
+  const std::string* path = args.string("path");
+  if (!path) return result->Success(Value(false));
+  std::optional<std::string> keep;
+  if (const std::string* k = args.string("keep")) keep = *k;
+  OnIo([path = *path, keep, result = std::move(result)](Core& core) mutable {
+    result->Success(Value(core.Inside(path) && core.ResolveConflicts(path, keep)));
+  });
+}
+
+}  // namespace corvane::cloud

@@ -1,0 +1,137 @@
+// The live listing of Documents: what counts as a document, the item maps, and changes on
+// disk arriving as "items" events.
+#include <set>
+
+#include "cloud_fixture.h"
+
+namespace corvane::cloud::testing {
+namespace {
+
+std::set<std::string> Relatives(const Value& event) {
+  std::set<std::string> names;
+  const Value* items = Field(event, "items");
+  if (items && items->list_if()) {
+    for (const Value& item : *items->list_if()) names.insert(Text(item, "relative"));
+  }
+  return names;
+}
+
+const Value* ItemNamed(const Value& event, const std::string& relative) {
+  const Value* items = Field(event, "items");
+  if (!items || !items->list_if()) return nullptr;
+  for (const Value& item : *items->list_if()) {
+    if (Text(item, "relative") == relative) return &item;
+  }
+  return nullptr;
+}
+
+class WatchTest : public CloudTest {
+ protected:
+  // Waits for an "items" event listing exactly `expected`.
+  std::optional<Value> WaitItems(const std::set<std::string>& expected) {
+    return WaitEvent("items", &from_, [&](const Value& e) { return Relatives(e) == expected; });
+  }
+  size_t from_ = 0;
+};
+
+TEST_F(WatchTest, NameRulesAndTheDocumentsBoundary) {
+  const std::string docs = StartWithContainer();
+  for (const char* name : {"a.corvane", "B.CorvanePack", "corvane-backup-2024.zip",
+                           "sub/deep/c.corvane", "Corvane-backup-x", "notes.txt", "a.corvane.txt",
+                           ".hidden.corvane", ".stversions/old.corvane", "corvane"}) {
+    WriteFile(docs + "/" + name, "x");
+  }
+  WriteFile(docs + "/../outside.corvane", "x");
+  Call("startWatching");
+  ASSERT_TRUE(
+      WaitItems({"a.corvane", "B.CorvanePack", "corvane-backup-2024.zip", "sub/deep/c.corvane"}));
+}
+
+TEST_F(WatchTest, ItemMapsCarryTheFilesAttributes) {
+  const std::string docs = StartWithContainer();
+  WriteFile(docs + "/doc.corvane", "12345");
+  SetModified(docs + "/doc.corvane", 1718000000, 123999999);
+  WriteFile(docs + "/old.corvane", "");
+  SetModified(docs + "/old.corvane", -2, 500000000);  // 1.5 s before the epoch
+  WriteFile(docs + "/doc.sync-conflict-20240610-101500-ABCDEFG.corvane", "theirs");
+  Call("startWatching");
+  auto event = WaitItems({"doc.corvane", "old.corvane"});
+  ASSERT_TRUE(event);
+  const Value* doc = ItemNamed(*event, "doc.corvane");
+  const Value expected = Map({{"path", Value(docs + "/doc.corvane")},
+                              {"relative", Value("doc.corvane")},
+                              {"size", Value::Integer(5)},
+                              {"modifiedMs", Value::Integer(1718000000123)},
+                              {"downloaded", Value(true)},
+                              {"downloading", Value(false)},
+                              {"uploaded", Value(true)},
+                              {"uploading", Value(false)},
+                              {"conflict", Value(true)}});
+  EXPECT_EQ(*doc, expected);
+  EXPECT_EQ(Integer(*ItemNamed(*event, "old.corvane"), "modifiedMs"), -1500);
+  EXPECT_EQ(Flag(*ItemNamed(*event, "old.corvane"), "conflict"), false);
+}
+
+TEST_F(WatchTest, ChangesOnDiskArriveAsItems) {
+  const std::string docs = StartWithContainer();
+  WriteFile(docs + "/a.corvane", "1");
+  Call("startWatching");
+  ASSERT_TRUE(WaitItems({"a.corvane"}));
+
+  WriteFile(docs + "/b.corvane", "2");
+  ASSERT_TRUE(WaitItems({"a.corvane", "b.corvane"}));
+  // A new folder tree, and a file in a folder that appeared after the first listing.
+  WriteFile(docs + "/p/q/c.corvane", "3");
+  ASSERT_TRUE(WaitItems({"a.corvane", "b.corvane", "p/q/c.corvane"}));
+  WriteFile(docs + "/p/q/d.corvane", "4");
+  ASSERT_TRUE(WaitItems({"a.corvane", "b.corvane", "p/q/c.corvane", "p/q/d.corvane"}));
+  fs::rename(docs + "/a.corvane", docs + "/p/renamed.corvane");
+  ASSERT_TRUE(WaitItems({"b.corvane", "p/renamed.corvane", "p/q/c.corvane", "p/q/d.corvane"}));
+  fs::rename(docs + "/p", docs + "/r");
+  ASSERT_TRUE(WaitItems({"b.corvane", "r/renamed.corvane", "r/q/c.corvane", "r/q/d.corvane"}));
+  // A file written inside a renamed folder: its watch moved with it.
+  WriteFile(docs + "/r/q/e.corvane", "5");
+  ASSERT_TRUE(WaitItems(
+      {"b.corvane", "r/renamed.corvane", "r/q/c.corvane", "r/q/d.corvane", "r/q/e.corvane"}));
+  fs::remove_all(docs + "/r");
+  fs::remove(docs + "/b.corvane");
+  ASSERT_TRUE(WaitItems({}));
+}
+
+TEST_F(WatchTest, ListenersStopAndStartedWatching) {
+  const std::string docs = StartWithContainer();
+  WriteFile(docs + "/a.corvane", "1");
+  Call("startWatching");
+  ASSERT_TRUE(WaitItems({"a.corvane"}));
+
+  // A new listener gets the current list at once; the old sink stays quiet.
+  engine_.SendFromEngine(kEventChannel, channel::EncodeMethodCall({"cancel", Value()}));
+  WriteFile(docs + "/b.corvane", "2");
+  Settle(600ms);
+  EXPECT_FALSE(WaitEvent("items", &from_, {}, 10ms));
+  engine_.SendFromEngine(kEventChannel, channel::EncodeMethodCall({"listen", Value()}));
+  ASSERT_TRUE(WaitItems({"a.corvane", "b.corvane"}));
+
+  // "status" while watching shows the list again; after stopWatching nothing more comes.
+  Call("status");
+  ASSERT_TRUE(WaitItems({"a.corvane", "b.corvane"}));
+  Call("stopWatching");
+  WriteFile(docs + "/c.corvane", "3");
+  Call("status");
+  Settle(600ms);
+  EXPECT_FALSE(WaitEvent("items", &from_, {}, 10ms));
+}
+
+TEST_F(WatchTest, WatchingBeforeStatusWaitsForTheContainer) {
+  const std::string folder = ConfigureFolder(root_.path() + "/c/" + kContainer);
+  WriteFile(folder + "/Documents/a.corvane", "1");
+  Start();
+  Call("startWatching");
+  Settle(400ms);
+  EXPECT_FALSE(WaitEvent("items", &from_, {}, 10ms));
+  Call("status");
+  ASSERT_TRUE(WaitItems({"a.corvane"}));
+}
+
+}  // namespace
+}  // namespace corvane::cloud::testing
