@@ -1,10 +1,12 @@
 #include "imaging/jpeg_encoder.h"
 
-// jpeglib.h needs size_t and FILE declared first.
-#include <jpeglib.h>
-
 #include <csetjmp>
 #include <cstdio>
+
+// jpeglib.h needs size_t and FILE declared first.
+// clang-format off
+#include <jpeglib.h>
+// clang-format on
 
 namespace corvane::imaging {
 

@@ -1,13 +1,15 @@
 // Decoding JPEG bytes back to RGB, to compare what the service sent with what it was given.
 #pragma once
 
-#include <jpeglib.h>
-
 #include <csetjmp>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <vector>
+
+// clang-format off
+#include <jpeglib.h>  // after <cstdio>: it needs FILE
+// clang-format on
 
 namespace corvane::testing {
 
