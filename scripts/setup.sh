@@ -9,6 +9,7 @@ packages=(
   libglib2.0-dev libgtk-3-dev adwaita-icon-theme
   xvfb xauth
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
+  libv4l-dev libudev-dev libjpeg62-turbo-dev
 )
 
 missing=()

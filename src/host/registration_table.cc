@@ -1,6 +1,7 @@
 #include "host/registration_table.h"
 
 #include "discovery/bonjour_bridge.h"
+#include "host/camera_registration.h"
 #include "host/plugin_registry.h"
 #include "udp/local_network_permission.h"
 #include "udp/udp_bridge.h"
@@ -54,7 +55,7 @@ const std::vector<StartupRow>& StartupTable() {
       Plugin("WindowManagerPlugin"),
       Own("NativeSystemSymbols", {"corvane/system_symbols"}, nullptr),
       Own("MacWindowAppearance", {"io.corvane/window_appearance"}, nullptr),
-      Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, nullptr),
+      Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, MakeAppleUsbCamera),
       Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, nullptr),
       Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
       Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, nullptr),

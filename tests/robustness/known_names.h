@@ -26,6 +26,9 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
         {"sessionId", "port", "host", "broadcast", "data", "requestId", "timeoutMs",
          "expiresAtMs"}}},
       {"corvane/udp_events", {{"listen", "cancel"}, {}}},
+      {"io.corvane/apple_usb_camera",
+       {{"supported", "list", "open", "read", "close"},
+        {"token", "deviceId", "timeoutMs", "maxFrameBytes"}}},
   };
   return vocabulary;
 }
