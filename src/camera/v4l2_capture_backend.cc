@@ -102,8 +102,13 @@ struct Device {
   }
 
   // Capture queue: the device has frames (or has gone).
-  bool OnReadable() {
-    BufferQueue queue{[this](v4l2_buffer* b) { return Ioctl(fd, VIDIOC_DQBUF, b); },
+  bool OnReadable(GIOCondition condition) {
+    bool took = false;
+    BufferQueue queue{[this, &took](v4l2_buffer* b) {
+                        const int r = Ioctl(fd, VIDIOC_DQBUF, b);
+                        took = took || r == 0;
+                        return r;
+                      },
                       [this](const v4l2_buffer& b) {
                         v4l2_buffer again = b;
                         Ioctl(fd, VIDIOC_QBUF, &again);
@@ -115,6 +120,8 @@ struct Device {
                         BufferTimeNs(b));
       handlers.on_sample(sample);
     });
+    // An error condition with nothing to dequeue would wake us again at once, for ever.
+    if (!failure && !took && (condition & (G_IO_ERR | G_IO_HUP))) failure = kStreamFailed;
     if (!failure) return true;
     channel::Log(channel::LogLevel::kInfo, kLogDomain, std::string("capture stopped: ") + failure);
     handlers.on_failure(failure);
@@ -255,8 +262,9 @@ const char* V4l2Stream::Start(dispatch::SerialQueue& capture_queue, Handlers han
     if (device->fd < 0) return;  // stopped before it began
     device->source =
         g_unix_fd_source_new(device->fd, static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP));
-    GUnixFDSourceFunc on_readable = [](int, GIOCondition, void* data) -> gboolean {
-      return static_cast<Device*>(data)->OnReadable() ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+    GUnixFDSourceFunc on_readable = [](int, GIOCondition condition, void* data) -> gboolean {
+      return static_cast<Device*>(data)->OnReadable(condition) ? G_SOURCE_CONTINUE
+                                                               : G_SOURCE_REMOVE;
     };
     // The source goes before the device does (Close destroys it), so a plain pointer will do.
     g_source_set_callback(device->source, G_SOURCE_FUNC(on_readable), device.get(), nullptr);
