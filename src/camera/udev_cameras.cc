@@ -21,21 +21,23 @@ constexpr const char* kByIdPrefix = "/dev/v4l/by-id/";
 std::string Text(const char* text) { return text ? std::string(text) : std::string(); }
 
 struct Probe {
-  bool opened = false;
-  bool denied = false;
   bool capture = false;
   std::string card;
 };
 
-// Asks the node itself what it does. Opening a node another program streams from is allowed.
+bool Accessible(const std::string& devnode) { return access(devnode.c_str(), R_OK | W_OK) == 0; }
+
+// Asks the node itself what it does: for nodes udev has not described (no udevd). Opening a
+// node another program streams from is allowed.
 Probe ProbeNode(const std::string& devnode) {
   Probe probe;
   const int fd = open(devnode.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
-    probe.denied = errno == EACCES || errno == EPERM;
+    // Without rights there is no telling; counted as a camera, so that a user outside the
+    // video group hears "permission" rather than of no camera at all.
+    probe.capture = (errno == EACCES || errno == EPERM);
     return probe;
   }
-  probe.opened = true;
   v4l2_capability caps{};
   if (ioctl(fd, VIDIOC_QUERYCAP, &caps) == 0) {
     const uint32_t node_caps =
@@ -48,10 +50,10 @@ Probe ProbeNode(const std::string& devnode) {
   return probe;
 }
 
-// Where the node cannot be opened, udev's own probe tells whether it captures.
-bool UdevSaysCapture(udev_device* device) {
-  const std::string caps = Text(udev_device_get_property_value(device, "ID_V4L_CAPABILITIES"));
-  return caps.find(":capture:") != std::string::npos;
+// udev's own probe of the node (":capture:" for capture nodes, ":meta:" alone for metadata
+// ones), which spares waking the camera up; empty where udevd did not run.
+std::string UdevCapabilities(udev_device* device) {
+  return Text(udev_device_get_property_value(device, "ID_V4L_CAPABILITIES"));
 }
 
 std::string StableId(udev_device* device) {
@@ -103,11 +105,16 @@ std::vector<CaptureNode> UdevCameras::Enumerate() {
     if (!device) continue;
     const std::string devnode = Text(udev_device_get_devnode(device));
     if (!devnode.empty()) {
-      const Probe probe = ProbeNode(devnode);
-      const bool capture = probe.opened ? probe.capture : UdevSaysCapture(device);
-      if (capture) {
-        nodes.push_back(
-            CaptureNode{StableId(device), ProductName(device, probe.card), devnode, !probe.denied});
+      const std::string described = UdevCapabilities(device);
+      Probe probe;
+      if (described.empty()) {
+        probe = ProbeNode(devnode);
+      } else {
+        probe.capture = described.find(":capture:") != std::string::npos;
+      }
+      if (probe.capture) {
+        nodes.push_back(CaptureNode{StableId(device), ProductName(device, probe.card), devnode,
+                                    Accessible(devnode)});
       }
     }
     udev_device_unref(device);
