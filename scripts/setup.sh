@@ -12,6 +12,7 @@ packages=(
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
   desktop-file-utils shared-mime-info libx11-dev
   syncthing curl jq
+  libv4l-dev libudev-dev libjpeg62-turbo-dev
 )
 
 missing=()

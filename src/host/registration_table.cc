@@ -3,6 +3,7 @@
 #include "cloud/icloud_bridge.h"
 #include "discovery/bonjour_bridge.h"
 #include "gamepad/apple_game_controller_bridge.h"
+#include "host/camera_registration.h"
 #include "host/plugin_registry.h"
 #include "host/project_opening_row.h"
 #include "udp/local_network_permission.h"
@@ -67,7 +68,7 @@ const std::vector<StartupRow>& StartupTable() {
       Plugin("WindowManagerPlugin"),
       Own("NativeSystemSymbols", {"corvane/system_symbols"}, nullptr),
       Own("MacWindowAppearance", {"io.corvane/window_appearance"}, nullptr),
-      Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, nullptr),
+      Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, MakeAppleUsbCamera),
       Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, MakeGameControllerBridge),
       Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
       Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, MakeICloudBridge),

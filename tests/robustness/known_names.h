@@ -34,6 +34,9 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
          "delete", "move", "setUbiquitous", "versions", "saveVersion", "resolveConflicts"},
         {"path", "to", "from", "timeoutMs", "toCloud", "version", "keep"}}},
       {"io.corvane/icloud/events", {{"listen", "cancel"}, {}}},
+      {"io.corvane/apple_usb_camera",
+       {{"supported", "list", "open", "read", "close"},
+        {"token", "deviceId", "timeoutMs", "maxFrameBytes"}}},
   };
   return vocabulary;
 }
