@@ -2,6 +2,7 @@
 
 #include "discovery/bonjour_bridge.h"
 #include "host/plugin_registry.h"
+#include "legacy/legacy_swiftui_bridge.h"
 #include "udp/local_network_permission.h"
 #include "udp/udp_bridge.h"
 
@@ -19,6 +20,13 @@ StartupRow Plugin(std::string name) {
 
 std::shared_ptr<void> MakeBonjourBridge(Registrar& registrar) {
   return std::make_shared<discovery::BonjourBridge>(registrar.messenger());
+}
+
+std::shared_ptr<void> MakeLegacySwiftUIBridge(Registrar& registrar) {
+  // The bundle identifier decides whether this is the earlier edition itself.
+  return legacy::LegacySwiftUIBridge::Create(
+      registrar.messenger(), legacy::LegacyEnvironment::Current(
+                                 registrar.info().Get(kBundleIdentifierKey).value_or("")));
 }
 
 std::shared_ptr<void> MakeUdpBridge(Registrar& registrar) {
@@ -56,7 +64,7 @@ const std::vector<StartupRow>& StartupTable() {
       Own("MacWindowAppearance", {"io.corvane/window_appearance"}, nullptr),
       Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, nullptr),
       Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, nullptr),
-      Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
+      Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, MakeLegacySwiftUIBridge),
       Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, nullptr),
       Own("AppleContextMenu", {"io.corvane/context_menu"}, nullptr),
       Own("UdpBridge", {"corvane/udp", "corvane/udp_events"}, MakeUdpBridge),
