@@ -1,11 +1,13 @@
 #include "imaging/jpeg_encoder.h"
 
+#include <csetjmp>
+#include <cstdio>  // before jpeglib.h, which uses FILE without including it
+#include <new>
+
+// clang-format off: jpeglib.h must come before jerror.h
 #include <jerror.h>
 #include <jpeglib.h>
-
-#include <csetjmp>
-#include <cstdio>  // jpeglib.h needs FILE
-#include <new>
+// clang-format on
 
 namespace corvane::imaging {
 
