@@ -4,10 +4,8 @@
 #include <cstdio>  // before jpeglib.h, which uses FILE without including it
 #include <new>
 
-// clang-format off: jpeglib.h must come before jerror.h
 #include <jerror.h>
 #include <jpeglib.h>
-// clang-format on
 
 namespace corvane::imaging {
 
