@@ -38,6 +38,12 @@ void OnSizePrepared(GdkPixbufLoader* loader, int width, int height, gpointer dat
   gdk_pixbuf_loader_set_size(loader, 0, 0);
 }
 
+// A file that ends early still gives an image, whose missing rows the decoder never writes:
+// white, rather than whatever the memory held before.
+void OnAreaPrepared(GdkPixbufLoader* loader, gpointer) {
+  if (GdkPixbuf* pixbuf = gdk_pixbuf_loader_get_pixbuf(loader)) gdk_pixbuf_fill(pixbuf, 0xFFFFFFFF);
+}
+
 GdkPixbuf* Decode(const char* format, const uint8_t* data, size_t size, SizeGuard& guard,
                   ConversionStatus* status) {
   GError* error = nullptr;
@@ -49,6 +55,7 @@ GdkPixbuf* Decode(const char* format, const uint8_t* data, size_t size, SizeGuar
     return nullptr;
   }
   g_signal_connect(loader, "size-prepared", G_CALLBACK(OnSizePrepared), &guard);
+  g_signal_connect(loader, "area-prepared", G_CALLBACK(OnAreaPrepared), nullptr);
   const bool written = gdk_pixbuf_loader_write(loader, data, size, &error);
   g_clear_error(&error);
   // Closed even after a failed write: the loader insists on it.
