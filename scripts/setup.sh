@@ -9,6 +9,8 @@ packages=(
   libglib2.0-dev libgtk-3-dev adwaita-icon-theme
   xvfb xauth
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
+  libplist-dev libgdk-pixbuf-2.0-dev libjpeg62-turbo-dev zlib1g-dev python3
+  webp-pixbuf-loader heif-gdk-pixbuf
 )
 
 missing=()

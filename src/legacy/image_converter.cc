@@ -9,12 +9,12 @@
 
 #include "channel/log.h"
 #include "imaging/jpeg_encoder.h"
+#include "legacy/legacy_log.h"
 
 namespace corvane::legacy {
 
 namespace {
 
-constexpr const char* kLogDomain = "corvane-legacy";
 constexpr int kMaxJpegSide = 65500;  // libjpeg's own limit
 
 bool HasPrefix(const uint8_t* data, size_t size, std::string_view prefix, size_t at = 0) {

@@ -9,12 +9,11 @@
 #include <cstring>
 
 #include "channel/log.h"
+#include "legacy/legacy_log.h"
 
 namespace corvane::legacy {
 
 namespace {
-
-constexpr const char* kLogDomain = "corvane-legacy";
 
 void LogFailure(const std::string& what, const std::string& path, int error) {
   channel::Log(channel::LogLevel::kWarning, kLogDomain,

@@ -10,6 +10,7 @@
 
 #include "channel/log.h"
 #include "channel/utf8.h"
+#include "legacy/legacy_log.h"
 
 namespace corvane::legacy {
 
@@ -19,7 +20,6 @@ using channel::Value;
 using channel::ValueList;
 using channel::ValueMap;
 
-constexpr const char* kLogDomain = "corvane-legacy";
 constexpr std::string_view kPlaceholderSuffix = ".icloud";
 
 struct Folder {

@@ -26,6 +26,8 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
         {"sessionId", "port", "host", "broadcast", "data", "requestId", "timeoutMs",
          "expiresAtMs"}}},
       {"corvane/udp_events", {{"listen", "cancel"}, {}}},
+      {"io.corvane/legacy_swiftui",
+       {{"probe", "readDefaults", "backupDefaults", "listFiles", "convertImage"}, {"path"}}},
   };
   return vocabulary;
 }
