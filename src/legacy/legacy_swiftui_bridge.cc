@@ -1,9 +1,11 @@
 #include "legacy/legacy_swiftui_bridge.h"
 
 #include "channel/args.h"
+#include "channel/log.h"
 #include "legacy/image_converter.h"
 #include "legacy/legacy_backup.h"
 #include "legacy/legacy_files.h"
+#include "legacy/legacy_log.h"
 #include "legacy/legacy_preferences.h"
 
 namespace corvane::legacy {
@@ -16,6 +18,9 @@ using channel::Value;
 constexpr const char* kBackupError = "legacy_backup";
 constexpr const char* kMissingPath = "Missing path";
 constexpr const char* kBackupExists = "Backup already exists";
+// Images waiting for the queue are copies held in memory; a flood of calls is answered null
+// past this much rather than growing without bound.
+constexpr size_t kMaxQueuedImageBytes = 128u << 20;
 
 }  // namespace
 
@@ -103,7 +108,16 @@ void LegacySwiftUIBridge::ConvertImage(const Value& arguments,
                                        std::unique_ptr<MethodResult> result) {
   const channel::Bytes* bytes = arguments.bytes_if();
   if (!bytes || bytes->empty()) return result->Success();
-  OnQueue([image = *bytes, result = std::move(result)](State&) {
+  const size_t size = bytes->size();
+  if (queued_image_bytes_->fetch_add(size) + size > kMaxQueuedImageBytes) {
+    queued_image_bytes_->fetch_sub(size);
+    channel::Log(channel::LogLevel::kWarning, kLogDomain, "too many images waiting; one refused");
+    return result->Success();
+  }
+  // Given back when the task has run or was dropped with the queue.
+  auto release = std::shared_ptr<void>(
+      nullptr, [queued = queued_image_bytes_, size](void*) { queued->fetch_sub(size); });
+  OnQueue([image = *bytes, result = std::move(result), release = std::move(release)](State&) {
     Conversion conversion = ConvertToJpeg(image.data(), image.size());
     if (conversion.status != ConversionStatus::kConverted) return result->Success();
     result->Success(Value(std::move(conversion.jpeg)));

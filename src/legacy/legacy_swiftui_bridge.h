@@ -5,6 +5,7 @@
 // so two calls never overlap. Replies leave from the main thread.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -45,6 +46,9 @@ class LegacySwiftUIBridge : public std::enable_shared_from_this<LegacySwiftUIBri
   std::unique_ptr<dispatch::SerialQueue> queue_;
   std::shared_ptr<State> state_;
   std::unique_ptr<channel::MethodChannel> methods_;
+  // Bytes of images copied for conversions still waiting or running.
+  std::shared_ptr<std::atomic<size_t>> queued_image_bytes_ =
+      std::make_shared<std::atomic<size_t>>(0);
 };
 
 }  // namespace corvane::legacy

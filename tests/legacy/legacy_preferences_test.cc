@@ -179,8 +179,7 @@ INSTANTIATE_TEST_SUITE_P(BinaryAndXml, StoreFormatTest,
 // Every one of these is "no legacy data": no keys, and a probe that still answers.
 TEST(LegacyStore, UnreadableStoresHoldNoKeys) {
   const std::vector<uint8_t> good = Serialize(Dict({{"z21.a", Int(1)}}), Format::kBinary);
-  const std::string xml_good(
-      reinterpret_cast<const char*>(Serialize(Dict({{"z21.a", Int(1)}}), Format::kXml).data()));
+  const std::vector<uint8_t> xml_good = Serialize(Dict({{"z21.a", Int(1)}}), Format::kXml);
   std::vector<std::pair<std::string, std::vector<uint8_t>>> cases = {
       {"empty", {}},
       {"garbage", {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'}},
