@@ -52,7 +52,22 @@ bool StartsWith(std::string_view s, std::string_view prefix) { return s.starts_w
 template <typename Accept>
 std::vector<std::pair<std::string, plist_t>> DictionaryItems(plist_t dict, Accept accept) {
   std::vector<std::pair<std::string, plist_t>> items;
+  const uint32_t count = plist_dict_get_size(dict);
+  items.reserve(count);
+  // Most maps in a store are small: a scan finds a repeated key faster than hashing would.
+  constexpr uint32_t kScanLimit = 16;
   std::unordered_map<std::string, size_t> seen;
+  if (count > kScanLimit) seen.reserve(count);
+  auto find = [&](const std::string& key) -> std::pair<size_t, bool> {
+    if (count <= kScanLimit) {
+      for (size_t i = 0; i < items.size(); ++i) {
+        if (items[i].first == key) return {i, false};
+      }
+      return {items.size(), true};
+    }
+    auto [pos, fresh] = seen.emplace(key, items.size());
+    return {pos->second, fresh};
+  };
   plist_dict_iter it = nullptr;
   plist_dict_new_iter(dict, &it);
   if (!it) return items;
@@ -67,11 +82,11 @@ std::vector<std::pair<std::string, plist_t>> DictionaryItems(plist_t dict, Accep
     const std::string_view key = KeyView(raw);
     if (accept(key)) {
       std::string clean = ValidUtf8(key.data(), key.size());
-      auto [pos, fresh] = seen.emplace(clean, items.size());
+      const auto [index, fresh] = find(clean);
       if (fresh) {
         items.emplace_back(std::move(clean), value);
       } else {
-        items[pos->second].second = value;
+        items[index].second = value;
       }
     }
     free(raw);
