@@ -95,6 +95,36 @@ std::vector<std::pair<std::string, plist_t>> DictionaryItems(plist_t dict, Accep
   return items;
 }
 
+// A copy whose strings are all valid UTF-8: libplist's binary writer crashes on malformed ones,
+// and readers of the backup refuse them. Depth is bounded by parsing.
+plist_t CleanCopy(plist_t node) {
+  switch (plist_get_node_type(node)) {
+    case PLIST_STRING: {
+      uint64_t n = 0;
+      const char* s = plist_get_string_ptr(node, &n);
+      return plist_new_string(s ? ValidUtf8(s, n).c_str() : "");
+    }
+    case PLIST_ARRAY: {
+      plist_t copy = plist_new_array();
+      const uint32_t n = plist_array_get_size(node);
+      for (uint32_t i = 0; i < n; ++i) {
+        plist_array_append_item(copy, CleanCopy(plist_array_get_item(node, i)));
+      }
+      return copy;
+    }
+    case PLIST_DICT: {
+      plist_t copy = plist_new_dict();
+      for (const auto& [key, value] :
+           DictionaryItems(node, [](std::string_view) { return true; })) {
+        plist_dict_set_item(copy, key.c_str(), CleanCopy(value));
+      }
+      return copy;
+    }
+    default:
+      return plist_copy(node);
+  }
+}
+
 bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& out) {
   // Non-blocking, so a FIFO planted at the path cannot hold the queue.
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
@@ -253,7 +283,7 @@ ValueMap LegacyPreferences::Probe() const {
 std::vector<uint8_t> LegacyPreferences::Serialize() const {
   Plist dict(plist_new_dict());
   for (const auto& [key, node] : keys_) {
-    plist_dict_set_item(dict.get(), key.c_str(), plist_copy(node));
+    plist_dict_set_item(dict.get(), key.c_str(), CleanCopy(node));
   }
   return SerializeBinary(dict.get());
 }

@@ -38,28 +38,26 @@ class BinaryGraph {
   uint64_t count() const { return count_; }
   uint64_t root() const { return root_; }
 
-  // The references held by object `index`: none for scalars, false when malformed.
+  // The references held by object `index`: none for scalars, false when malformed. A
+  // dictionary's keys must be strings without a NUL: libplist asserts on reading such a key,
+  // which would end the process.
   bool Children(uint64_t index, const uint8_t** refs, uint64_t* n) const {
-    const uint64_t offset = ReadBigEndian(data_ + table_ + index * offset_size_, offset_size_);
-    const uint64_t end = size_ - kTrailerSize;
-    if (offset < kHeaderSize || offset >= end) return false;
-    const uint8_t marker = data_[offset];
-    const uint8_t type = marker >> 4;
+    uint8_t type;
+    uint64_t length, pos;
+    if (!Object(index, &type, &length, &pos)) return false;
     *n = 0;
     if (type != 0xA && type != 0xC && type != 0xD) return true;  // array, set, dictionary
-    uint64_t pos = offset + 1;
-    uint64_t length = marker & 0x0F;
-    if (length == 0x0F) {  // the length follows as an integer object
-      if (pos >= end || (data_[pos] & 0xF0) != 0x10) return false;
-      const uint64_t width = uint64_t{1} << (data_[pos] & 0x0F);
-      if (width > 8 || end - pos - 1 < width) return false;
-      length = ReadBigEndian(data_ + pos + 1, width);
-      pos += 1 + width;
-    }
+    const uint64_t end = size_ - kTrailerSize;
     const uint64_t refs_count = type == 0xD ? length * 2 : length;
     if (length > end || refs_count > (end - pos) / ref_size_) return false;
     *refs = data_ + pos;
     *n = refs_count;
+    if (type == 0xD) {
+      for (uint64_t i = 0; i < length; ++i) {
+        const uint64_t key = Reference(*refs, i);
+        if (key >= count_ || !StringWithoutNul(key)) return false;
+      }
+    }
     return true;
   }
 
@@ -68,6 +66,40 @@ class BinaryGraph {
   }
 
  private:
+  // Object `index`'s type (high nibble of its marker), its length (count of bytes, units or
+  // references) and where its contents begin.
+  bool Object(uint64_t index, uint8_t* type, uint64_t* length, uint64_t* pos) const {
+    const uint64_t offset = ReadBigEndian(data_ + table_ + index * offset_size_, offset_size_);
+    const uint64_t end = size_ - kTrailerSize;
+    if (offset < kHeaderSize || offset >= end) return false;
+    const uint8_t marker = data_[offset];
+    *type = marker >> 4;
+    *pos = offset + 1;
+    *length = marker & 0x0F;
+    if (*length == 0x0F && *type >= 0x4) {  // the length follows as an integer object
+      if (*pos >= end || (data_[*pos] & 0xF0) != 0x10) return false;
+      const uint64_t width = uint64_t{1} << (data_[*pos] & 0x0F);
+      if (width > 8 || end - *pos - 1 < width) return false;
+      *length = ReadBigEndian(data_ + *pos + 1, width);
+      *pos += 1 + width;
+    }
+    return true;
+  }
+
+  bool StringWithoutNul(uint64_t index) const {
+    uint8_t type;
+    uint64_t length, pos;
+    if (!Object(index, &type, &length, &pos)) return false;
+    const uint64_t end = size_ - kTrailerSize;
+    const uint64_t unit = type == 0x5 ? 1 : type == 0x6 ? 2 : 0;  // ASCII, UTF-16
+    if (unit == 0 || length > (end - pos) / unit) return false;
+    for (uint64_t i = 0; i < length; ++i) {
+      const uint8_t* c = data_ + pos + i * unit;
+      if (c[0] == 0 && (unit == 1 || c[1] == 0)) return false;
+    }
+    return true;
+  }
+
   const uint8_t* data_;
   size_t size_;
   uint8_t offset_size_ = 0;
@@ -76,6 +108,20 @@ class BinaryGraph {
   uint64_t root_ = 0;
   uint64_t table_ = 0;
 };
+
+// A NUL in an XML list, raw or as a character reference, could end up inside a key, on which
+// libplist asserts.
+bool XmlMayHoldNul(std::string_view text) {
+  if (text.find('\0') != std::string_view::npos) return true;
+  for (size_t i = text.find("&#"); i != std::string_view::npos; i = text.find("&#", i + 2)) {
+    size_t j = i + 2;
+    const bool hex = j < text.size() && (text[j] == 'x' || text[j] == 'X');
+    j += hex;
+    while (j < text.size() && text[j] == '0') ++j;
+    if (j < text.size() && text[j] == ';') return true;
+  }
+  return false;
+}
 
 // Nesting depth of an XML list, counting every opening array or dict tag that is not empty.
 // Tags inside comments count too, which can only make the estimate larger.
@@ -173,7 +219,8 @@ Plist ParsePropertyList(const uint8_t* data, size_t size) {
     if (!BinaryPropertyListWithinBounds(data, size)) return nullptr;
     plist_from_bin(text, length, &root);
   } else {
-    if (XmlDepth(std::string_view(text, size)) > kMaxPropertyListDepth) return nullptr;
+    const std::string_view xml(text, size);
+    if (XmlMayHoldNul(xml) || XmlDepth(xml) > kMaxPropertyListDepth) return nullptr;
     plist_from_xml(text, length, &root);
   }
   return Plist(root);

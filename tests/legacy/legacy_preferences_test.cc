@@ -197,6 +197,28 @@ TEST(LegacyStore, UnreadableStoresHoldNoKeys) {
   }
 }
 
+TEST(LegacyStore, KeysWithANulAreRefusedBeforeLibplistAssertsOnThem) {
+  // libplist aborts the process when asked for such a key; the store counts as unreadable.
+  std::vector<uint8_t> binary = Serialize(Dict({{"z21.ab", Int(1)}}), Format::kBinary);
+  const auto key =
+      std::search(binary.begin(), binary.end(), std::begin("z21.ab"), std::end("z21.ab") - 1);
+  ASSERT_NE(key, binary.end());
+  key[4] = 0;
+  const std::string xml_raw =
+      std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>z21.") + '\0' +
+      "</key><true/></dict></plist>";
+  const std::vector<std::string> xml = {
+      xml_raw,
+      "<plist version=\"1.0\"><dict><key>z21.&#0;</key><true/></dict></plist>",
+      "<plist version=\"1.0\"><dict><key>z21.&#x000;</key><true/></dict></plist>",
+  };
+  EXPECT_EQ(LegacyPreferences::Parse(binary.data(), binary.size()).size(), 0u);
+  for (const std::string& text : xml) {
+    const auto* p = reinterpret_cast<const uint8_t*>(text.data());
+    EXPECT_EQ(LegacyPreferences::Parse(p, text.size()).size(), 0u) << text;
+  }
+}
+
 TEST(LegacyStore, MalformedUtf8BecomesReplacementCharacters) {
   // Written by hand: libplist would not write the malformed bytes.
   const std::string xml =
@@ -209,6 +231,11 @@ TEST(LegacyStore, MalformedUtf8BecomesReplacementCharacters) {
   EXPECT_EQ(values.entries()[0].key, Value("z21.caf\xef\xbf\xbd"));
   EXPECT_EQ(values.entries()[0].value, Value("bad \xef\xbf\xbd byte"));
   EXPECT_EQ(values.entries()[1].value, Value("caf\xc3\xa9"));
+
+  // libplist's binary writer cannot take malformed strings: the backup holds the cleaned ones.
+  LegacyPreferences prefs = LegacyPreferences::Parse(bytes.data(), bytes.size());
+  const std::vector<uint8_t> backup = prefs.Serialize();
+  EXPECT_EQ(LegacyPreferences::Parse(backup.data(), backup.size()).Values(), values);
 }
 
 // A binary list whose objects refer to each other: object i is an array holding object i+1
