@@ -13,6 +13,8 @@ packages=(
   desktop-file-utils shared-mime-info libx11-dev
   syncthing curl jq
   libv4l-dev libudev-dev libjpeg62-turbo-dev
+  libplist-dev libgdk-pixbuf-2.0-dev libjpeg62-turbo-dev zlib1g-dev python3
+  webp-pixbuf-loader heif-gdk-pixbuf
 )
 
 missing=()

@@ -6,6 +6,7 @@
 #include "host/camera_registration.h"
 #include "host/plugin_registry.h"
 #include "host/project_opening_row.h"
+#include "legacy/legacy_swiftui_bridge.h"
 #include "udp/local_network_permission.h"
 #include "udp/udp_bridge.h"
 
@@ -33,6 +34,13 @@ std::shared_ptr<void> MakeICloudBridge(Registrar& registrar) {
   cloud::ICloudBridge::Options options;
   options.container_key = registrar.info().Get(kICloudContainerKey);
   return cloud::ICloudBridge::Create(registrar.messenger(), std::move(options));
+}
+
+std::shared_ptr<void> MakeLegacySwiftUIBridge(Registrar& registrar) {
+  // The bundle identifier decides whether this is the earlier edition itself.
+  return legacy::LegacySwiftUIBridge::Create(
+      registrar.messenger(), legacy::LegacyEnvironment::Current(
+                                 registrar.info().Get(kBundleIdentifierKey).value_or("")));
 }
 
 std::shared_ptr<void> MakeUdpBridge(Registrar& registrar) {
@@ -70,7 +78,7 @@ const std::vector<StartupRow>& StartupTable() {
       Own("MacWindowAppearance", {"io.corvane/window_appearance"}, nullptr),
       Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, MakeAppleUsbCamera),
       Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, MakeGameControllerBridge),
-      Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
+      Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, MakeLegacySwiftUIBridge),
       Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, MakeICloudBridge),
       Own("AppleContextMenu", {"io.corvane/context_menu"}, nullptr),
       Own("UdpBridge", {"corvane/udp", "corvane/udp_events"}, MakeUdpBridge),

@@ -1,4 +1,4 @@
-// JPEG encoding of packed RGB images (libjpeg-turbo).
+// JPEG encoding with libjpeg-turbo, shared by the services that hand images to the Flutter side.
 #pragma once
 
 #include <cstddef>

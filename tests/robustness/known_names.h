@@ -37,6 +37,8 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
       {"io.corvane/apple_usb_camera",
        {{"supported", "list", "open", "read", "close"},
         {"token", "deviceId", "timeoutMs", "maxFrameBytes"}}},
+      {"io.corvane/legacy_swiftui",
+       {{"probe", "readDefaults", "backupDefaults", "listFiles", "convertImage"}, {"path"}}},
   };
   return vocabulary;
 }

@@ -72,6 +72,8 @@ class HostProcess {
       FILE* log = std::fopen(log_.c_str(), "w");
       dup2(fileno(log), STDERR_FILENO);
       dup2(fileno(log), STDOUT_FILENO);
+      // Random calls name relative paths (a backup to "a"): they land in the test's own folder.
+      if (chdir(dir.c_str()) != 0) _exit(127);
       execl(CORVANE_HOST_BINARY, CORVANE_HOST_BINARY, "--headless", "--engine-socket",
             socket_.c_str(), nullptr);
       _exit(127);

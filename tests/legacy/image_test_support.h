@@ -1,0 +1,228 @@
+// Images made in the test: pixbufs saved by gdk-pixbuf's own writers, plus the few encodings
+// it cannot write (GIF, EXIF orientation, a PNG header that lies about its size).
+#pragma once
+
+#include <gdk-pixbuf/gdk-pixbuf.h>
+#include <zlib.h>
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace corvane::legacy::testing {
+
+struct Rgba {
+  uint8_t r, g, b, a = 255;
+};
+
+using PixelFn = std::function<Rgba(int x, int y)>;
+
+inline GdkPixbuf* MakePixbuf(int w, int h, bool alpha, const PixelFn& fn) {
+  GdkPixbuf* pb = gdk_pixbuf_new(GDK_COLORSPACE_RGB, alpha, 8, w, h);
+  const int n = gdk_pixbuf_get_n_channels(pb);
+  const int stride = gdk_pixbuf_get_rowstride(pb);
+  uint8_t* pixels = gdk_pixbuf_get_pixels(pb);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      const Rgba c = fn(x, y);
+      uint8_t* p = pixels + y * stride + x * n;
+      p[0] = c.r, p[1] = c.g, p[2] = c.b;
+      if (alpha) p[3] = c.a;
+    }
+  }
+  return pb;
+}
+
+// Empty when this machine has no writer for `format`.
+inline std::vector<uint8_t> Save(GdkPixbuf* pb, const char* format) {
+  gchar* buffer = nullptr;
+  gsize size = 0;
+  GError* error = nullptr;
+  const bool ok =
+      format == std::string("jpeg")
+          ? gdk_pixbuf_save_to_buffer(pb, &buffer, &size, format, &error, "quality", "95", nullptr)
+          : gdk_pixbuf_save_to_buffer(pb, &buffer, &size, format, &error, nullptr);
+  g_clear_error(&error);
+  std::vector<uint8_t> out;
+  if (ok) out.assign(buffer, buffer + size);
+  g_free(buffer);
+  return out;
+}
+
+// Decodes with gdk-pixbuf; null when it does not decode. Caller unrefs.
+inline GdkPixbuf* Load(const std::vector<uint8_t>& bytes) {
+  GdkPixbufLoader* loader = gdk_pixbuf_loader_new();
+  GdkPixbuf* pb = nullptr;
+  if (gdk_pixbuf_loader_write(loader, bytes.data(), bytes.size(), nullptr) &&
+      gdk_pixbuf_loader_close(loader, nullptr)) {
+    pb = gdk_pixbuf_loader_get_pixbuf(loader);
+    if (pb) g_object_ref(pb);
+  } else {
+    gdk_pixbuf_loader_close(loader, nullptr);
+  }
+  g_object_unref(loader);
+  return pb;
+}
+
+inline Rgba PixelAt(GdkPixbuf* pb, int x, int y) {
+  const uint8_t* p = gdk_pixbuf_read_pixels(pb) + y * gdk_pixbuf_get_rowstride(pb) +
+                     x * gdk_pixbuf_get_n_channels(pb);
+  return {p[0], p[1], p[2], gdk_pixbuf_get_has_alpha(pb) ? p[3] : uint8_t{255}};
+}
+
+// JPEG is lossy: colours within a few steps count as equal.
+inline bool Near(Rgba a, Rgba b, int tolerance = 8) {
+  return std::abs(a.r - b.r) <= tolerance && std::abs(a.g - b.g) <= tolerance &&
+         std::abs(a.b - b.b) <= tolerance;
+}
+
+inline void PutBigEndian32(std::vector<uint8_t>& out, uint32_t v) {
+  for (int s = 24; s >= 0; s -= 8) out.push_back(static_cast<uint8_t>(v >> s));
+}
+
+inline void PngChunk(std::vector<uint8_t>& out, const char* type,
+                     const std::vector<uint8_t>& data) {
+  PutBigEndian32(out, static_cast<uint32_t>(data.size()));
+  const size_t start = out.size();
+  out.insert(out.end(), type, type + 4);
+  out.insert(out.end(), data.begin(), data.end());
+  PutBigEndian32(out, static_cast<uint32_t>(crc32(0, out.data() + start, out.size() - start)));
+}
+
+// A PNG of one grey level, `w` x `h`, compressed row by row so that a large one costs little
+// memory to make. With `rows` given, only that many rows follow the header: a file whose header
+// promises far more than it holds.
+inline std::vector<uint8_t> GreyPng(uint32_t w, uint32_t h, int64_t rows = -1) {
+  std::vector<uint8_t> out = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+  std::vector<uint8_t> ihdr;
+  PutBigEndian32(ihdr, w);
+  PutBigEndian32(ihdr, h);
+  ihdr.insert(ihdr.end(), {8, 0, 0, 0, 0});  // 8-bit greyscale
+  PngChunk(out, "IHDR", ihdr);
+  const uint32_t n = rows < 0 ? h : static_cast<uint32_t>(rows);
+  z_stream z{};
+  deflateInit(&z, 6);
+  std::vector<uint8_t> row(std::min<uint32_t>(w, 1 << 16) + 1, 0x80);
+  row[0] = 0;  // no filter
+  std::vector<uint8_t> compressed(deflateBound(&z, row.size() * static_cast<uLong>(n)) + 64);
+  z.next_out = compressed.data();
+  z.avail_out = static_cast<uInt>(compressed.size());
+  for (uint32_t y = 0; y < n; ++y) {
+    z.next_in = row.data();
+    z.avail_in = static_cast<uInt>(row.size());
+    deflate(&z, y + 1 == n ? Z_FINISH : Z_NO_FLUSH);
+  }
+  compressed.resize(z.total_out);
+  deflateEnd(&z);
+  PngChunk(out, "IDAT", compressed);
+  PngChunk(out, "IEND", {});
+  return out;
+}
+
+// A GIF with a four-colour palette; `index(x, y)` picks each pixel's colour. The LZW stream
+// restarts every two pixels so every code stays three bits wide. Without pixels, only the
+// headers are real.
+inline std::vector<uint8_t> FourColourGif(uint16_t w, uint16_t h,
+                                          const std::array<Rgba, 4>& palette,
+                                          const std::function<int(int, int)>& index,
+                                          bool with_pixels = true) {
+  std::vector<uint8_t> out = {'G', 'I', 'F', '8', '9', 'a'};
+  auto put16 = [&](uint16_t v) {
+    out.push_back(static_cast<uint8_t>(v));
+    out.push_back(static_cast<uint8_t>(v >> 8));
+  };
+  put16(w);
+  put16(h);
+  out.insert(out.end(), {0x81, 0, 0});  // global table of 4 entries
+  for (const Rgba& c : palette) out.insert(out.end(), {c.r, c.g, c.b});
+  out.push_back(0x2C);
+  put16(0);
+  put16(0);
+  put16(w);
+  put16(h);
+  out.push_back(0);
+  out.push_back(2);  // minimum code size
+  if (!with_pixels) {
+    // Clear, then end: a well-formed file that holds no pixels.
+    out.insert(out.end(), {1, 0x2C, 0, 0x3B});
+    return out;
+  }
+  std::vector<uint8_t> bits;
+  uint32_t acc = 0;
+  int nbits = 0;
+  auto code = [&](int c) {
+    acc |= static_cast<uint32_t>(c) << nbits;
+    nbits += 3;
+    while (nbits >= 8) {
+      bits.push_back(static_cast<uint8_t>(acc));
+      acc >>= 8;
+      nbits -= 8;
+    }
+  };
+  int emitted = 0;
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      if (emitted++ % 2 == 0) code(4);  // clear
+      code(index(x, y));
+    }
+  }
+  code(5);  // end of information
+  if (nbits > 0) bits.push_back(static_cast<uint8_t>(acc));
+  for (size_t i = 0; i < bits.size(); i += 255) {
+    const size_t n = std::min<size_t>(255, bits.size() - i);
+    out.push_back(static_cast<uint8_t>(n));
+    out.insert(out.end(), bits.begin() + i, bits.begin() + i + n);
+  }
+  out.push_back(0);
+  out.push_back(0x3B);
+  return out;
+}
+
+// `jpeg` with an EXIF block saying how to turn it for display (1 upright .. 8).
+inline std::vector<uint8_t> WithExifOrientation(const std::vector<uint8_t>& jpeg,
+                                                uint16_t orientation) {
+  const std::vector<uint8_t> app1 = {0xFF,
+                                     0xE1,
+                                     0,
+                                     34,
+                                     'E',
+                                     'x',
+                                     'i',
+                                     'f',
+                                     0,
+                                     0,  // APP1, length, "Exif"
+                                     'I',
+                                     'I',
+                                     42,
+                                     0,
+                                     8,
+                                     0,
+                                     0,
+                                     0,  // little-endian TIFF, IFD at 8
+                                     1,
+                                     0,  // one entry
+                                     0x12,
+                                     0x01,
+                                     3,
+                                     0,
+                                     1,
+                                     0,
+                                     0,
+                                     0,  // Orientation, SHORT, count 1
+                                     static_cast<uint8_t>(orientation),
+                                     0,
+                                     0,
+                                     0,  // its value
+                                     0,
+                                     0,
+                                     0,
+                                     0};  // no next IFD
+  std::vector<uint8_t> out(jpeg.begin(), jpeg.begin() + 2);
+  out.insert(out.end(), app1.begin(), app1.end());
+  out.insert(out.end(), jpeg.begin() + 2, jpeg.end());
+  return out;
+}
+
+}  // namespace corvane::legacy::testing

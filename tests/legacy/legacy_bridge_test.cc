@@ -1,0 +1,301 @@
+// LegacySwiftUIBridge through its channel: where it looks, what each method answers, and the
+// backup's promise never to overwrite.
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <thread>
+
+#include "image_test_support.h"
+#include "legacy/legacy_backup.h"
+#include "legacy_fixture.h"
+
+namespace corvane::legacy::testing {
+namespace {
+
+using Kind = MethodReply::Kind;
+
+TEST_F(BridgeTest, UnknownAndMiscasedMethodsAreNotImplemented) {
+  for (const char* method : {"Probe", "readdefaults", "listfiles", "convert", ""}) {
+    EXPECT_EQ(Call(method).kind, Kind::kNotImplemented) << method;
+  }
+  EXPECT_EQ(engine_.off_main_thread_deliveries(), 0);
+}
+
+TEST_F(BridgeTest, WithoutLegacyDataEverythingIsEmpty) {
+  const Value probe = Success("probe");
+  EXPECT_EQ(*Field(probe, "hasLegacyData"), Value(false));
+  EXPECT_EQ(Field(probe, "keyCount")->integer(), 0);
+  EXPECT_EQ(Field(probe, "byteCount")->integer(), 0);
+  EXPECT_EQ(*Field(probe, "storeDemo"), Value(false));
+  EXPECT_EQ(*Field(probe, "icloudKeyValue"), Value(false));
+  EXPECT_EQ(Field(probe, "language"), nullptr);
+  EXPECT_EQ(Success("readDefaults"), Value(ValueMap()));
+  EXPECT_EQ(Success("listFiles"), Value(channel::ValueList()));
+}
+
+TEST_F(BridgeTest, ReadsTheStoreInTheEarlierEditionsContainer) {
+  WriteStore(Dict({{"z21.host", Str("10.0.0.2")},
+                   {"flutter.z21.host", Str("ignored")},
+                   {"z21.appLanguageOverride", Str("nl")},
+                   {"corvane.thumbnail", Data("12345")}}));
+  const Value probe = Success("probe");
+  EXPECT_EQ(*Field(probe, "hasLegacyData"), Value(true));
+  EXPECT_EQ(Field(probe, "keyCount")->integer(), 3);
+  EXPECT_EQ(Field(probe, "byteCount")->integer(), 5);
+  EXPECT_EQ(*Field(probe, "language"), Value("nl"));
+  const Value values = Success("readDefaults");
+  EXPECT_EQ(*Field(values, "z21.host"), Value("10.0.0.2"));
+  EXPECT_EQ(*Field(values, "corvane.thumbnail"), Value(channel::Bytes{'1', '2', '3', '4', '5'}));
+  EXPECT_EQ(Field(values, "flutter.z21.host"), nullptr);
+}
+
+TEST_F(BridgeTest, RunningAsTheEarlierEditionReadsItsOwnHome) {
+  environment_.bundle_identifier = "nl.hazelmoor.corvane";
+  const fs::path own = fs::path(environment_.application_home);
+  WriteFile(own / "Library/Preferences/nl.hazelmoor.corvane.plist",
+            Serialize(Dict({{"z21.own", Bool(true)}}), Format::kXml));
+  WriteStore(Dict({{"z21.container", Bool(true)}}));  // not where it looks now
+  const Value values = Success("readDefaults");
+  EXPECT_EQ(*Field(values, "z21.own"), Value(true));
+  EXPECT_EQ(Field(values, "z21.container"), nullptr);
+}
+
+TEST_F(BridgeTest, AContainerThatIsNotAFolderIsNoRoot) {
+  WriteFile(Container(), std::string("a file where the folder should be"));
+  EXPECT_EQ(*Field(Success("probe"), "hasLegacyData"), Value(false));
+}
+
+TEST_F(BridgeTest, StoreWrittenByPlistlibIsRead) {
+  const fs::path script = dir_.path() / "write.py";
+  WriteFile(script, std::string(R"(import plistlib, sys, datetime
+store = {"z21.port": 21105, "z21.when": datetime.datetime(2024, 6, 1, 12, 0, 0),
+         "switchboard.grid": [[1, 2], {"w": 1.5}], "corvane.apple.x": 1, "AppleLanguages": ["nl"]}
+fmt = plistlib.FMT_XML if sys.argv[2] == "xml" else plistlib.FMT_BINARY
+open(sys.argv[1], "wb").write(plistlib.dumps(store, fmt=fmt))
+)"));
+  for (const char* format : {"xml", "binary"}) {
+    SCOPED_TRACE(format);
+    fs::create_directories(StorePath().parent_path());
+    const std::string command =
+        "python3 " + script.string() + " " + StorePath().string() + " " + format;
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    const Value values = Success("readDefaults");
+    EXPECT_EQ(Field(values, "z21.port")->integer(), 21105);
+    const Value* date = Field(values, "z21.when");
+    ASSERT_TRUE(date && Field(*date, "$date"));
+    EXPECT_EQ(*Field(*date, "$date"), Value(1717243200.0));
+    EXPECT_EQ(
+        *Field(values, "switchboard.grid"),
+        Value(channel::ValueList{Value(channel::ValueList{Value::Integer(1), Value::Integer(2)}),
+                                 Map({{"w", Value(1.5)}})}));
+    EXPECT_EQ(Field(values, "corvane.apple.x"), nullptr);
+    EXPECT_EQ(Field(Success("probe"), "keyCount")->integer(), 3);
+  }
+}
+
+TEST_F(BridgeTest, BackupWithoutAPathIsAnErrorCarryingTheArguments) {
+  const Value cases[] = {
+      Value(),
+      Value("/tmp/x"),
+      Value(channel::ValueList{Value("/tmp/x")}),
+      Map({}),
+      Map({{"path", Value("")}}),
+      Map({{"path", Value::Integer(3)}}),
+      Map({{"Path", Value("/tmp/x")}}),
+  };
+  for (const Value& args : cases) {
+    const MethodReply reply = Call("backupDefaults", args);
+    ASSERT_EQ(reply.kind, Kind::kError);
+    EXPECT_EQ(reply.error.code, "legacy_backup");
+    EXPECT_EQ(reply.error.message, "Missing path");
+    EXPECT_EQ(reply.error.details, args);
+  }
+}
+
+TEST_F(BridgeTest, BackupCreatesFoldersAndWritesWhatPlistlibReads) {
+  WriteStore(Dict({{"z21.host", Str("h")},
+                   {"flutter.x", Int(1)},
+                   {"corvane.when", Date(0)},
+                   {"z21.blob", Data("ab")}}),
+             Format::kXml);
+  const fs::path backup = dir_.path() / "new/nested/folders/prefs.plist";
+  EXPECT_EQ(Success("backupDefaults", Map({{"path", Value(backup.string())}})), Value(true));
+  struct stat st {};
+  ASSERT_EQ(stat(backup.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u) << "the user's preferences stay private";
+
+  const std::string check =
+      "python3 -c \"import plistlib, datetime, sys; d = plistlib.load(open(sys.argv[1], 'rb')); "
+      "sys.exit(0 if d == {'z21.host': 'h', 'corvane.when': datetime.datetime(2001, 1, 1), "
+      "'z21.blob': b'ab'} else 1)\" " +
+      backup.string();
+  EXPECT_EQ(std::system(check.c_str()), 0) << "plistlib reads back exactly the legacy keys";
+}
+
+TEST_F(BridgeTest, BackupNeverReplacesWhatIsThere) {
+  WriteStore(Dict({{"z21.host", Str("h")}}));
+  const fs::path file = dir_.path() / "existing.plist";
+  WriteFile(file, std::string("the user's own file"));
+  const fs::path folder = dir_.path() / "a-folder";
+  fs::create_directories(folder);
+  const fs::path link = dir_.path() / "dangling";
+  fs::create_symlink(dir_.path() / "nowhere", link);
+
+  for (const fs::path& path : {file, folder, link}) {
+    const MethodReply reply = Call("backupDefaults", Map({{"path", Value(path.string())}}));
+    ASSERT_EQ(reply.kind, Kind::kError) << path;
+    EXPECT_EQ(reply.error.code, "legacy_backup");
+    EXPECT_EQ(reply.error.message, "Backup already exists");
+  }
+  const std::vector<uint8_t> kept = ReadFile(file);
+  EXPECT_EQ(std::string(kept.begin(), kept.end()), "the user's own file");
+  EXPECT_FALSE(fs::exists(dir_.path() / "nowhere")) << "the link was not followed";
+}
+
+TEST_F(BridgeTest, BackupThatCannotBeWrittenAnswersFalse) {
+  // A path below a plain file can never be created.
+  WriteFile(dir_.path() / "plain", std::string("x"));
+  EXPECT_EQ(
+      Success("backupDefaults", Map({{"path", Value((dir_.path() / "plain/b.plist").string())}})),
+      Value(false));
+}
+
+TEST_F(BridgeTest, RacingBackupsToOnePathHaveExactlyOneWinner) {
+  WriteStore(Dict({{"z21.host", Str("h")}}));
+  // Two bridges on two engines (two queues, as two host processes would have) ...
+  engine::LoopbackEngine other_engine;
+  auto other = LegacySwiftUIBridge::Create(other_engine, environment_);
+  const fs::path target = dir_.path() / "race/backup.plist";
+  const Value args = Map({{"path", Value(target.string())}});
+  Replies first = CallLater("backupDefaults", args);
+  auto second = std::make_shared<std::vector<MethodReply>>();
+  other_engine.SendFromEngine(
+      kMethodChannel, channel::EncodeMethodCall({"backupDefaults", args}),
+      [second](channel::Bytes b) { second->push_back(*channel::DecodeEnvelope(b).value); });
+  dispatch::RunMainUntil([&] { return !first->empty() && !second->empty(); }, 10s);
+  ASSERT_EQ(first->size() + second->size(), 2u);
+  const int wins =
+      (first->front().kind == Kind::kSuccess) + (second->front().kind == Kind::kSuccess);
+  EXPECT_EQ(wins, 1);
+  other.reset();
+
+  // ... and, below them, many threads at once.
+
+  // Rounds of writers released together, so that some reach the exclusive create between
+  // another's existence check and its write.
+  for (int round = 0; round < 20; ++round) {
+    const fs::path contested = dir_.path() / ("threads/" + std::to_string(round) + ".plist");
+    std::atomic<int> written{0}, existed{0}, waiting{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+      threads.emplace_back([&, i] {
+        const std::vector<uint8_t> bytes(1000, static_cast<uint8_t>('a' + i));
+        ++waiting;
+        while (waiting < 8) std::this_thread::yield();
+        switch (WriteBackup(contested.string(), bytes)) {
+          case BackupOutcome::kWritten:
+            ++written;
+            break;
+          case BackupOutcome::kExists:
+            ++existed;
+            break;
+          case BackupOutcome::kFailed:
+            break;
+        }
+      });
+    }
+    for (auto& t : threads) t.join();
+    ASSERT_EQ(written, 1) << "round " << round;
+    ASSERT_EQ(existed, 7) << "round " << round;
+    const std::vector<uint8_t> content = ReadFile(contested);
+    ASSERT_EQ(content.size(), 1000u);
+    EXPECT_EQ(std::count(content.begin(), content.end(), content[0]), 1000) << "one writer's bytes";
+  }
+}
+
+TEST_F(BridgeTest, ListsTheFourFoldersWithPlaceholdersAndSkipsNearMisses) {
+  const fs::path app = Container() / "Library/Application Support/Corvane";
+  const fs::path cloud = fs::path(environment_.account_home) /
+                         "Library/Mobile Documents/iCloud~nl~hazelmoor~corvane/Documents";
+  fs::create_directories(Container());
+  WriteFile(app / "LocalProjects/Yard.corvane", std::string("12345"));
+  WriteFile(app / "LocalProjects/.DS_Store", std::string("x"));  // hidden, not a placeholder
+  fs::create_directories(app / "LocalProjects/subfolder");       // not a file
+  WriteFile(app / "Backups/corvane-backup-1.corvanepack", std::string("1"));
+  WriteFile(cloud / "Projects/.Main.corvane.icloud", std::string("stub"));
+  WriteFile(cloud / "Projects/Shed.corvane.icloud", std::string("no leading dot"));
+  WriteFile(cloud / "Projects/.icloud", std::string("nothing it stands for"));
+  WriteFile(cloud / "Projects/.x.icloud.bak", std::string("wrong ending"));
+  WriteFile(cloud / "Backups/b.corvanepack", std::string("bb"));
+  const auto mtime = fs::file_time_type::clock::now() - std::chrono::hours(24);
+  fs::last_write_time(app / "LocalProjects/Yard.corvane", mtime);
+
+  const Value list = Success("listFiles");
+  ASSERT_TRUE(list.list_if());
+  std::vector<std::string> seen;
+  for (const Value& entry : *list.list_if()) {
+    seen.push_back(*Field(entry, "kind")->string_if() + " " + *Field(entry, "name")->string_if() +
+                   (*Field(entry, "downloaded") == Value(true) ? "" : " (placeholder)"));
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{
+                      "localProject Yard.corvane",
+                      "backup corvane-backup-1.corvanepack",
+                      "cloudProject Main.corvane (placeholder)",
+                      "cloudProject Shed.corvane.icloud",
+                      "backup b.corvanepack",
+                  }));
+
+  const Value& yard = list.list_if()->front();
+  EXPECT_EQ(*Field(yard, "path"), Value((app / "LocalProjects/Yard.corvane").string()));
+  EXPECT_EQ(Field(yard, "bytes")->integer(), 5);
+  struct stat st {};
+  ASSERT_EQ(stat((app / "LocalProjects/Yard.corvane").c_str(), &st), 0);
+  EXPECT_EQ(*Field(yard, "modifiedMs"),
+            Value(int64_t{st.st_mtim.tv_sec} * 1000 + st.st_mtim.tv_nsec / 1000000));
+  const Value& placeholder = (*list.list_if())[2];
+  EXPECT_EQ(*Field(placeholder, "path"), Value((cloud / "Projects/.Main.corvane.icloud").string()));
+}
+
+TEST_F(BridgeTest, WithoutARootTheApplicationFolderIsInTheDataHome) {
+  WriteFile(fs::path(environment_.data_home) / "Corvane/LocalProjects/Here.corvane",
+            std::string("x"));
+  const Value list = Success("listFiles");
+  ASSERT_TRUE(list.list_if());
+  ASSERT_EQ(list.list_if()->size(), 1u);
+  EXPECT_EQ(*Field(list.list_if()->front(), "name"), Value("Here.corvane"));
+}
+
+TEST_F(BridgeTest, ConvertImageAnswersJpegOrNull) {
+  for (const Value& args : {Value(), Value("png"), Map({{"bytes", Value(channel::Bytes{1})}}),
+                            Value(channel::Bytes()), Value(channel::Bytes{'n', 'o', 'p', 'e'})}) {
+    const MethodReply reply = Call("convertImage", args);
+    EXPECT_EQ(reply.kind, Kind::kSuccess);
+    EXPECT_TRUE(reply.value.is_null());
+  }
+  GdkPixbuf* pb = MakePixbuf(20, 10, true, [](int, int) { return Rgba{0, 0, 0, 0}; });
+  const Value jpeg = Success("convertImage", Value(Save(pb, "png")));
+  g_object_unref(pb);
+  ASSERT_TRUE(jpeg.bytes_if());
+  GdkPixbuf* out = Load(*jpeg.bytes_if());
+  ASSERT_TRUE(out);
+  EXPECT_TRUE(Near(PixelAt(out, 10, 5), {255, 255, 255}));
+  g_object_unref(out);
+}
+
+TEST(LegacyEnvironmentTest, HomeComesFromTheAccountDatabaseNotTheEnvironment) {
+  const char* saved = std::getenv("HOME");
+  const std::string old = saved ? saved : "";
+  setenv("HOME", "/nonexistent-home-for-test", 1);
+  const LegacyEnvironment env = LegacyEnvironment::Current("io.corvane.host");
+  if (saved)
+    setenv("HOME", old.c_str(), 1);
+  else
+    unsetenv("HOME");
+  EXPECT_EQ(env.bundle_identifier, "io.corvane.host");
+  EXPECT_NE(env.account_home, "/nonexistent-home-for-test");
+  EXPECT_FALSE(env.account_home.empty());
+  EXPECT_EQ(env.application_home, "/nonexistent-home-for-test");
+}
+
+}  // namespace
+}  // namespace corvane::legacy::testing

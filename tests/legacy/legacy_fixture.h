@@ -1,0 +1,162 @@
+// Shared by the legacy tests: a private folder tree, property lists built with libplist, and a
+// LegacySwiftUIBridge on a loopback engine with the test playing the Flutter side.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "channel/standard_codec.h"
+#include "engine/loopback_engine.h"
+#include "legacy/legacy_swiftui_bridge.h"
+#include "legacy/property_list.h"
+
+namespace corvane::legacy::testing {
+
+using namespace std::chrono_literals;
+using channel::MethodReply;
+using channel::Value;
+using channel::ValueMap;
+namespace fs = std::filesystem;
+
+// A fresh folder under the system's temporary folder, removed with the object.
+class TempDir {
+ public:
+  TempDir() {
+    std::string tmpl = (fs::temp_directory_path() / "corvane-legacy-XXXXXX").string();
+    path_ = mkdtemp(tmpl.data());
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+inline void WriteFile(const fs::path& path, const std::vector<uint8_t>& bytes) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+}
+inline void WriteFile(const fs::path& path, const std::string& text) {
+  WriteFile(path, std::vector<uint8_t>(text.begin(), text.end()));
+}
+inline std::vector<uint8_t> ReadFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+// Property lists as a test writes them.
+inline plist_t Str(const char* s) { return plist_new_string(s); }
+inline plist_t Int(int64_t v) { return plist_new_uint(static_cast<uint64_t>(v)); }
+inline plist_t Real(double v) { return plist_new_real(v); }
+inline plist_t Bool(bool v) { return plist_new_bool(v); }
+inline plist_t Data(const std::string& bytes) { return plist_new_data(bytes.data(), bytes.size()); }
+// Seconds since 2001-01-01, the property-list epoch.
+inline plist_t Date(int32_t sec, int32_t usec = 0) { return plist_new_date(sec, usec); }
+inline plist_t Array(std::initializer_list<plist_t> items) {
+  plist_t a = plist_new_array();
+  for (plist_t item : items) plist_array_append_item(a, item);
+  return a;
+}
+inline plist_t Dict(std::initializer_list<std::pair<const char*, plist_t>> items) {
+  plist_t d = plist_new_dict();
+  for (const auto& [key, value] : items) plist_dict_set_item(d, key, value);
+  return d;
+}
+
+enum class Format { kBinary, kXml };
+
+// Writes `root` in `format` and frees it.
+inline std::vector<uint8_t> Serialize(plist_t root, Format format) {
+  Plist owned(root);
+  char* bytes = nullptr;
+  uint32_t n = 0;
+  if (format == Format::kBinary) {
+    plist_to_bin(root, &bytes, &n);
+  } else {
+    plist_to_xml(root, &bytes, &n);
+  }
+  std::vector<uint8_t> out(bytes, bytes + n);
+  free(bytes);
+  return out;
+}
+
+inline Value Map(std::initializer_list<std::pair<const char*, Value>> entries) {
+  ValueMap m;
+  for (const auto& [k, v] : entries) m.Append(Value(k), v);
+  return Value(std::move(m));
+}
+
+inline const Value* Field(const Value& map, const char* key) {
+  return map.map_if() ? map.map_if()->Find(key) : nullptr;
+}
+
+// A home folder laid out as the earlier edition's users bring it along, and a bridge that
+// looks there. By default the bridge runs under another bundle identifier, so the data is
+// found in the earlier edition's container inside the account's home.
+class BridgeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    environment_.bundle_identifier = "io.corvane.host";
+    environment_.account_home = (dir_.path() / "account").string();
+    environment_.application_home = (dir_.path() / "app-home").string();
+    environment_.data_home = (dir_.path() / "data-home").string();
+    fs::create_directories(environment_.account_home);
+  }
+  void TearDown() override { bridge_.reset(); }
+
+  fs::path Container() const {
+    return fs::path(environment_.account_home) / "Library/Containers/nl.hazelmoor.corvane/Data";
+  }
+  fs::path StorePath() const {
+    return Container() / "Library/Preferences/nl.hazelmoor.corvane.plist";
+  }
+  void WriteStore(plist_t root, Format format = Format::kBinary) {
+    WriteFile(StorePath(), Serialize(root, format));
+  }
+
+  LegacySwiftUIBridge& Bridge() {
+    if (!bridge_) bridge_ = LegacySwiftUIBridge::Create(engine_, environment_);
+    return *bridge_;
+  }
+
+  using Replies = std::shared_ptr<std::vector<MethodReply>>;
+  Replies CallLater(const std::string& method, Value args = Value()) {
+    Bridge();
+    auto replies = std::make_shared<std::vector<MethodReply>>();
+    engine_.SendFromEngine(kMethodChannel, channel::EncodeMethodCall({method, std::move(args)}),
+                           [replies](channel::Bytes b) {
+                             auto decoded = channel::DecodeEnvelope(b);
+                             replies->push_back(decoded ? *decoded.value : MethodReply());
+                           });
+    return replies;
+  }
+  MethodReply Call(const std::string& method, Value args = Value()) {
+    Replies replies = CallLater(method, std::move(args));
+    dispatch::RunMainUntil([&] { return !replies->empty(); }, 30s);
+    EXPECT_EQ(replies->size(), 1u) << method;
+    return replies->empty() ? MethodReply() : replies->front();
+  }
+  Value Success(const std::string& method, Value args = Value()) {
+    MethodReply reply = Call(method, std::move(args));
+    EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess) << method << ": " << reply.error.code;
+    return reply.value;
+  }
+
+  TempDir dir_;
+  LegacyEnvironment environment_;
+  engine::LoopbackEngine engine_;
+  std::shared_ptr<LegacySwiftUIBridge> bridge_;
+};
+
+}  // namespace corvane::legacy::testing
