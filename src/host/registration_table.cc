@@ -4,6 +4,7 @@
 #include "host/plugin_registry.h"
 #include "udp/local_network_permission.h"
 #include "udp/udp_bridge.h"
+#include "ui/native_system_symbols.h"
 
 namespace corvane::host {
 
@@ -23,6 +24,10 @@ std::shared_ptr<void> MakeBonjourBridge(Registrar& registrar) {
 
 std::shared_ptr<void> MakeUdpBridge(Registrar& registrar) {
   return udp::UdpBridge::Create(registrar.messenger());
+}
+
+std::shared_ptr<void> MakeNativeSystemSymbols(Registrar& registrar) {
+  return ui::NativeSystemSymbols::Create(registrar.messenger());
 }
 
 void TriggerLocalNetworkPermission() { udp::LocalNetworkPermission::Shared().Trigger(); }
@@ -52,7 +57,7 @@ const std::vector<StartupRow>& StartupTable() {
       Plugin("SwiftThermionFlutterPlugin"),
       Plugin("UrlLauncherPlugin"),
       Plugin("WindowManagerPlugin"),
-      Own("NativeSystemSymbols", {"corvane/system_symbols"}, nullptr),
+      Own("NativeSystemSymbols", {"corvane/system_symbols"}, MakeNativeSystemSymbols),
       Own("MacWindowAppearance", {"io.corvane/window_appearance"}, nullptr),
       Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, nullptr),
       Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, nullptr),
