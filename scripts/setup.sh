@@ -6,7 +6,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libglib2.0-dev libgtk-3-dev adwaita-icon-theme
+  libglib2.0-dev libgtk-3-dev adwaita-icon-theme librsvg2-dev
   xvfb xauth
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
 )

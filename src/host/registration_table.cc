@@ -4,6 +4,7 @@
 #include "host/plugin_registry.h"
 #include "udp/local_network_permission.h"
 #include "udp/udp_bridge.h"
+#include "ui/mac_window_appearance.h"
 #include "ui/native_system_symbols.h"
 
 namespace corvane::host {
@@ -28,6 +29,10 @@ std::shared_ptr<void> MakeUdpBridge(Registrar& registrar) {
 
 std::shared_ptr<void> MakeNativeSystemSymbols(Registrar& registrar) {
   return ui::NativeSystemSymbols::Create(registrar.messenger());
+}
+
+std::shared_ptr<void> MakeMacWindowAppearance(Registrar& registrar) {
+  return ui::MacWindowAppearance::Create(registrar.messenger(), registrar.view());
 }
 
 void TriggerLocalNetworkPermission() { udp::LocalNetworkPermission::Shared().Trigger(); }
@@ -58,7 +63,7 @@ const std::vector<StartupRow>& StartupTable() {
       Plugin("UrlLauncherPlugin"),
       Plugin("WindowManagerPlugin"),
       Own("NativeSystemSymbols", {"corvane/system_symbols"}, MakeNativeSystemSymbols),
-      Own("MacWindowAppearance", {"io.corvane/window_appearance"}, nullptr),
+      Own("MacWindowAppearance", {"io.corvane/window_appearance"}, MakeMacWindowAppearance),
       Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, nullptr),
       Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, nullptr),
       Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
