@@ -7,7 +7,7 @@ packages=(
   clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libglib2.0-dev libgtk-3-dev adwaita-icon-theme librsvg2-dev
-  xvfb xauth
+  xvfb xauth libxtst-dev
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
 )
 

@@ -4,6 +4,7 @@
 #include "host/plugin_registry.h"
 #include "udp/local_network_permission.h"
 #include "udp/udp_bridge.h"
+#include "ui/apple_context_menu.h"
 #include "ui/mac_window_appearance.h"
 #include "ui/native_system_symbols.h"
 
@@ -33,6 +34,10 @@ std::shared_ptr<void> MakeNativeSystemSymbols(Registrar& registrar) {
 
 std::shared_ptr<void> MakeMacWindowAppearance(Registrar& registrar) {
   return ui::MacWindowAppearance::Create(registrar.messenger(), registrar.view());
+}
+
+std::shared_ptr<void> MakeAppleContextMenu(Registrar& registrar) {
+  return ui::AppleContextMenu::Create(registrar.messenger(), registrar.view());
 }
 
 void TriggerLocalNetworkPermission() { udp::LocalNetworkPermission::Shared().Trigger(); }
@@ -68,7 +73,7 @@ const std::vector<StartupRow>& StartupTable() {
       Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, nullptr),
       Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, nullptr),
       Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, nullptr),
-      Own("AppleContextMenu", {"io.corvane/context_menu"}, nullptr),
+      Own("AppleContextMenu", {"io.corvane/context_menu"}, MakeAppleContextMenu),
       Own("UdpBridge", {"corvane/udp", "corvane/udp_events"}, MakeUdpBridge),
       Own("BonjourBridge", {"corvane/bonjour", "corvane/bonjour_events"}, MakeBonjourBridge),
   };
