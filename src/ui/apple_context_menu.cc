@@ -19,7 +19,9 @@ struct AppleContextMenu::Showing {
   std::unique_ptr<channel::MethodResult> result;
   std::optional<std::string> chosen;
   unsigned finish_source = 0;
-  unsigned long handlers[2] = {0, 0};
+  unsigned long handlers[2] = {0, 0};  // on the menu
+  GtkWidget* view = nullptr;           // while view_handler is connected
+  unsigned long view_handler = 0;
 };
 
 std::shared_ptr<AppleContextMenu> AppleContextMenu::Create(channel::BinaryMessenger& messenger,
@@ -107,6 +109,15 @@ void AppleContextMenu::Show(const channel::Value& arguments,
   showing_->handlers[0] = g_signal_connect(menu, "deactivate", G_CALLBACK(closed), this);
   showing_->handlers[1] = g_signal_connect(menu, "hide", G_CALLBACK(closed), this);
 
+  // The view leaving the screen (its window closing) takes the menu with it, while the view
+  // is still there to detach from.
+  showing_->view = view_;
+  showing_->view_handler = g_signal_connect(
+      view_, "unmap", G_CALLBACK(+[](GtkWidget*, gpointer self) {
+        static_cast<AppleContextMenu*>(self)->ViewUnmapped();
+      }),
+      this);
+
   // The point is in the view's logical pixels from its top-left corner; kept inside the view.
   const int width = gtk_widget_get_allocated_width(view_);
   const int height = gtk_widget_get_allocated_height(view_);
@@ -131,6 +142,16 @@ void AppleContextMenu::Show(const channel::Value& arguments,
     g_log(kLogDomain, G_LOG_LEVEL_WARNING, "the context menu could not grab the pointer");
     Finish();
   }
+}
+
+void AppleContextMenu::ViewUnmapped() {
+  if (!showing_ || !showing_->view_handler) return;
+  g_signal_handler_disconnect(showing_->view, showing_->view_handler);
+  showing_->view_handler = 0;
+  GtkWidget* menu = showing_->menu;
+  gtk_menu_shell_deactivate(GTK_MENU_SHELL(menu));
+  if (gtk_menu_get_attach_widget(GTK_MENU(menu))) gtk_menu_detach(GTK_MENU(menu));
+  ScheduleFinish();
 }
 
 void AppleContextMenu::OnActivate(GtkMenuItem* item, void* data) {
@@ -159,6 +180,7 @@ void AppleContextMenu::Finish() {
   for (unsigned long handler : showing->handlers) {
     if (handler) g_signal_handler_disconnect(showing->menu, handler);
   }
+  if (showing->view_handler) g_signal_handler_disconnect(showing->view, showing->view_handler);
   if (gtk_widget_get_visible(showing->menu)) {
     gtk_menu_shell_deactivate(GTK_MENU_SHELL(showing->menu));
   }

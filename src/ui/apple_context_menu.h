@@ -39,6 +39,7 @@ class AppleContextMenu : public std::enable_shared_from_this<AppleContextMenu> {
   void HandleCall(const channel::MethodCall& call, std::unique_ptr<channel::MethodResult> result);
   void Show(const channel::Value& args, std::unique_ptr<channel::MethodResult> result);
   static void OnActivate(GtkMenuItem* item, void* self);
+  void ViewUnmapped();
   void ScheduleFinish();
   // Replies the showing's answer and takes its menu down.
   void Finish();

@@ -390,6 +390,16 @@ TEST_F(MenuTest, ASecondShowDismissesTheFirst) {
   EXPECT_EQ(first->size(), 1u);
 }
 
+TEST_F(MenuTest, TheWindowClosingUnderAnOpenMenuAnswersNull) {
+  auto replies = Show(Items({Action("A", "a")}));
+  gtk_widget_destroy(window_);
+  window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+  MethodReply reply = Await(replies);
+  EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess);
+  EXPECT_TRUE(reply.value.is_null());
+  EXPECT_EQ(service_->open_menu(), nullptr);
+}
+
 TEST_F(MenuTest, BadRequestsAndNoWindowReplyNullAtOnce) {
   const Value items(Items({Action("A", "a")}));
   const struct {
