@@ -112,11 +112,11 @@ void AppleContextMenu::Show(const channel::Value& arguments,
   // The view leaving the screen (its window closing) takes the menu with it, while the view
   // is still there to detach from.
   showing_->view = view_;
-  showing_->view_handler = g_signal_connect(
-      view_, "unmap", G_CALLBACK(+[](GtkWidget*, gpointer self) {
-        static_cast<AppleContextMenu*>(self)->ViewUnmapped();
-      }),
-      this);
+  showing_->view_handler =
+      g_signal_connect(view_, "unmap", G_CALLBACK(+[](GtkWidget*, gpointer self) {
+                         static_cast<AppleContextMenu*>(self)->ViewUnmapped();
+                       }),
+                       this);
 
   // The point is in the view's logical pixels from its top-left corner; kept inside the view.
   const int width = gtk_widget_get_allocated_width(view_);

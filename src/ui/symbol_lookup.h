@@ -3,6 +3,7 @@
 // the platform's common system-symbol names to icon-theme names. Main thread only.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -46,14 +47,20 @@ class SymbolLookup {
   std::optional<std::string> Find(std::string_view symbol);
   // Forgets a cached answer whose file could not be read (a theme removed meanwhile).
   void Forget(std::string_view symbol);
+  // Changes whenever an icon theme changes, so that caches built on answers can be dropped.
+  uint64_t generation() const { return generation_; }
 
  private:
   std::optional<std::string> FindIcon(const std::string& icon_name);
-  void Clear() { cache_.clear(); }
+  void Clear() {
+    cache_.clear();
+    ++generation_;
+  }
 
   std::vector<GtkIconTheme*> themes_;
   std::vector<unsigned long> changed_handlers_;
   std::unordered_map<std::string, std::optional<std::string>> cache_;
+  uint64_t generation_ = 0;
 };
 
 }  // namespace corvane::ui

@@ -6,9 +6,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "ui/symbol_lookup.h"
+
+typedef struct _RsvgHandle RsvgHandle;
 
 namespace corvane::ui {
 
@@ -22,24 +25,33 @@ struct Bitmap {
 // The largest side drawn: 96 points at scale 4.
 inline constexpr int kMaxSymbolPixels = 384;
 
-// Draws the image file at `path` (SVG through librsvg, anything gdk-pixbuf reads otherwise)
-// into `pixels` x `pixels`, coloured `argb` (0xAARRGGBB). Nothing when the file does not draw.
-std::optional<Bitmap> RenderIconFile(const std::string& path, uint32_t argb, int pixels);
-
 // PNG bytes (8-bit RGBA); empty on failure.
 std::vector<uint8_t> EncodePng(const Bitmap& bitmap);
 
+// Draws symbols found by a SymbolLookup: SVG files through librsvg, anything else gdk-pixbuf
+// reads. Parsed SVG files are kept (a few dozen, dropped when an icon theme changes), since
+// parsing costs about as much as drawing a small symbol.
 class SymbolRenderer {
  public:
   explicit SymbolRenderer(SymbolLookup& lookup) : lookup_(lookup) {}
+  ~SymbolRenderer();
+  SymbolRenderer(const SymbolRenderer&) = delete;
+  SymbolRenderer& operator=(const SymbolRenderer&) = delete;
 
-  // Nothing when the name is refused or unknown, or the file does not draw.
+  // `pixels` x `pixels`, coloured `argb` (0xAARRGGBB). Nothing when the name is refused or
+  // unknown, or the file does not draw.
   std::optional<Bitmap> Render(std::string_view symbol, uint32_t argb, int pixels);
 
   SymbolLookup& lookup() { return lookup_; }
 
  private:
+  std::optional<std::vector<uint8_t>> SvgCoverage(const std::string& path, int pixels);
+  RsvgHandle* Parsed(const std::string& path);
+  void DropParsed();
+
   SymbolLookup& lookup_;
+  std::unordered_map<std::string, RsvgHandle*> parsed_;
+  uint64_t parsed_generation_ = 0;
 };
 
 }  // namespace corvane::ui

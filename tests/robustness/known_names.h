@@ -26,6 +26,13 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
         {"sessionId", "port", "host", "broadcast", "data", "requestId", "timeoutMs",
          "expiresAtMs"}}},
       {"corvane/udp_events", {{"listen", "cancel"}, {}}},
+      {"corvane/system_symbols", {{"render"}, {"symbol", "color", "size", "scale", "dark"}}},
+      // The argument of "setMode" is the bare mode string.
+      {"io.corvane/window_appearance", {{"setMode", "system", "light", "dark"}, {}}},
+      {"io.corvane/context_menu",
+       {{"show"},
+        {"x", "y", "items", "title", "children", "inline", "action", "symbol", "disabled",
+         "checked", "destructive", "subtitle"}}},
   };
   return vocabulary;
 }
