@@ -12,7 +12,7 @@ cd "$root"
 build=build/default
 
 cmake --preset default >/dev/null
-cmake --build --preset default --target bench_codec bench_engine
+cmake --build --preset default --target bench_codec bench_engine bench_ui
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/corvane-bench.XXXXXX")
 host_pid=""
@@ -32,6 +32,9 @@ if command -v taskset >/dev/null; then
   taskset -c 0 "$build/bench/bench_engine" --benchmark_min_time="$min_time" \
     --benchmark_out="$work/engine_one_cpu.json" --benchmark_out_format=json
 fi
+
+# Symbol rendering; prints its own ratios against a bare librsvg render.
+"$build/bench/bench_ui" --benchmark_min_time="$min_time"
 
 # Idle host: resident memory after start-up and CPU time over a quiet window.
 idle_status="not measured: apps/corvane-host does not build yet"

@@ -9,6 +9,8 @@ packages=(
   libglib2.0-dev libgtk-3-dev adwaita-icon-theme
   libsdl2-dev
   xvfb xauth
+  libglib2.0-dev libgtk-3-dev adwaita-icon-theme librsvg2-dev
+  xvfb xauth libxtst-dev
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
   desktop-file-utils shared-mime-info libx11-dev
   syncthing curl jq

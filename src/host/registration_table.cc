@@ -9,6 +9,9 @@
 #include "legacy/legacy_swiftui_bridge.h"
 #include "udp/local_network_permission.h"
 #include "udp/udp_bridge.h"
+#include "ui/apple_context_menu.h"
+#include "ui/mac_window_appearance.h"
+#include "ui/native_system_symbols.h"
 
 namespace corvane::host {
 
@@ -47,6 +50,18 @@ std::shared_ptr<void> MakeUdpBridge(Registrar& registrar) {
   return udp::UdpBridge::Create(registrar.messenger());
 }
 
+std::shared_ptr<void> MakeNativeSystemSymbols(Registrar& registrar) {
+  return ui::NativeSystemSymbols::Create(registrar.messenger());
+}
+
+std::shared_ptr<void> MakeMacWindowAppearance(Registrar& registrar) {
+  return ui::MacWindowAppearance::Create(registrar.messenger(), registrar.view());
+}
+
+std::shared_ptr<void> MakeAppleContextMenu(Registrar& registrar) {
+  return ui::AppleContextMenu::Create(registrar.messenger(), registrar.view());
+}
+
 void TriggerLocalNetworkPermission() { udp::LocalNetworkPermission::Shared().Trigger(); }
 
 }  // namespace
@@ -74,13 +89,13 @@ const std::vector<StartupRow>& StartupTable() {
       Plugin("SwiftThermionFlutterPlugin"),
       Plugin("UrlLauncherPlugin"),
       Plugin("WindowManagerPlugin"),
-      Own("NativeSystemSymbols", {"corvane/system_symbols"}, nullptr),
-      Own("MacWindowAppearance", {"io.corvane/window_appearance"}, nullptr),
+      Own("NativeSystemSymbols", {"corvane/system_symbols"}, MakeNativeSystemSymbols),
+      Own("MacWindowAppearance", {"io.corvane/window_appearance"}, MakeMacWindowAppearance),
       Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, MakeAppleUsbCamera),
       Own("AppleGameControllerBridge", {"io.corvane/gamepad"}, MakeGameControllerBridge),
       Own("LegacySwiftUIBridge", {"io.corvane/legacy_swiftui"}, MakeLegacySwiftUIBridge),
       Own("ICloudBridge", {"io.corvane/icloud", "io.corvane/icloud/events"}, MakeICloudBridge),
-      Own("AppleContextMenu", {"io.corvane/context_menu"}, nullptr),
+      Own("AppleContextMenu", {"io.corvane/context_menu"}, MakeAppleContextMenu),
       Own("UdpBridge", {"corvane/udp", "corvane/udp_events"}, MakeUdpBridge),
       Own("BonjourBridge", {"corvane/bonjour", "corvane/bonjour_events"}, MakeBonjourBridge),
   };

@@ -1,34 +1,29 @@
-// The main window's background: #0E1A31 under a dark look, white otherwise, following the desktop
-// theme live. The dark-or-light decision is one function, so the window-appearance service can
-// force either look on a window.
+// The main window's background: #0E1A31 when the window looks dark, white otherwise, following
+// the window's effective look live (the desktop's preference, or the mode forced on the window
+// through the window-appearance service).
 #pragma once
 
 #include <functional>
-#include <string>
+
+#include "ui/desktop_appearance.h"
 
 typedef struct _GtkWidget GtkWidget;
 typedef struct _GtkCssProvider GtkCssProvider;
-typedef struct _GtkSettings GtkSettings;
+
+namespace corvane::ui {
+class WindowAppearance;
+}
 
 namespace corvane::host {
 
-// The look a window follows: the desktop's, or one forced on it.
-enum class Appearance { kSystem, kLight, kDark };
-
-// What the desktop says about its theme.
-struct ThemeSignals {
-  bool prefer_dark = false;   // GtkSettings gtk-application-prefer-dark-theme
-  std::string theme_name;     // GtkSettings gtk-theme-name
-  std::string gtk_theme_env;  // $GTK_THEME, which overrides both when set
-};
-
-// The one decision: dark or not.
-bool IsDark(Appearance appearance, const ThemeSignals& theme);
+using Appearance = ui::AppearanceMode;
+using ui::IsDark;
+using ui::ThemeSignals;
 
 // The background colour as CSS: "#0E1A31" or "#FFFFFF".
 const char* BackgroundColor(bool dark);
 
-// Keeps one window's background in step with the theme. Owned by the window: created by
+// Keeps one window's background in step with its look. Owned by the window: created by
 // Attach, destroyed with it.
 class WindowBackground {
  public:
@@ -37,11 +32,11 @@ class WindowBackground {
   // The background of the window holding `widget`; null when none is attached.
   static WindowBackground* ForWidget(GtkWidget* widget);
 
+  // Forces a look on the window, or hands it back to the desktop (kSystem).
   void SetAppearance(Appearance appearance);
-  Appearance appearance() const { return appearance_; }
+  Appearance appearance() const;
   bool dark() const { return dark_; }
 
-  ThemeSignals CurrentThemeSignals() const;
   // Told the current look at once and at every change; for content that paints its own
   // background (the Flutter view).
   void SetChangeCallback(std::function<void(bool dark)> on_change);
@@ -50,16 +45,13 @@ class WindowBackground {
   explicit WindowBackground(GtkWidget* window);
   ~WindowBackground();
   static void Destroy(void* self);
-  void Update();
+  void Apply(bool dark);
 
   GtkWidget* window_;
-  GtkSettings* settings_;
+  ui::WindowAppearance& look_;
+  int listener_ = 0;
   GtkCssProvider* provider_;
-  unsigned long theme_handler_ = 0;
-  unsigned long prefer_dark_handler_ = 0;
-  Appearance appearance_ = Appearance::kSystem;
   bool dark_ = false;
-  bool applied_ = false;
   std::function<void(bool dark)> on_change_;
 };
 

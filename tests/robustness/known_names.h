@@ -39,6 +39,13 @@ inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
         {"token", "deviceId", "timeoutMs", "maxFrameBytes"}}},
       {"io.corvane/legacy_swiftui",
        {{"probe", "readDefaults", "backupDefaults", "listFiles", "convertImage"}, {"path"}}},
+      {"corvane/system_symbols", {{"render"}, {"symbol", "color", "size", "scale", "dark"}}},
+      // The argument of "setMode" is the bare mode string.
+      {"io.corvane/window_appearance", {{"setMode", "system", "light", "dark"}, {}}},
+      {"io.corvane/context_menu",
+       {{"show"},
+        {"x", "y", "items", "title", "children", "inline", "action", "symbol", "disabled",
+         "checked", "destructive", "subtitle"}}},
   };
   return vocabulary;
 }

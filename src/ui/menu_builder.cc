@@ -1,0 +1,185 @@
+#include "ui/menu_builder.h"
+
+#include <gtk/gtk.h>
+
+#include "channel/args.h"
+#include "ui/symbol_renderer.h"
+
+namespace corvane::ui {
+
+namespace {
+
+constexpr const char* kLogDomain = "corvane-ui";
+constexpr const char* kActionKey = "corvane-menu-action";
+constexpr int kSymbolPoints = 16;
+
+using channel::Args;
+using channel::Value;
+using channel::ValueList;
+using channel::ValueMap;
+
+// "children" counts only as a list whose every element is an item map.
+const ValueList* Children(const Args& args) {
+  const ValueList* children = args.list("children");
+  if (!children) return nullptr;
+  for (const Value& child : *children) {
+    if (!child.map_if()) return nullptr;
+  }
+  return children;
+}
+
+GtkWidget* LastEntry(GtkWidget* menu) {
+  GList* children = gtk_container_get_children(GTK_CONTAINER(menu));
+  GList* last = g_list_last(children);
+  GtkWidget* entry = last ? GTK_WIDGET(last->data) : nullptr;
+  g_list_free(children);
+  return entry;
+}
+
+bool EndsWithSeparator(GtkWidget* menu) {
+  GtkWidget* last = LastEntry(menu);
+  return last && GTK_IS_SEPARATOR_MENU_ITEM(last);
+}
+
+void SetAccessibleName(GtkWidget* widget, const std::string& name) {
+  if (AtkObject* accessible = gtk_widget_get_accessible(widget)) {
+    atk_object_set_name(accessible, name.c_str());
+  }
+}
+
+// The theme's error colour, so a destructive title stays red in light and dark themes alike.
+GtkStyleProvider* DestructiveStyle() {
+  static GtkCssProvider* provider = [] {
+    GtkCssProvider* css = gtk_css_provider_new();
+    gtk_css_provider_load_from_data(css, "label { color: @error_color; }", -1, nullptr);
+    return css;
+  }();
+  return GTK_STYLE_PROVIDER(provider);
+}
+
+}  // namespace
+
+const char* MenuItemAction(GtkWidget* item) {
+  return static_cast<const char*>(g_object_get_data(G_OBJECT(item), kActionKey));
+}
+
+GtkWidget* MenuBuilder::Build(const ValueList& items, const std::string& title) {
+  entries_ = 0;
+  truncated_ = false;
+  GtkWidget* menu = gtk_menu_new();
+  g_object_ref_sink(menu);
+  SetAccessibleName(menu, title);
+  Fill(menu, items, 0);
+  if (truncated_) {
+    g_log(kLogDomain, G_LOG_LEVEL_WARNING,
+          "menu tree beyond %d entries or %d levels: the rest is left out", kMaxMenuEntries,
+          kMaxMenuDepth);
+  }
+  return menu;
+}
+
+bool MenuBuilder::Take() {
+  if (entries_ >= kMaxMenuEntries) {
+    truncated_ = true;
+    return false;
+  }
+  ++entries_;
+  return true;
+}
+
+void MenuBuilder::Fill(GtkWidget* menu, const ValueList& items, int depth) {
+  auto add_separator = [&] {
+    if (Take()) gtk_menu_shell_append(GTK_MENU_SHELL(menu), gtk_separator_menu_item_new());
+  };
+  for (const Value& value : items) {
+    const Args args(value);
+    if (!args.is_map()) continue;
+    if (const ValueList* children = Children(args)) {
+      if (depth + 1 >= kMaxMenuDepth) {
+        truncated_ = true;
+        continue;
+      }
+      if (args.boolean("inline").value_or(false)) {
+        // One separator between groups, none opening the menu.
+        if (LastEntry(menu) && !EndsWithSeparator(menu)) add_separator();
+        Fill(menu, *children, depth + 1);
+        if (LastEntry(menu) && !EndsWithSeparator(menu)) add_separator();
+        continue;
+      }
+      if (!Take()) continue;
+      GtkWidget* entry = Entry(args, false, false);
+      GtkWidget* submenu = gtk_menu_new();
+      const std::string* title = args.string("title");
+      SetAccessibleName(submenu, title ? *title : "");
+      Fill(submenu, *children, depth + 1);
+      gtk_menu_item_set_submenu(GTK_MENU_ITEM(entry), submenu);
+      gtk_menu_shell_append(GTK_MENU_SHELL(menu), entry);
+      continue;
+    }
+    const std::string* action = args.string("action");
+    if (!action || !Take()) continue;
+    GtkWidget* entry = Entry(args, true, args.boolean("checked").value_or(false));
+    g_object_set_data_full(G_OBJECT(entry), kActionKey, g_strdup(action->c_str()), g_free);
+    gtk_widget_set_sensitive(entry, !args.boolean("disabled").value_or(false));
+    if (const std::string* subtitle = args.non_empty_string("subtitle")) {
+      gtk_widget_set_tooltip_text(entry, subtitle->c_str());
+    }
+    if (on_activate_) g_signal_connect(entry, "activate", G_CALLBACK(on_activate_), data_);
+    gtk_menu_shell_append(GTK_MENU_SHELL(menu), entry);
+  }
+  while (EndsWithSeparator(menu)) gtk_widget_destroy(LastEntry(menu));
+}
+
+GtkWidget* MenuBuilder::Entry(const Args& args, bool choosable, bool check) {
+  GtkWidget* entry = check ? gtk_check_menu_item_new() : gtk_menu_item_new();
+  if (check) gtk_check_menu_item_set_active(GTK_CHECK_MENU_ITEM(entry), TRUE);
+
+  GtkWidget* box = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 6);
+  GtkWidget* texts = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+  const std::string* title = args.string("title");
+  // Plain text: an underscore in a title is a character, not a mnemonic.
+  GtkWidget* title_label = gtk_label_new(title ? title->c_str() : "");
+  gtk_widget_set_name(title_label, "title");
+  gtk_widget_set_halign(title_label, GTK_ALIGN_START);
+  if (choosable && args.boolean("destructive").value_or(false)) {
+    gtk_style_context_add_provider(gtk_widget_get_style_context(title_label), DestructiveStyle(),
+                                   GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
+  }
+  gtk_box_pack_start(GTK_BOX(texts), title_label, FALSE, FALSE, 0);
+  // Only choosable items carry a subtitle: a line of dim text under the title.
+  if (const std::string* subtitle = args.non_empty_string("subtitle"); subtitle && choosable) {
+    GtkWidget* subtitle_label = gtk_label_new(subtitle->c_str());
+    gtk_widget_set_name(subtitle_label, "subtitle");
+    gtk_widget_set_halign(subtitle_label, GTK_ALIGN_START);
+    gtk_style_context_add_class(gtk_widget_get_style_context(subtitle_label), "dim-label");
+    gtk_box_pack_start(GTK_BOX(texts), subtitle_label, FALSE, FALSE, 0);
+  }
+  gtk_box_pack_end(GTK_BOX(box), texts, TRUE, TRUE, 0);
+  gtk_container_add(GTK_CONTAINER(entry), box);
+  if (const std::string* symbol = args.string("symbol")) AddSymbol(entry, box, *symbol);
+  gtk_widget_show_all(entry);
+  return entry;
+}
+
+void MenuBuilder::AddSymbol(GtkWidget* entry, GtkWidget* box, const std::string& symbol) {
+  if (!renderer_) return;
+  // The menu's text colour, as the entry would draw its title.
+  GdkRGBA color{};
+  gtk_style_context_get_color(gtk_widget_get_style_context(entry), GTK_STATE_FLAG_NORMAL, &color);
+  auto channel = [](double v) { return static_cast<uint32_t>(CLAMP(v, 0.0, 1.0) * 255 + 0.5); };
+  const uint32_t argb = channel(color.alpha) << 24 | channel(color.red) << 16 |
+                        channel(color.green) << 8 | channel(color.blue);
+  std::optional<Bitmap> bitmap = renderer_->Render(symbol, argb, kSymbolPoints * scale_factor_);
+  if (!bitmap) return;
+  GdkPixbuf* pixbuf =
+      gdk_pixbuf_new_from_data(bitmap->rgba.data(), GDK_COLORSPACE_RGB, TRUE, 8, bitmap->width,
+                               bitmap->height, bitmap->width * 4, nullptr, nullptr);
+  cairo_surface_t* surface = gdk_cairo_surface_create_from_pixbuf(pixbuf, scale_factor_, nullptr);
+  g_object_unref(pixbuf);
+  GtkWidget* image = gtk_image_new_from_surface(surface);
+  cairo_surface_destroy(surface);
+  gtk_widget_set_name(image, "symbol");
+  gtk_box_pack_start(GTK_BOX(box), image, FALSE, FALSE, 0);
+}
+
+}  // namespace corvane::ui

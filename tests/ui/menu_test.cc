@@ -1,0 +1,451 @@
+// AppleContextMenu with real GTK menus on a private Xvfb: what the item tree builds, and what
+// the Flutter side hears after a user clicks, types or dismisses. Input goes through the X
+// server (XTest), as a user's would.
+#include <gtest/gtest.h>
+#include <gtk/gtk.h>
+
+#include <functional>
+
+#include "host/support.h"
+#include "ui/apple_context_menu.h"
+#include "ui/menu_builder.h"
+#include "ui/native_system_symbols.h"
+#include "ui/ui_fixture.h"
+
+// Xlib last: its macros (None, Success, Bool, Status) collide with names above.
+#include <X11/extensions/XTest.h>
+#include <X11/keysym.h>
+#include <gdk/gdkx.h>
+#undef None
+#undef Success
+#undef Bool
+#undef Status
+
+namespace corvane::ui {
+namespace {
+
+using namespace std::chrono_literals;
+using channel::MethodReply;
+using testing::ChannelClient;
+using testing::Map;
+using testing::Value;
+using testing::ValueList;
+using testing::ValueMap;
+
+// Item maps, as the Flutter side sends them.
+ValueMap Action(const char* title, const char* action, ValueMap extra = {}) {
+  ValueMap m{{Value("title"), Value(title)}, {Value("action"), Value(action)}};
+  for (const auto& e : extra) m.Append(e.key, e.value);
+  return m;
+}
+ValueMap Submenu(const char* title, ValueList children) {
+  return ValueMap{{Value("title"), Value(title)}, {Value("children"), Value(std::move(children))}};
+}
+ValueMap Inline(ValueList children) {
+  return ValueMap{{Value("children"), Value(std::move(children))}, {Value("inline"), Value(true)}};
+}
+ValueList Items(std::initializer_list<ValueMap> maps) {
+  ValueList list;
+  for (const ValueMap& m : maps) list.emplace_back(m);
+  return list;
+}
+
+GtkWidget* Named(GtkWidget* root, const char* name) {
+  if (g_strcmp0(gtk_widget_get_name(root), name) == 0) return root;
+  if (!GTK_IS_CONTAINER(root)) return nullptr;
+  GList* children = gtk_container_get_children(GTK_CONTAINER(root));
+  GtkWidget* found = nullptr;
+  for (GList* c = children; c && !found; c = c->next) found = Named(GTK_WIDGET(c->data), name);
+  g_list_free(children);
+  return found;
+}
+
+bool SameColour(const GdkRGBA& a, const GdkRGBA& b) {
+  return std::abs(a.red - b.red) < 0.01 && std::abs(a.green - b.green) < 0.01 &&
+         std::abs(a.blue - b.blue) < 0.01;
+}
+
+// A menu as text: "-" separator, the title, then markers: "[x]" checked, "(off)" greyed out,
+// "!" in the error colour, "~subtitle" with tool tip and dim line, "*" symbol, ">{...}" submenu.
+std::string Describe(GtkWidget* menu) {
+  std::string out;
+  GList* children = gtk_container_get_children(GTK_CONTAINER(menu));
+  for (GList* c = children; c; c = c->next) {
+    GtkWidget* item = GTK_WIDGET(c->data);
+    if (!out.empty()) out += "|";
+    if (GTK_IS_SEPARATOR_MENU_ITEM(item)) {
+      out += "-";
+      continue;
+    }
+    GtkWidget* title = Named(item, "title");
+    out += title ? gtk_label_get_text(GTK_LABEL(title)) : "?";
+    if (GTK_IS_CHECK_MENU_ITEM(item) && gtk_check_menu_item_get_active(GTK_CHECK_MENU_ITEM(item))) {
+      out += "[x]";
+    }
+    if (!gtk_widget_get_sensitive(item)) out += "(off)";
+    if (title) {
+      GtkStyleContext* style = gtk_widget_get_style_context(title);
+      GdkRGBA color{};
+      GdkRGBA error{};
+      gtk_style_context_get_color(style, GTK_STATE_FLAG_NORMAL, &color);
+      if (gtk_style_context_lookup_color(style, "error_color", &error) &&
+          SameColour(color, error)) {
+        out += "!";
+      }
+    }
+    if (GtkWidget* subtitle = Named(item, "subtitle")) {
+      out += "~";
+      out += gtk_label_get_text(GTK_LABEL(subtitle));
+      gchar* tip = gtk_widget_get_tooltip_text(item);
+      if (g_strcmp0(tip, gtk_label_get_text(GTK_LABEL(subtitle))) != 0) out += "(no tool tip)";
+      g_free(tip);
+    } else if (gtk_widget_get_has_tooltip(item)) {
+      out += "(stray tool tip)";
+    }
+    if (Named(item, "symbol")) out += "*";
+    if (GtkWidget* sub = gtk_menu_item_get_submenu(GTK_MENU_ITEM(item))) {
+      out += ">{" + Describe(sub) + "}";
+    }
+  }
+  g_list_free(children);
+  return out;
+}
+
+class MenuTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    xvfb_ = new corvane::testing::XvfbServer();
+    config_home_ = new corvane::testing::TempDir();
+    g_setenv("XDG_CONFIG_HOME", config_home_->path().c_str(), TRUE);
+    g_unsetenv("GTK_THEME");
+    g_unsetenv("WAYLAND_DISPLAY");
+    g_unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    g_setenv("NO_AT_BRIDGE", "1", TRUE);
+    if (xvfb_->ok()) {
+      g_setenv("DISPLAY", xvfb_->display().c_str(), TRUE);
+      gtk_ready_ = gtk_init_check(nullptr, nullptr);
+    }
+  }
+  void SetUp() override {
+    ASSERT_TRUE(xvfb_->ok()) << "Xvfb did not start";
+    ASSERT_TRUE(gtk_ready_);
+    window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+    gtk_window_set_default_size(GTK_WINDOW(window_), 600, 400);
+    gtk_window_move(GTK_WINDOW(window_), 50, 60);
+    view_ = gtk_drawing_area_new();
+    gtk_container_add(GTK_CONTAINER(window_), view_);
+    gtk_widget_show_all(window_);
+    ASSERT_TRUE(dispatch::RunMainUntil([&] { return gtk_widget_get_mapped(view_); }, 20s));
+    gdk_display_sync(gdk_display_get_default());
+    service_ = AppleContextMenu::Create(engine_, view_);
+  }
+  void TearDown() override {
+    service_.reset();
+    gtk_widget_destroy(window_);
+  }
+
+  // Shows a menu and waits until it is on screen.
+  ChannelClient::Replies Show(ValueList items, double x = 20, double y = 30) {
+    auto replies = client_.CallLater(
+        "show",
+        Map({{Value("x"), Value(x)}, {Value("y"), Value(y)}, {Value("items"), Value(items)}}));
+    EXPECT_TRUE(dispatch::RunMainUntil(
+        [&] { return service_->open_menu() && gtk_widget_get_mapped(service_->open_menu()); }, 10s))
+        << "no menu on screen";
+    gdk_display_sync(gdk_display_get_default());
+    return replies;
+  }
+  // The one reply, once the menu has closed.
+  MethodReply Await(const ChannelClient::Replies& replies) {
+    dispatch::RunMainUntil([&] { return !replies->empty(); }, 10s);
+    // Exactly once: nothing more arrives.
+    dispatch::RunMainUntil([] { return false; }, 50ms);
+    EXPECT_EQ(replies->size(), 1u);
+    return replies->empty() ? MethodReply() : replies->front();
+  }
+
+  Display* X() { return gdk_x11_display_get_xdisplay(gdk_display_get_default()); }
+  void Key(KeySym key) {
+    const KeyCode code = XKeysymToKeycode(X(), key);
+    XTestFakeKeyEvent(X(), code, True, 0);
+    XTestFakeKeyEvent(X(), code, False, 0);
+    XFlush(X());
+    dispatch::RunMainUntil([] { return false; }, 50ms);
+  }
+  void Click(int root_x, int root_y) {
+    XTestFakeMotionEvent(X(), -1, root_x, root_y, 0);
+    XFlush(X());
+    dispatch::RunMainUntil([] { return false; }, 50ms);
+    XTestFakeButtonEvent(X(), 1, True, 0);
+    XTestFakeButtonEvent(X(), 1, False, 0);
+    XFlush(X());
+  }
+  // The centre of a menu entry, in root coordinates.
+  std::pair<int, int> Centre(GtkWidget* item) {
+    int ox = 0;
+    int oy = 0;
+    gdk_window_get_origin(gtk_widget_get_window(item), &ox, &oy);
+    GtkAllocation a;
+    gtk_widget_get_allocation(item, &a);
+    return {ox + a.x + a.width / 2, oy + a.y + a.height / 2};
+  }
+  GtkWidget* EntryTitled(GtkWidget* menu, const char* title) {
+    GList* children = gtk_container_get_children(GTK_CONTAINER(menu));
+    GtkWidget* found = nullptr;
+    for (GList* c = children; c && !found; c = c->next) {
+      GtkWidget* label = Named(GTK_WIDGET(c->data), "title");
+      if (label && g_strcmp0(gtk_label_get_text(GTK_LABEL(label)), title) == 0) {
+        found = GTK_WIDGET(c->data);
+      }
+    }
+    g_list_free(children);
+    return found;
+  }
+
+  static inline corvane::testing::XvfbServer* xvfb_ = nullptr;
+  static inline corvane::testing::TempDir* config_home_ = nullptr;
+  static inline bool gtk_ready_ = false;
+
+  engine::LoopbackEngine engine_;
+  ChannelClient client_{engine_, kContextMenuChannel};
+  GtkWidget* window_ = nullptr;
+  GtkWidget* view_ = nullptr;
+  std::shared_ptr<AppleContextMenu> service_;
+};
+
+TEST_F(MenuTest, TreesBuildTheMenuTheyDescribe) {
+  const ValueMap a = Action("A", "a");
+  const ValueMap b = Action("B", "b");
+  const ValueMap c = Action("C", "c");
+  const struct {
+    const char* why;
+    ValueList items;
+    const char* menu;
+  } cases[] = {
+      {"plain", Items({a, b}), "A|B"},
+      {"inline group opening the menu", Items({Inline(Items({a, b})), c}), "A|B|-|C"},
+      {"inline group in the middle", Items({a, Inline(Items({b})), c}), "A|-|B|-|C"},
+      {"inline group closing the menu", Items({a, Inline(Items({b, c}))}), "A|-|B|C"},
+      {"two groups in a row share one separator",
+       Items({a, Inline(Items({b})), Inline(Items({c}))}), "A|-|B|-|C"},
+      {"an empty group adds nothing", Items({a, Inline({}), Inline(Items({b}))}), "A|-|B"},
+      {"a group of skipped items adds nothing",
+       Items({Inline(Items({ValueMap{{Value("title"), Value("no action")}}})), a}), "A"},
+      {"nested groups", Items({a, Inline(Items({Inline(Items({b})), c}))}), "A|-|B|-|C"},
+      {"submenu", Items({a, Submenu("More", Items({b, Inline(Items({c}))}))}), "A|More>{B|-|C}"},
+      {"empty submenu", Items({Submenu("Empty", {})}), "Empty>{}"},
+      {"items without children or an action are skipped",
+       Items({ValueMap{{Value("title"), Value("Label only")}},
+              ValueMap{{Value("title"), Value("X")}, {Value("action"), Value::Integer(3)}},
+              ValueMap{{Value("children"), Value("not a list")}, {Value("title"), Value("Y")}}, a}),
+       "A"},
+      {"children that are not all maps make no submenu: the action decides",
+       Items({ValueMap{{Value("title"), Value("Z")},
+                       {Value("children"), Value(ValueList{Value(1)})},
+                       {Value("action"), Value("z")}}}),
+       "Z"},
+      {"flags",
+       Items({Action("On", "on", {{Value("checked"), Value(true)}}),
+              Action("Off", "off", {{Value("checked"), Value(false)}}),
+              Action("Grey", "grey", {{Value("disabled"), Value(true)}}),
+              Action("Delete", "delete", {{Value("destructive"), Value(true)}}),
+              Action("Sub", "sub", {{Value("subtitle"), Value("second line")}}),
+              Action("NoSub", "nosub", {{Value("subtitle"), Value("")}}),
+              Action("Gear", "gear", {{Value("symbol"), Value("gear")}}),
+              Action("Unknown symbol", "u", {{Value("symbol"), Value("no.such.symbol")}})}),
+       "On[x]|Off|Grey(off)|Delete!|Sub~second line|NoSub|Gear*|Unknown symbol"},
+      {"a submenu entry takes a symbol, not the action flags",
+       Items({ValueMap{{Value("title"), Value("S")},
+                       {Value("symbol"), Value("folder")},
+                       {Value("destructive"), Value(true)},
+                       {Value("children"), Value(Items({a}))}}}),
+       "S*>{A}"},
+      {"titles are text, not mnemonics", Items({Action("_Save", "save")}), "_Save"},
+  };
+  for (const auto& c : cases) {
+    MenuBuilder builder(&NativeSystemSymbols::SharedRenderer(), 1, nullptr, nullptr);
+    GtkWidget* menu = builder.Build(c.items, "Title");
+    EXPECT_EQ(Describe(menu), c.menu) << c.why;
+    EXPECT_STREQ(atk_object_get_name(gtk_widget_get_accessible(menu)), "Title");
+    gtk_widget_destroy(menu);
+    g_object_unref(menu);
+  }
+}
+
+TEST_F(MenuTest, HugeTreesAreBounded) {
+  // A thousand levels: built as far as the depth bound, no further.
+  Value deep(Items({Action("leaf", "leaf")}));
+  for (int i = 0; i < 1000; ++i) deep = Value(Items({Submenu("level", *deep.list_if())}));
+  MenuBuilder builder(nullptr, 1, nullptr, nullptr);
+  GtkWidget* menu = builder.Build(*deep.list_if(), "");
+  EXPECT_TRUE(builder.truncated());
+  int depth = 0;
+  for (GtkWidget* m = menu; m;) {
+    GList* children = gtk_container_get_children(GTK_CONTAINER(m));
+    GtkWidget* sub = children ? gtk_menu_item_get_submenu(GTK_MENU_ITEM(children->data)) : nullptr;
+    g_list_free(children);
+    m = sub;
+    ++depth;
+  }
+  EXPECT_EQ(depth, kMaxMenuDepth);
+  gtk_widget_destroy(menu);
+  g_object_unref(menu);
+
+  // Thousands of entries, alternating with inline groups: no more than the entry bound.
+  ValueList many;
+  for (int i = 0; i < 5000; ++i)
+    many.emplace_back(i % 2 ? Action("x", "x") : Inline(Items({Action("y", "y")})));
+  menu = builder.Build(many, "");
+  EXPECT_TRUE(builder.truncated());
+  EXPECT_EQ(builder.entries(), kMaxMenuEntries);
+  GList* children = gtk_container_get_children(GTK_CONTAINER(menu));
+  EXPECT_LE(g_list_length(children), static_cast<guint>(kMaxMenuEntries));
+  EXPECT_FALSE(GTK_IS_SEPARATOR_MENU_ITEM(g_list_last(children)->data));
+  g_list_free(children);
+  gtk_widget_destroy(menu);
+  g_object_unref(menu);
+}
+
+TEST_F(MenuTest, AClickedItemRepliesItsActionAtThePoint) {
+  auto replies = Show(Items({Action("Open", "open"), Action("Drive", "drive")}), 120, 0);
+  GtkWidget* menu = service_->open_menu();
+  ASSERT_NE(menu, nullptr);
+  // The menu's corner is at the point: "y" 0 is the view's top edge.
+  int view_x = 0;
+  int view_y = 0;
+  gdk_window_get_origin(gtk_widget_get_window(view_), &view_x, &view_y);
+  int menu_x = 0;
+  int menu_y = 0;
+  gdk_window_get_origin(gtk_widget_get_window(gtk_widget_get_toplevel(menu)), &menu_x, &menu_y);
+  EXPECT_EQ(menu_x, view_x + 120);
+  EXPECT_EQ(menu_y, view_y);
+
+  if (const char* dir = g_getenv("CORVANE_UI_SCREENSHOTS")) {
+    GdkWindow* root = gdk_get_default_root_window();
+    GdkPixbuf* shot = gdk_pixbuf_get_from_window(root, 0, 0, 800, 600);
+    gchar* path = g_build_filename(dir, "menu.png", nullptr);
+    gdk_pixbuf_save(shot, path, "png", nullptr, nullptr);
+    g_free(path);
+    g_object_unref(shot);
+  }
+
+  auto [x, y] = Centre(EntryTitled(menu, "Drive"));
+  Click(x, y);
+  MethodReply reply = Await(replies);
+  ASSERT_EQ(reply.kind, MethodReply::Kind::kSuccess);
+  EXPECT_EQ(reply.value, Value("drive"));
+  EXPECT_EQ(service_->open_menu(), nullptr);
+}
+
+TEST_F(MenuTest, KeyboardChoosesAndEscapeOrAClickOutsideDismiss) {
+  const ValueList items =
+      Items({Action("Grey", "grey", {{Value("disabled"), Value(true)}}), Action("First", "first"),
+             Submenu("More", Items({Action("Deep", "deep")}))});
+  // Down skips the greyed-out entry.
+  auto replies = Show(items);
+  Key(XK_Down);
+  Key(XK_Return);
+  EXPECT_EQ(Await(replies).value, Value("first"));
+
+  replies = Show(items);
+  Key(XK_Down);
+  Key(XK_Down);
+  Key(XK_Right);
+  Key(XK_Return);
+  EXPECT_EQ(Await(replies).value, Value("deep"));
+
+  replies = Show(items);
+  Key(XK_Escape);
+  MethodReply reply = Await(replies);
+  EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess);
+  EXPECT_TRUE(reply.value.is_null());
+
+  replies = Show(items, 10, 10);
+  int wx = 0;
+  int wy = 0;
+  gdk_window_get_origin(gtk_widget_get_window(view_), &wx, &wy);
+  Click(wx + 590, wy + 390);
+  reply = Await(replies);
+  EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess);
+  EXPECT_TRUE(reply.value.is_null());
+
+  // A greyed-out entry activated by program is still no choice.
+  replies = Show(items);
+  gtk_menu_shell_activate_item(GTK_MENU_SHELL(service_->open_menu()),
+                               EntryTitled(service_->open_menu(), "Grey"), TRUE);
+  EXPECT_TRUE(Await(replies).value.is_null());
+}
+
+TEST_F(MenuTest, ASecondShowDismissesTheFirst) {
+  auto first = Show(Items({Action("One", "one")}));
+  GtkWidget* first_menu = service_->open_menu();
+  auto second = Show(Items({Action("Two", "two")}), 200, 100);
+  ASSERT_EQ(first->size(), 1u) << "the first answers as soon as the second shows";
+  EXPECT_TRUE(first->front().value.is_null());
+  EXPECT_NE(service_->open_menu(), first_menu);
+  EXPECT_TRUE(second->empty());
+  Key(XK_Down);
+  Key(XK_Return);
+  EXPECT_EQ(Await(second).value, Value("two"));
+  EXPECT_EQ(first->size(), 1u);
+}
+
+TEST_F(MenuTest, TheWindowClosingUnderAnOpenMenuAnswersNull) {
+  auto replies = Show(Items({Action("A", "a")}));
+  gtk_widget_destroy(window_);
+  window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+  MethodReply reply = Await(replies);
+  EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess);
+  EXPECT_TRUE(reply.value.is_null());
+  EXPECT_EQ(service_->open_menu(), nullptr);
+}
+
+TEST_F(MenuTest, BadRequestsAndNoWindowReplyNullAtOnce) {
+  const Value items(Items({Action("A", "a")}));
+  const struct {
+    const char* why;
+    Value args;
+  } cases[] = {
+      {"no arguments", Value()},
+      {"no x", Map({{Value("y"), Value(1.0)}, {Value("items"), items}})},
+      {"y a string",
+       Map({{Value("x"), Value(1.0)}, {Value("y"), Value("1")}, {Value("items"), items}})},
+      {"x not finite", Map({{Value("x"), Value(std::numeric_limits<double>::infinity())},
+                            {Value("y"), Value(1.0)},
+                            {Value("items"), items}})},
+      {"no items", Map({{Value("x"), Value(1.0)}, {Value("y"), Value(1.0)}})},
+      {"empty items", Map({{Value("x"), Value(1.0)},
+                           {Value("y"), Value(1.0)},
+                           {Value("items"), Value(ValueList{})}})},
+      {"items a map",
+       Map({{Value("x"), Value(1.0)}, {Value("y"), Value(1.0)}, {Value("items"), Map({})}})},
+      {"nothing choosable",
+       Map({{Value("x"), Value(1.0)},
+            {Value("y"), Value(1.0)},
+            {Value("items"), Value(ValueList{Value(1), Map({{Value("title"), Value("t")}})})}})},
+  };
+  for (const auto& c : cases) {
+    MethodReply reply = client_.Call("show", c.args);
+    EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess) << c.why;
+    EXPECT_TRUE(reply.value.is_null()) << c.why;
+    EXPECT_EQ(service_->open_menu(), nullptr) << c.why;
+  }
+  EXPECT_EQ(client_.Call("Show", Map({})).kind, MethodReply::Kind::kNotImplemented);
+
+  const Value good = Map(
+      {{Value("x"), Value::Integer(5)}, {Value("y"), Value::Integer(5)}, {Value("items"), items}});
+  engine::LoopbackEngine headless_engine;
+  auto headless = AppleContextMenu::Create(headless_engine, nullptr);
+  ChannelClient headless_client(headless_engine, kContextMenuChannel);
+  EXPECT_TRUE(headless_client.Call("show", good).value.is_null());
+
+  // The view's window has gone; then the service itself.
+  gtk_widget_destroy(window_);
+  window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+  EXPECT_TRUE(client_.Call("show", good).value.is_null());
+  service_.reset();
+  EXPECT_EQ(client_.Call("show", good).kind, MethodReply::Kind::kNotImplemented);
+}
+
+}  // namespace
+}  // namespace corvane::ui

@@ -1,0 +1,263 @@
+// NativeSystemSymbols without a display: the real icon theme, librsvg and the PNG encoder.
+#include <gdk/gdk.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+
+#include "host/support.h"
+#include "ui/native_system_symbols.h"
+#include "ui/ui_fixture.h"
+
+namespace corvane::ui {
+namespace {
+
+using testing::ChannelClient;
+using testing::Map;
+using testing::Summarise;
+using testing::Value;
+using testing::ValueMap;
+
+class SymbolsTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    // Headless: nothing here may need an X server.
+    g_unsetenv("DISPLAY");
+    g_unsetenv("WAYLAND_DISPLAY");
+  }
+  void SetUp() override {
+    ASSERT_EQ(gdk_display_get_default(), nullptr);
+    service_ = NativeSystemSymbols::Create(engine_);
+  }
+
+  // The decoded image of a "render" reply, or null when the reply was null.
+  GdkPixbuf* Render(ValueMap args) {
+    MethodReply reply = client_.Call("render", Map(std::move(args)));
+    EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess);
+    if (reply.value.is_null()) return nullptr;
+    const channel::Bytes* png = reply.value.bytes_if();
+    EXPECT_NE(png, nullptr) << "not byte data";
+    GdkPixbuf* pixbuf = png ? testing::DecodePng(*png) : nullptr;
+    EXPECT_NE(pixbuf, nullptr) << "not a PNG";
+    return pixbuf;
+  }
+
+  using MethodReply = channel::MethodReply;
+  engine::LoopbackEngine engine_;
+  ChannelClient client_{engine_, kSymbolsChannel};
+  std::shared_ptr<NativeSystemSymbols> service_;
+};
+
+ValueMap Args(const char* symbol, int64_t color) {
+  return ValueMap{{Value("symbol"), Value(symbol)}, {Value("color"), Value::Integer(color)}};
+}
+
+TEST_F(SymbolsTest, PixelSizeIsSizeTimesScaleClampedAndTruncated) {
+  const struct {
+    Value size;  // null: absent
+    Value scale;
+    int pixels;
+  } cases[] = {
+      {Value(), Value(), 48},                       // 24 points at scale 2
+      {Value(200.0), Value(1.0), 96},               // size clamped to 96
+      {Value(0.0), Value(1.0), 1},                  // size clamped to 1
+      {Value(24.0), Value(10.0), 96},               // scale clamped to 4
+      {Value(96.0), Value(4.0), 384},               // the largest image
+      {Value(0.3), Value(0.5), 1},                  // both clamped up: 1 point at scale 1
+      {Value(24.9), Value(1.5), 37},                // 37.35 truncated
+      {Value::Integer(30), Value::Integer(3), 90},  // integers read as numbers
+      {Value("big"), Value(true), 48},              // mistyped: defaults
+      {Value(std::nan("")), Value(-3.0), 24},       // NaN: default size; scale clamped to 1
+  };
+  for (const auto& c : cases) {
+    ValueMap args = Args("gear", 0xFF336699);
+    if (!c.size.is_null()) args.Append(Value("size"), c.size);
+    if (!c.scale.is_null()) args.Append(Value("scale"), c.scale);
+    GdkPixbuf* image = Render(std::move(args));
+    ASSERT_NE(image, nullptr) << c.pixels;
+    const auto s = Summarise(image, 0x336699);
+    EXPECT_EQ(s.width, c.pixels);
+    EXPECT_EQ(s.height, c.pixels);
+    EXPECT_TRUE(s.has_alpha);
+    if (c.pixels >= 24) {
+      EXPECT_GT(s.visible, 0) << "nothing drawn at " << c.pixels;
+      EXPECT_EQ(s.max_alpha, 255);
+    }
+    EXPECT_EQ(s.off_colour, 0) << "every visible pixel has the exact colour";
+    g_object_unref(image);
+  }
+}
+
+TEST_F(SymbolsTest, ColourAndAlphaAreExact) {
+  const struct {
+    int64_t color;
+    uint32_t rgb;
+    int max_alpha;
+  } cases[] = {
+      {0xFFE64A19, 0xE64A19, 255}, {0x80FF0000, 0xFF0000, 128}, {0xFF000000, 0x000000, 255},
+      {-16777216, 0x000000, 255},  // 0xFF000000 sent as a signed 32-bit integer
+      {0x00FFFFFF, 0xFFFFFF, 0},   // fully transparent, yet an image
+  };
+  for (const auto& c : cases) {
+    GdkPixbuf* image = Render(Args("trash", c.color));
+    ASSERT_NE(image, nullptr) << std::hex << c.color;
+    const auto s = Summarise(image, c.rgb);
+    EXPECT_EQ(s.width, 48);
+    EXPECT_EQ(s.max_alpha, c.max_alpha) << std::hex << c.color;
+    EXPECT_EQ(s.off_colour, 0) << std::hex << c.color;
+    if (c.max_alpha == 0) {
+      EXPECT_EQ(s.visible, 0);
+    }
+    g_object_unref(image);
+  }
+}
+
+TEST_F(SymbolsTest, EveryFailureRepliesNull) {
+  const std::string longest_unknown(127, 'q');
+  const std::string too_long = std::string(124, 'a') + "gear";  // 128 characters
+  const struct {
+    const char* why;
+    Value args;
+  } cases[] = {
+      {"no arguments", Value()},
+      {"a list", Value(channel::ValueList{Value("gear")})},
+      {"no symbol", Map({{Value("color"), Value::Integer(0xFF000000)}})},
+      {"symbol not a string",
+       Map({{Value("symbol"), Value::Integer(1)}, {Value("color"), Value::Integer(0xFF000000)}})},
+      {"no colour", Map({{Value("symbol"), Value("gear")}})},
+      {"colour a string", Map({{Value("symbol"), Value("gear")}, {Value("color"), Value("red")}})},
+      {"colour a double", Map({{Value("symbol"), Value("gear")}, {Value("color"), Value(1.0)}})},
+      {"colour above 32 bits", Map(Args("gear", 0x1FF000000))},
+      {"colour below 32 bits", Map(Args("gear", -0x80000001LL))},
+      {"128 characters", Map(Args(too_long.c_str(), 0xFF000000))},
+      {"127 characters, unknown", Map(Args(longest_unknown.c_str(), 0xFF000000))},
+      {"unknown", Map(Args("no.such.symbol", 0xFF000000))},
+      {"empty", Map(Args("", 0xFF000000))},
+      {"parent folder", Map(Args("../actions/list-add-symbolic", 0xFF000000))},
+      {"dots", Map(Args("..", 0xFF000000))},
+      {"slash", Map(Args("actions/list-add-symbolic", 0xFF000000))},
+      {"a real file's path",
+       Map(Args("/usr/share/icons/Adwaita/scalable/places/folder-symbolic.svg", 0xFF000000))},
+      {"a file name", Map(Args("folder-symbolic.svg", 0xFF000000))},
+      {"NUL inside", Map(ValueMap{{Value("symbol"), Value(std::string("gear\0x", 6))},
+                                  {Value("color"), Value::Integer(0xFF000000)}})},
+  };
+  for (const auto& c : cases) {
+    MethodReply reply = client_.Call("render", c.args);
+    EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess) << c.why;
+    EXPECT_TRUE(reply.value.is_null()) << c.why;
+  }
+  EXPECT_EQ(client_.Call("Render", Map(Args("gear", 0xFF000000))).kind,
+            MethodReply::Kind::kNotImplemented);
+}
+
+TEST_F(SymbolsTest, NamesResolveAsGivenThenThroughTheTable) {
+  // Icon-theme names as given, with or without "-symbolic", and the platform's names.
+  for (const char* name : {"list-add-symbolic",
+                           "list-add",
+                           "folder",
+                           "gear",
+                           "gearshape",
+                           "trash",
+                           "plus",
+                           "minus",
+                           "play",
+                           "play.fill",
+                           "pause",
+                           "pause.fill",
+                           "stop",
+                           "stop.fill",
+                           "xmark",
+                           "checkmark",
+                           "chevron.left",
+                           "chevron.right",
+                           "chevron.up",
+                           "chevron.down",
+                           "arrow.left",
+                           "arrow.right",
+                           "arrow.up",
+                           "arrow.down",
+                           "arrow.clockwise",
+                           "magnifyingglass",
+                           "lock",
+                           "lock.fill",
+                           "lock.open",
+                           "wifi",
+                           "bolt",
+                           "bolt.fill",
+                           "lightbulb",
+                           "exclamationmark.triangle",
+                           "exclamationmark.triangle.fill",
+                           "info.circle",
+                           "questionmark.circle",
+                           "doc",
+                           "square.and.arrow.up",
+                           "square.and.arrow.down",
+                           "camera",
+                           "gamecontroller",
+                           "speaker.wave.2",
+                           "bell",
+                           "pencil",
+                           "star",
+                           "star.fill",
+                           "heart",
+                           "house",
+                           "list.bullet",
+                           "slider.horizontal.3",
+                           "ellipsis",
+                           "power",
+                           "tram",
+                           "train.side.front.car",
+                           "point.topleft.down.curvedto.point.bottomright.up"}) {
+    GdkPixbuf* image = Render(Args(name, 0xFF000000));
+    EXPECT_NE(image, nullptr) << name;
+    if (image) g_object_unref(image);
+  }
+}
+
+// A theme of the test's own, asked before Adwaita, with one icon that fills its whole square.
+class ThemedSymbolsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string theme = dir_ / "icons/CorvaneTest";
+    const std::string actions = theme + "/scalable/actions";
+    std::filesystem::create_directories(actions);
+    std::ofstream(theme + "/index.theme")
+        << "[Icon Theme]\nName=CorvaneTest\nInherits=hicolor\nDirectories=scalable/actions\n\n"
+           "[scalable/actions]\nSize=16\nMinSize=1\nMaxSize=512\nType=Scalable\n";
+    const char* square =
+        "<svg xmlns='http://www.w3.org/2000/svg' width='16' height='16'>"
+        "<rect width='16' height='16' fill='#bebebe'/></svg>";
+    std::ofstream(actions + "/emblem-system-symbolic.svg") << square;
+    // Outside every folder searched: reachable from them only through "..".
+    std::ofstream(dir_ / "secret-symbolic.svg") << square;
+    lookup_ =
+        std::make_unique<SymbolLookup>(SymbolLookup::Options{"CorvaneTest", {dir_ / "icons"}});
+    renderer_ = std::make_unique<SymbolRenderer>(*lookup_);
+  }
+
+  corvane::testing::TempDir dir_;
+  std::unique_ptr<SymbolLookup> lookup_;
+  std::unique_ptr<SymbolRenderer> renderer_;
+};
+
+TEST_F(ThemedSymbolsTest, TheChosenThemeComesFirstThenAdwaita) {
+  auto gear = renderer_->Render("gear", 0xFF102030, 32);
+  ASSERT_TRUE(gear);
+  for (size_t i = 0; i < gear->rgba.size(); i += 4) {
+    ASSERT_EQ(gear->rgba[i + 3], 255) << "the test theme's full square, pixel " << i / 4;
+    ASSERT_EQ(gear->rgba[i], 0x10);
+  }
+  auto trash = lookup_->Find("trash");
+  ASSERT_TRUE(trash);
+  EXPECT_NE(trash->find("/Adwaita/"), std::string::npos) << *trash;
+
+  EXPECT_FALSE(lookup_->Find("secret"));
+  for (const char* name :
+       {"../secret", "../../../../secret-symbolic", "CorvaneTest/../../secret"}) {
+    EXPECT_FALSE(lookup_->Find(name)) << name;
+  }
+}
+
+}  // namespace
+}  // namespace corvane::ui
