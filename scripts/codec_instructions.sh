@@ -2,11 +2,10 @@
 # Instructions per codec operation, counted by callgrind: a case run BASE times and BASE+RUNS
 # times, the difference over RUNS. The same build gives the same figure on every run.
 #
-#   scripts/codec_instructions.sh [BUILD_DIR] [SHAPE OP]...   (default: every case)
+#   scripts/codec_instructions.sh [SHAPE OP]...   (default: every case; BUILD=build/default)
 set -euo pipefail
 
-build=${1:-build/default}
-shift || true
+build=${BUILD:-build/default}
 counter="$build/bench/codec_count"
 base=${CODEC_COUNT_BASE:-20}
 runs=${CODEC_COUNT_RUNS:-200}

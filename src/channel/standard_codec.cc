@@ -46,201 +46,207 @@ namespace {
 
 using Data = CodecAccess::Data;
 
+// Writes through a cursor that each step takes and returns, so it lives in a register: a byte
+// store through a member pointer would make the compiler reload the pointer after every store.
+// Space is grown in bulk, so a small write is a store; Finish trims the vector to what was
+// written.
 class Writer {
  public:
-  // Writes through a cursor into space grown in bulk, so a small write is a store; the vector
-  // is trimmed to what was written when the writer goes. `expected` is a guess at the encoded
-  // size, reserved up front so that common shapes never reallocate.
+  // `expected` is a guess at the encoded size, reserved up front so that common shapes never
+  // reallocate.
   Writer(Bytes& out, size_t expected) : out_(out) {
     const size_t used = out.size();
     out.reserve(used + expected);
     // Zero-filled only as far as small writes need it: large payloads are appended directly.
     out.resize(used + std::min(expected, kFirstFill));
-    Rebase(used);
+    Rebase();
+    start_ = base_ + used;
   }
-  ~Writer() { out_.resize(static_cast<size_t>(cur_ - base_)); }
+  uint8_t* start() const { return start_; }
+  void Finish(uint8_t* p) { out_.resize(static_cast<size_t>(p - base_)); }
 
-  void Byte(uint8_t b) {
-    Ensure(1);
-    *cur_++ = b;
-  }
-
-  void String(std::string_view s) {
-    Ensure(kMaxHeader);
-    *cur_++ = kTagString;
-    Size(s.size());
-    Raw(s.data(), s.size());
+  uint8_t* Byte(uint8_t* p, uint8_t b) {
+    p = Room(p, 1);
+    *p++ = b;
+    return p;
   }
 
-  void Value(const channel::Value& v);
+  uint8_t* String(uint8_t* p, std::string_view s) {
+    p = Room(p, kRoom);
+    *p++ = kTagString;
+    return Raw(Size(p, s.size()), s.data(), s.size());
+  }
+
+  uint8_t* Value(uint8_t* p, const channel::Value& v);
 
  private:
-  // Tag, a five-byte size and seven bytes of padding, or a tag, padding and an eight-byte
-  // scalar: the most a value writes before its payload.
-  static constexpr size_t kMaxHeader = 16;
+  // Room every value starts with: its tag, a five-byte size and a short payload of up to 16
+  // bytes, or a tag, seven bytes of padding and an eight-byte scalar.
+  static constexpr size_t kRoom = 32;
+  static constexpr size_t kShort = 16;
   static constexpr size_t kBulk = 4096;
   static constexpr size_t kFirstFill = 256;
 
-  size_t Used() const { return static_cast<size_t>(cur_ - base_); }
-  void Rebase(size_t used) {
+  void Rebase() {
     base_ = out_.data();
-    cur_ = base_ + used;
     end_ = base_ + out_.size();
   }
-  void Ensure(size_t n) {
-    if (static_cast<size_t>(end_ - cur_) < n) Grow(n);
+  uint8_t* Room(uint8_t* p, size_t n) {
+    if (static_cast<size_t>(end_ - p) < n) p = Grow(p, n);
+    return p;
   }
-  void Grow(size_t n) {
-    const size_t used = Used();
-    size_t target = std::max(used + n, out_.size() * 2);
-    // Stay inside what is already reserved when that is enough.
-    if (target > out_.capacity() && used + n <= out_.capacity()) target = out_.capacity();
-    out_.resize(target);
-    Rebase(used);
-  }
+  uint8_t* Grow(uint8_t* p, size_t n);
+  uint8_t* Bulk(uint8_t* p, const uint8_t* data, size_t n);
 
-  // The caller has ensured room for the header.
   template <typename T>
-  void Put(T v) {
-    std::memcpy(cur_, &v, sizeof v);
-    cur_ += sizeof v;
+  static uint8_t* Put(uint8_t* p, T v) {
+    std::memcpy(p, &v, sizeof v);
+    return p + sizeof v;
   }
-  void Size(size_t n) {
+  static uint8_t* Size(uint8_t* p, size_t n) {
     if (n < 254) {
-      *cur_++ = static_cast<uint8_t>(n);
+      *p++ = static_cast<uint8_t>(n);
     } else if (n <= 0xffff) {
-      *cur_++ = 254;
-      Put(static_cast<uint16_t>(n));
+      *p++ = 254;
+      p = Put(p, static_cast<uint16_t>(n));
     } else {
-      *cur_++ = 255;
-      Put(static_cast<uint32_t>(n));
+      *p++ = 255;
+      p = Put(p, static_cast<uint32_t>(n));
     }
+    return p;
   }
-  // Alignment is relative to the start of the message, as Dart's WriteBuffer does it.
-  void Align(size_t alignment) {
-    while (Used() % alignment != 0) *cur_++ = 0;
+  // Alignment is relative to the start of the vector, as Dart's WriteBuffer does it. Eight
+  // zeros are written (there is room) and the cursor moves past the padding only.
+  uint8_t* Align(uint8_t* p, size_t alignment) const {
+    const size_t pad = (0 - static_cast<size_t>(p - base_)) & (alignment - 1);
+    std::memset(p, 0, 8);
+    return p + pad;
   }
 
-  void Raw(const void* data, size_t n) {
-    const auto* p = static_cast<const uint8_t*>(data);
-    if (n >= kBulk) {
-      // Large payloads go in with one copy, without zero-filling their space first.
-      out_.resize(Used());
-      out_.insert(out_.end(), p, p + n);
-      Rebase(out_.size());
-      return;
+  // A payload after its header; a short one fits the room the value started with.
+  uint8_t* Raw(uint8_t* p, const void* data, size_t n) {
+    const auto* s = static_cast<const uint8_t*>(data);
+    if (n <= kShort) {
+      // Two overlapping word copies instead of a call to memcpy.
+      if (n >= 8) {
+        uint64_t head, tail;
+        std::memcpy(&head, s, 8);
+        std::memcpy(&tail, s + n - 8, 8);
+        std::memcpy(p, &head, 8);
+        std::memcpy(p + n - 8, &tail, 8);
+      } else if (n >= 4) {
+        uint32_t head, tail;
+        std::memcpy(&head, s, 4);
+        std::memcpy(&tail, s + n - 4, 4);
+        std::memcpy(p, &head, 4);
+        std::memcpy(p + n - 4, &tail, 4);
+      } else {
+        for (size_t i = 0; i < n; ++i) p[i] = s[i];
+      }
+      return p + n;
     }
-    Ensure(n);
-    // Keys and short strings: two overlapping word copies instead of a call to memcpy.
-    if (n >= 8 && n <= 16) {
-      uint64_t head, tail;
-      std::memcpy(&head, p, 8);
-      std::memcpy(&tail, p + n - 8, 8);
-      std::memcpy(cur_, &head, 8);
-      std::memcpy(cur_ + n - 8, &tail, 8);
-    } else if (n >= 4 && n < 8) {
-      uint32_t head, tail;
-      std::memcpy(&head, p, 4);
-      std::memcpy(&tail, p + n - 4, 4);
-      std::memcpy(cur_, &head, 4);
-      std::memcpy(cur_ + n - 4, &tail, 4);
-    } else if (n < 4) {
-      for (size_t i = 0; i < n; ++i) cur_[i] = p[i];
-    } else {
-      std::memcpy(cur_, p, n);
-    }
-    cur_ += n;
+    if (n >= kBulk) return Bulk(p, s, n);
+    p = Room(p, n);
+    std::memcpy(p, s, n);
+    return p + n;
   }
 
   template <typename T>
-  void TypedList(uint8_t tag, const std::vector<T>& list) {
-    *cur_++ = tag;
-    Size(list.size());
-    Align(sizeof(T));  // even for an empty list, as Dart does
-    Raw(list.data(), list.size() * sizeof(T));
+  uint8_t* TypedList(uint8_t* p, uint8_t tag, const std::vector<T>& list) {
+    *p++ = tag;
+    p = Size(p, list.size());
+    p = Align(p, sizeof(T));  // even for an empty list, as Dart does
+    return Raw(p, list.data(), list.size() * sizeof(T));
   }
 
   Bytes& out_;
   uint8_t* base_ = nullptr;
-  uint8_t* cur_ = nullptr;
   uint8_t* end_ = nullptr;
+  uint8_t* start_ = nullptr;
 };
 
-void Writer::Value(const channel::Value& v) {
-  Ensure(kMaxHeader);
+uint8_t* Writer::Grow(uint8_t* p, size_t n) {
+  const size_t used = static_cast<size_t>(p - base_);
+  // Doubling, but by at most 64 KiB past a large payload, and inside what is reserved when
+  // that is enough.
+  size_t target = used + std::max(n, std::min<size_t>(out_.size(), 64 * 1024));
+  if (target > out_.capacity() && used + n <= out_.capacity()) target = out_.capacity();
+  out_.resize(target);
+  Rebase();
+  return base_ + used;
+}
+
+// Large payloads go in with one copy, without zero-filling their space first.
+uint8_t* Writer::Bulk(uint8_t* p, const uint8_t* data, size_t n) {
+  out_.resize(static_cast<size_t>(p - base_));
+  out_.insert(out_.end(), data, data + n);
+  Rebase();
+  return end_;
+}
+
+uint8_t* Writer::Value(uint8_t* p, const channel::Value& v) {
+  p = Room(p, kRoom);
   const Data& d = CodecAccess::data(v);
   switch (static_cast<channel::Value::Type>(d.index())) {
     case channel::Value::Type::kNull:
-      *cur_++ = kTagNull;
-      return;
+      *p++ = kTagNull;
+      return p;
     case channel::Value::Type::kBool:
-      *cur_++ = *std::get_if<bool>(&d) ? kTagTrue : kTagFalse;
-      return;
+      *p++ = *std::get_if<bool>(&d) ? kTagTrue : kTagFalse;
+      return p;
     case channel::Value::Type::kInt32:
-      *cur_++ = kTagInt32;
-      Put(*std::get_if<int32_t>(&d));
-      return;
+      *p++ = kTagInt32;
+      return Put(p, *std::get_if<int32_t>(&d));
     case channel::Value::Type::kInt64: {
       // The width is chosen by value, not by C++ type, so both sides agree on the bytes.
       const int64_t i = *std::get_if<int64_t>(&d);
       if (i >= INT32_MIN && i <= INT32_MAX) {
-        *cur_++ = kTagInt32;
-        Put(static_cast<int32_t>(i));
-      } else {
-        *cur_++ = kTagInt64;
-        Put(i);
+        *p++ = kTagInt32;
+        return Put(p, static_cast<int32_t>(i));
       }
-      return;
+      *p++ = kTagInt64;
+      return Put(p, i);
     }
     case channel::Value::Type::kFloat64:
-      *cur_++ = kTagFloat64;
-      Align(8);
-      Put(*std::get_if<double>(&d));
-      return;
+      *p++ = kTagFloat64;
+      return Put(Align(p, 8), *std::get_if<double>(&d));
     case channel::Value::Type::kString: {
       const std::string& s = *std::get_if<std::string>(&d);
-      *cur_++ = kTagString;
-      Size(s.size());
-      Raw(s.data(), s.size());
-      return;
+      *p++ = kTagString;
+      return Raw(Size(p, s.size()), s.data(), s.size());
     }
     case channel::Value::Type::kBytes: {
       const Bytes& b = *std::get_if<Bytes>(&d);
-      *cur_++ = kTagUint8List;
-      Size(b.size());
-      Raw(b.data(), b.size());
-      return;
+      *p++ = kTagUint8List;
+      return Raw(Size(p, b.size()), b.data(), b.size());
     }
     case channel::Value::Type::kInt32List:
-      TypedList(kTagInt32List, *std::get_if<Int32List>(&d));
-      return;
+      return TypedList(p, kTagInt32List, *std::get_if<Int32List>(&d));
     case channel::Value::Type::kInt64List:
-      TypedList(kTagInt64List, *std::get_if<Int64List>(&d));
-      return;
+      return TypedList(p, kTagInt64List, *std::get_if<Int64List>(&d));
     case channel::Value::Type::kFloat32List:
-      TypedList(kTagFloat32List, *std::get_if<Float32List>(&d));
-      return;
+      return TypedList(p, kTagFloat32List, *std::get_if<Float32List>(&d));
     case channel::Value::Type::kFloat64List:
-      TypedList(kTagFloat64List, *std::get_if<Float64List>(&d));
-      return;
+      return TypedList(p, kTagFloat64List, *std::get_if<Float64List>(&d));
     case channel::Value::Type::kList: {
       const ValueList& list = *std::get_if<ValueList>(&d);
-      *cur_++ = kTagList;
-      Size(list.size());
-      for (const auto& item : list) Value(item);
-      return;
+      *p++ = kTagList;
+      p = Size(p, list.size());
+      for (const auto& item : list) p = Value(p, item);
+      return p;
     }
     case channel::Value::Type::kMap: {
       const ValueMap& map = *std::get_if<ValueMap>(&d);
-      *cur_++ = kTagMap;
-      Size(map.size());
+      *p++ = kTagMap;
+      p = Size(p, map.size());
       for (const auto& entry : map) {
-        Value(entry.key);
-        Value(entry.value);
+        p = Value(p, entry.key);
+        p = Value(p, entry.value);
       }
-      return;
+      return p;
     }
   }
+  return p;
 }
 
 // A guess at the encoded size that avoids regrowth for the common shapes (byte payloads,
@@ -322,10 +328,13 @@ class Reader {
     size_t n;
     if (!Size(n) || !Align(sizeof(T))) return false;
     if (n > remaining() / sizeof(T)) return Fail("typed list longer than the data");
+    // Emplaced empty, then filled: emplacing with arguments that may throw makes libstdc++
+    // build a temporary variant and move it in.
+    auto& list = out.emplace<std::vector<T>>();
     if constexpr (sizeof(T) == 1) {
-      out.emplace<std::vector<T>>(cur_, cur_ + n);
+      list.assign(cur_, cur_ + n);
     } else {
-      auto& list = out.emplace<std::vector<T>>(n);
+      list.resize(n);
       if (n) std::memcpy(list.data(), cur_, n * sizeof(T));
     }
     cur_ += n * sizeof(T);
@@ -389,7 +398,7 @@ bool Reader::ReadValue(Value& out, int depth) {
     case kTagString: {
       std::string_view s;
       if (!StringBytes(s)) return false;
-      d.emplace<std::string>(s);
+      d.emplace<std::string>().assign(s);
       return true;
     }
     case kTagUint8List:
@@ -409,7 +418,8 @@ bool Reader::ReadValue(Value& out, int depth) {
       // Every element takes at least one byte, so a larger count is a lie; checking first
       // keeps a hostile count from reserving gigabytes.
       if (n > remaining()) return Fail("list longer than the data");
-      ValueList& list = d.emplace<ValueList>(n);
+      ValueList& list = d.emplace<ValueList>();
+      list.resize(n);
       for (auto& item : list) {
         if (!ReadValue(item, depth + 1)) return false;
       }
@@ -504,7 +514,10 @@ void TakeFailure(Decoded<T>& result, const Reader& reader) {
 
 }  // namespace
 
-void EncodeValue(const Value& value, Bytes& out) { Writer(out, SizeHint(value)).Value(value); }
+void EncodeValue(const Value& value, Bytes& out) {
+  Writer w(out, SizeHint(value));
+  w.Finish(w.Value(w.start(), value));
+}
 
 Bytes EncodeMessage(const Value& value) {
   Bytes out;
@@ -525,11 +538,8 @@ Decoded<Value> DecodeMessage(std::span<const uint8_t> bytes) {
 
 Bytes EncodeMethodCall(const MethodCall& call) {
   Bytes out;
-  {
-    Writer w(out, call.method.size() + 8 + SizeHint(call.arguments));
-    w.String(call.method);
-    w.Value(call.arguments);
-  }  // the writer trims `out` to what was written when it goes
+  Writer w(out, call.method.size() + 8 + SizeHint(call.arguments));
+  w.Finish(w.Value(w.String(w.start(), call.method), call.arguments));
   return out;
 }
 
@@ -542,28 +552,19 @@ Decoded<MethodCall> DecodeMethodCall(std::span<const uint8_t> bytes) {
 
 Bytes EncodeSuccessEnvelope(const Value& result) {
   Bytes out;
-  {
-    Writer w(out, 1 + SizeHint(result));
-    w.Byte(0);
-    w.Value(result);
-  }
+  Writer w(out, 1 + SizeHint(result));
+  w.Finish(w.Value(w.Byte(w.start(), 0), result));
   return out;
 }
 
 Bytes EncodeErrorEnvelope(const MethodError& error) {
   Bytes out;
-  {
-    Writer w(out, 16 + error.code.size() + SizeHint(error.details));
-    w.Byte(1);
-    w.String(error.code);
-    if (error.message) {
-      w.String(*error.message);
-    } else {
-      w.Byte(kTagNull);
-    }
-    w.Value(error.details);
-    if (error.stacktrace) w.String(*error.stacktrace);
-  }
+  Writer w(out, 16 + error.code.size() + SizeHint(error.details));
+  uint8_t* p = w.String(w.Byte(w.start(), 1), error.code);
+  p = error.message ? w.String(p, *error.message) : w.Byte(p, kTagNull);
+  p = w.Value(p, error.details);
+  if (error.stacktrace) p = w.String(p, *error.stacktrace);
+  w.Finish(p);
   return out;
 }
 
