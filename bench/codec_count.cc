@@ -33,11 +33,12 @@ int Run(std::string_view shape, std::string_view op, long runs) {
   } else {
     return 2;
   }
-  const channel::Bytes bytes = is_call ? channel::EncodeMethodCall(call)
-                                       : channel::EncodeMessage(value);
+  const channel::Bytes bytes =
+      is_call ? channel::EncodeMethodCall(call) : channel::EncodeMessage(value);
   if (op == "encode") {
     for (long i = 0; i < runs; ++i) {
-      channel::Bytes out = is_call ? channel::EncodeMethodCall(call) : channel::EncodeMessage(value);
+      channel::Bytes out =
+          is_call ? channel::EncodeMethodCall(call) : channel::EncodeMessage(value);
       Keep(out);
     }
   } else if (op == "decode") {

@@ -467,7 +467,9 @@ bool ReadCall(Reader& reader, MethodCall& call) {
 }
 
 // Takes the string out of a value already known to hold one.
-std::string TakeString(Value& v) { return std::move(*std::get_if<std::string>(&CodecAccess::data(v))); }
+std::string TakeString(Value& v) {
+  return std::move(*std::get_if<std::string>(&CodecAccess::data(v)));
+}
 
 bool ReadEnvelope(Reader& reader, MethodReply& reply) {
   uint8_t status = 0;
@@ -530,7 +532,8 @@ Decoded<Value> DecodeMessage(std::span<const uint8_t> bytes) {
   Value& value = result.value.emplace();  // zero bytes decode to null
   if (bytes.empty()) return result;
   Reader reader(bytes);
-  if (!reader.ReadValue(value) || (!reader.at_end() && !reader.Fail("bytes left over after the value"))) {
+  if (!reader.ReadValue(value) ||
+      (!reader.at_end() && !reader.Fail("bytes left over after the value"))) {
     TakeFailure(result, reader);
   }
   return result;
