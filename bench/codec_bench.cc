@@ -1,54 +1,17 @@
-// Standard codec throughput on three shapes the host really carries, each beside a memcpy of
-// the same number of bytes:
-//   send_call  a UDP "send" method call with a 64-byte payload
-//   listing    a device listing: 100 maps of seven mixed-type entries
-//   bytes_1mib one 1 MiB byte array (a camera frame's worth)
+// Standard codec throughput on three shapes the host really carries (codec_messages.h), each
+// beside a memcpy of the same number of bytes.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 
-#include "channel/standard_codec.h"
+#include "codec_messages.h"
 
 namespace {
 
 using namespace corvane::channel;
-
-Bytes RandomBytes(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  Bytes b(n);
-  for (auto& byte : b) byte = static_cast<uint8_t>(rng());
-  return b;
-}
-
-MethodCall SendCall() {
-  return MethodCall{"send", Value(ValueMap{
-                                {Value("sessionId"), Value("station-1")},
-                                {Value("payload"), Value(RandomBytes(64, 1))},
-                                {Value("host"), Value("192.168.0.111")},
-                                {Value("port"), Value::Integer(21105)},
-                            })};
-}
-
-// What a camera listing looks like: string, int, double, bool, 16 bytes, null, small list.
-Value Listing() {
-  ValueList cameras;
-  cameras.reserve(100);
-  for (int i = 0; i < 100; ++i) {
-    cameras.emplace_back(ValueMap{
-        {Value("name"), Value("USB Camera (046d:0825) #" + std::to_string(i))},
-        {Value("index"), Value::Integer(i)},
-        {Value("frameRate"), Value(29.97)},
-        {Value("connected"), Value(i % 3 != 0)},
-        {Value("uniqueId"), Value(RandomBytes(16, static_cast<uint32_t>(i)))},
-        {Value("location"), Value()},
-        {Value("resolution"), Value(ValueList{Value::Integer(1280), Value::Integer(720)})},
-    });
-  }
-  return Value(std::move(cameras));
-}
+using corvane::bench::RandomBytes;
 
 // Both buffers cache-line aligned and apart, so the baseline does not hinge on where the heap
 // happened to place two small vectors (adjacent ones made a 137-byte copy vary 6x).
@@ -108,11 +71,11 @@ void DecodeValue(benchmark::State& state, const Bytes& bytes) {
 
 int main(int argc, char** argv) {
   // Built once, outside the timed loops; the lambdas below refer to them.
-  static const MethodCall send = SendCall();
+  static const MethodCall send = corvane::bench::SendCall();
   static const Bytes send_bytes = EncodeMethodCall(send);
-  static const Value listing = Listing();
+  static const Value listing = corvane::bench::Listing();
   static const Bytes listing_bytes = EncodeMessage(listing);
-  static const Value frame(RandomBytes(1u << 20, 3));
+  static const Value frame = corvane::bench::Frame();
   static const Bytes frame_bytes = EncodeMessage(frame);
 
   benchmark::RegisterBenchmark("codec/send_call/encode",

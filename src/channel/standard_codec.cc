@@ -31,193 +31,270 @@ enum Tag : uint8_t {
   kTagFloat32List = 14,
 };
 
-class Writer {
- public:
-  // Writes through a cursor into space grown in bulk, so small writes are a bounds check and a
-  // store; the vector is trimmed to what was written when the writer goes.
-  explicit Writer(Bytes& out) : out_(out), used_(out.size()) {}
-  ~Writer() { out_.resize(used_); }
+}  // namespace
 
-  void Byte(uint8_t b) {
-    Reserve(1);
-    out_[used_++] = b;
-  }
-
-  void Raw(const void* data, size_t n) {
-    if (n == 0) return;  // an empty vector's data() may be null, which memcpy must not see
-    if (n >= kBulk) {
-      // Large payloads go in with one copy, without zero-filling their space first.
-      out_.resize(used_);
-      const auto* p = static_cast<const uint8_t*>(data);
-      out_.insert(out_.end(), p, p + n);
-      used_ = out_.size();
-      return;
-    }
-    Reserve(n);
-    std::memcpy(out_.data() + used_, data, n);
-    used_ += n;
-  }
-
-  template <typename T>
-  void Scalar(T v) {
-    Reserve(sizeof v);
-    std::memcpy(out_.data() + used_, &v, sizeof v);
-    used_ += sizeof v;
-  }
-
-  void Size(size_t n) {
-    if (n < 254) {
-      Byte(static_cast<uint8_t>(n));
-    } else if (n <= 0xffff) {
-      Byte(254);
-      Scalar(static_cast<uint16_t>(n));
-    } else {
-      Byte(255);
-      Scalar(static_cast<uint32_t>(n));
-    }
-  }
-
-  // Alignment is relative to the start of the message, as Dart's WriteBuffer does it.
-  void Align(size_t alignment) {
-    const size_t mod = used_ % alignment;
-    if (mod == 0) return;
-    Reserve(alignment - mod);
-    std::memset(out_.data() + used_, 0, alignment - mod);
-    used_ += alignment - mod;
-  }
-
-  template <typename T>
-  void TypedList(uint8_t tag, const std::vector<T>& list) {
-    Byte(tag);
-    Size(list.size());
-    Align(sizeof(T));  // even for an empty list, as Dart does
-    Raw(list.data(), list.size() * sizeof(T));
-  }
-
-  void Value(const channel::Value& v);
-
- private:
-  static constexpr size_t kBulk = 4096;
-  void Reserve(size_t n) {
-    if (used_ + n > out_.size()) {
-      out_.resize(std::max(used_ + n, std::max<size_t>(64, out_.size() * 2)));
-    }
-  }
-  Bytes& out_;
-  size_t used_;
+// The codec's way into Value and ValueMap: decoding constructs every value where it will live
+// and encoding reads the variant directly, so no value is built only to be moved or copied.
+struct CodecAccess {
+  using Data = decltype(Value::data_);
+  static Data& data(Value& v) { return v.data_; }
+  static const Data& data(const Value& v) { return v.data_; }
+  static std::vector<MapEntry>& entries(ValueMap& m) { return m.entries_; }
 };
 
-void Writer::Value(const channel::Value& v) {
-  switch (v.type()) {
-    case channel::Value::Type::kNull:
-      Byte(kTagNull);
-      return;
-    case channel::Value::Type::kBool:
-      Byte(*v.bool_if() ? kTagTrue : kTagFalse);
-      return;
-    case channel::Value::Type::kInt32:
-    case channel::Value::Type::kInt64: {
-      // The width is chosen by value, not by C++ type, so both sides agree on the bytes.
-      const int64_t i = *v.integer();
-      if (i >= INT32_MIN && i <= INT32_MAX) {
-        Byte(kTagInt32);
-        Scalar(static_cast<int32_t>(i));
-      } else {
-        Byte(kTagInt64);
-        Scalar(i);
-      }
-      return;
-    }
-    case channel::Value::Type::kFloat64:
-      Byte(kTagFloat64);
-      Align(8);
-      Scalar(*v.float64_if());
-      return;
-    case channel::Value::Type::kString: {
-      const std::string& s = *v.string_if();
-      Byte(kTagString);
-      Size(s.size());
-      Raw(s.data(), s.size());
-      return;
-    }
-    case channel::Value::Type::kBytes: {
-      const Bytes& b = *v.bytes_if();
-      Byte(kTagUint8List);
-      Size(b.size());
-      Raw(b.data(), b.size());
-      return;
-    }
-    case channel::Value::Type::kInt32List:
-      TypedList(kTagInt32List, *v.int32_list_if());
-      return;
-    case channel::Value::Type::kInt64List:
-      TypedList(kTagInt64List, *v.int64_list_if());
-      return;
-    case channel::Value::Type::kFloat32List:
-      TypedList(kTagFloat32List, *v.float32_list_if());
-      return;
-    case channel::Value::Type::kFloat64List:
-      TypedList(kTagFloat64List, *v.float64_list_if());
-      return;
-    case channel::Value::Type::kList: {
-      const ValueList& list = *v.list_if();
-      Byte(kTagList);
-      Size(list.size());
-      for (const auto& item : list) Value(item);
-      return;
-    }
-    case channel::Value::Type::kMap: {
-      const ValueMap& map = *v.map_if();
-      Byte(kTagMap);
-      Size(map.size());
-      for (const auto& entry : map) {
-        Value(entry.key);
-        Value(entry.value);
-      }
-      return;
-    }
+namespace {
+
+using Data = CodecAccess::Data;
+
+// Writes through a cursor that each step takes and returns, so it lives in a register: a byte
+// store through a member pointer would make the compiler reload the pointer after every store.
+// Space is grown in bulk, so a small write is a store; Finish trims the vector to what was
+// written.
+class Writer {
+ public:
+  // `expected` is a guess at the encoded size, reserved up front so that common shapes never
+  // reallocate.
+  Writer(Bytes& out, size_t expected) : out_(out) {
+    const size_t used = out.size();
+    out.reserve(used + expected);
+    // Zero-filled only as far as small writes need it: large payloads are appended directly.
+    out.resize(used + std::min(expected, kFirstFill));
+    Rebase();
+    start_ = base_ + used;
   }
+  uint8_t* start() const { return start_; }
+  void Finish(uint8_t* p) { out_.resize(static_cast<size_t>(p - base_)); }
+
+  uint8_t* Byte(uint8_t* p, uint8_t b) {
+    p = Room(p, 1);
+    *p++ = b;
+    return p;
+  }
+
+  uint8_t* String(uint8_t* p, std::string_view s) {
+    p = Room(p, kRoom);
+    *p++ = kTagString;
+    return Raw(Size(p, s.size()), s.data(), s.size());
+  }
+
+  uint8_t* Value(uint8_t* p, const channel::Value& v);
+
+ private:
+  // Room every value starts with: its tag, a five-byte size and a short payload of up to 16
+  // bytes, or a tag, seven bytes of padding and an eight-byte scalar.
+  static constexpr size_t kRoom = 32;
+  static constexpr size_t kShort = 16;
+  static constexpr size_t kBulk = 4096;
+  static constexpr size_t kFirstFill = 256;
+
+  void Rebase() {
+    base_ = out_.data();
+    end_ = base_ + out_.size();
+  }
+  uint8_t* Room(uint8_t* p, size_t n) {
+    if (static_cast<size_t>(end_ - p) < n) p = Grow(p, n);
+    return p;
+  }
+  uint8_t* Grow(uint8_t* p, size_t n);
+  uint8_t* Bulk(uint8_t* p, const uint8_t* data, size_t n);
+
+  template <typename T>
+  static uint8_t* Put(uint8_t* p, T v) {
+    std::memcpy(p, &v, sizeof v);
+    return p + sizeof v;
+  }
+  static uint8_t* Size(uint8_t* p, size_t n) {
+    if (n < 254) {
+      *p++ = static_cast<uint8_t>(n);
+    } else if (n <= 0xffff) {
+      *p++ = 254;
+      p = Put(p, static_cast<uint16_t>(n));
+    } else {
+      *p++ = 255;
+      p = Put(p, static_cast<uint32_t>(n));
+    }
+    return p;
+  }
+  // Alignment is relative to the start of the vector, as Dart's WriteBuffer does it. Eight
+  // zeros are written (there is room) and the cursor moves past the padding only.
+  uint8_t* Align(uint8_t* p, size_t alignment) const {
+    const size_t pad = (0 - static_cast<size_t>(p - base_)) & (alignment - 1);
+    std::memset(p, 0, 8);
+    return p + pad;
+  }
+
+  // A payload after its header; a short one fits the room the value started with.
+  uint8_t* Raw(uint8_t* p, const void* data, size_t n) {
+    const auto* s = static_cast<const uint8_t*>(data);
+    if (n <= kShort) {
+      // Two overlapping word copies instead of a call to memcpy.
+      if (n >= 8) {
+        uint64_t head, tail;
+        std::memcpy(&head, s, 8);
+        std::memcpy(&tail, s + n - 8, 8);
+        std::memcpy(p, &head, 8);
+        std::memcpy(p + n - 8, &tail, 8);
+      } else if (n >= 4) {
+        uint32_t head, tail;
+        std::memcpy(&head, s, 4);
+        std::memcpy(&tail, s + n - 4, 4);
+        std::memcpy(p, &head, 4);
+        std::memcpy(p + n - 4, &tail, 4);
+      } else {
+        for (size_t i = 0; i < n; ++i) p[i] = s[i];
+      }
+      return p + n;
+    }
+    if (n >= kBulk) return Bulk(p, s, n);
+    p = Room(p, n);
+    std::memcpy(p, s, n);
+    return p + n;
+  }
+
+  template <typename T>
+  uint8_t* TypedList(uint8_t* p, uint8_t tag, const std::vector<T>& list) {
+    *p++ = tag;
+    p = Size(p, list.size());
+    p = Align(p, sizeof(T));  // even for an empty list, as Dart does
+    return Raw(p, list.data(), list.size() * sizeof(T));
+  }
+
+  Bytes& out_;
+  uint8_t* base_ = nullptr;
+  uint8_t* end_ = nullptr;
+  uint8_t* start_ = nullptr;
+};
+
+uint8_t* Writer::Grow(uint8_t* p, size_t n) {
+  const size_t used = static_cast<size_t>(p - base_);
+  // Doubling, but by at most 64 KiB past a large payload, and inside what is reserved when
+  // that is enough.
+  size_t target = used + std::max(n, std::min<size_t>(out_.size(), 64 * 1024));
+  if (target > out_.capacity() && used + n <= out_.capacity()) target = out_.capacity();
+  out_.resize(target);
+  Rebase();
+  return base_ + used;
 }
 
-// Worst-case encoded size is hard to know up front; this estimate avoids most regrowth for
-// the common shapes (byte payloads, small maps) without walking the value twice.
-size_t SizeHint(const Value& v) {
+// Large payloads go in with one copy, without zero-filling their space first.
+uint8_t* Writer::Bulk(uint8_t* p, const uint8_t* data, size_t n) {
+  out_.resize(static_cast<size_t>(p - base_));
+  out_.insert(out_.end(), data, data + n);
+  Rebase();
+  return end_;
+}
+
+uint8_t* Writer::Value(uint8_t* p, const channel::Value& v) {
+  p = Room(p, kRoom);
+  const Data& d = CodecAccess::data(v);
+  switch (static_cast<channel::Value::Type>(d.index())) {
+    case channel::Value::Type::kNull:
+      *p++ = kTagNull;
+      return p;
+    case channel::Value::Type::kBool:
+      *p++ = *std::get_if<bool>(&d) ? kTagTrue : kTagFalse;
+      return p;
+    case channel::Value::Type::kInt32:
+      *p++ = kTagInt32;
+      return Put(p, *std::get_if<int32_t>(&d));
+    case channel::Value::Type::kInt64: {
+      // The width is chosen by value, not by C++ type, so both sides agree on the bytes.
+      const int64_t i = *std::get_if<int64_t>(&d);
+      if (i >= INT32_MIN && i <= INT32_MAX) {
+        *p++ = kTagInt32;
+        return Put(p, static_cast<int32_t>(i));
+      }
+      *p++ = kTagInt64;
+      return Put(p, i);
+    }
+    case channel::Value::Type::kFloat64:
+      *p++ = kTagFloat64;
+      return Put(Align(p, 8), *std::get_if<double>(&d));
+    case channel::Value::Type::kString: {
+      const std::string& s = *std::get_if<std::string>(&d);
+      *p++ = kTagString;
+      return Raw(Size(p, s.size()), s.data(), s.size());
+    }
+    case channel::Value::Type::kBytes: {
+      const Bytes& b = *std::get_if<Bytes>(&d);
+      *p++ = kTagUint8List;
+      return Raw(Size(p, b.size()), b.data(), b.size());
+    }
+    case channel::Value::Type::kInt32List:
+      return TypedList(p, kTagInt32List, *std::get_if<Int32List>(&d));
+    case channel::Value::Type::kInt64List:
+      return TypedList(p, kTagInt64List, *std::get_if<Int64List>(&d));
+    case channel::Value::Type::kFloat32List:
+      return TypedList(p, kTagFloat32List, *std::get_if<Float32List>(&d));
+    case channel::Value::Type::kFloat64List:
+      return TypedList(p, kTagFloat64List, *std::get_if<Float64List>(&d));
+    case channel::Value::Type::kList: {
+      const ValueList& list = *std::get_if<ValueList>(&d);
+      *p++ = kTagList;
+      p = Size(p, list.size());
+      for (const auto& item : list) p = Value(p, item);
+      return p;
+    }
+    case channel::Value::Type::kMap: {
+      const ValueMap& map = *std::get_if<ValueMap>(&d);
+      *p++ = kTagMap;
+      p = Size(p, map.size());
+      for (const auto& entry : map) {
+        p = Value(p, entry.key);
+        p = Value(p, entry.value);
+      }
+      return p;
+    }
+  }
+  return p;
+}
+
+// A guess at the encoded size that avoids regrowth for the common shapes (byte payloads,
+// small maps, lists of like elements) without walking the value twice.
+size_t SizeHint(const Value& v, int depth = 0) {
   if (const Bytes* b = v.bytes_if()) return b->size() + 8;
   if (const ValueMap* m = v.map_if()) return 16 + m->size() * 24;
-  if (const ValueList* l = v.list_if()) return 16 + l->size() * 64;
+  if (const ValueList* l = v.list_if()) {
+    // Judged by its first element: listings are lists of maps of one shape.
+    if (l->empty() || depth > 0) return 16 + l->size() * 16;
+    return 16 + l->size() * SizeHint(l->front(), depth + 1);
+  }
+  if (const std::string* s = v.string_if()) return s->size() + 8;
   return 32;
 }
 
 class Reader {
  public:
-  explicit Reader(std::span<const uint8_t> bytes) : data_(bytes.data()), size_(bytes.size()) {}
+  explicit Reader(std::span<const uint8_t> bytes)
+      : begin_(bytes.data()), cur_(bytes.data()), end_(bytes.data() + bytes.size()) {}
 
-  bool failed() const { return !error_.empty(); }
-  const std::string& error() const { return error_; }
+  const char* error() const { return error_; }
   size_t error_offset() const { return error_offset_; }
-  size_t position() const { return pos_; }
-  bool at_end() const { return pos_ == size_; }
-  size_t remaining() const { return size_ - pos_; }
+  size_t position() const { return static_cast<size_t>(cur_ - begin_); }
+  bool at_end() const { return cur_ == end_; }
+  size_t remaining() const { return static_cast<size_t>(end_ - cur_); }
+  uint8_t peek() const { return *cur_; }  // only when !at_end()
 
-  bool Fail(const char* what) {
-    if (error_.empty()) {
+  bool Fail(const char* what) { return FailAt(what, position()); }
+  bool FailAt(const char* what, size_t offset) {
+    if (!error_) {
       error_ = what;
-      error_offset_ = pos_;
+      error_offset_ = offset;
     }
     return false;
   }
 
   bool Byte(uint8_t& b) {
-    if (pos_ >= size_) return Fail("unexpected end of data");
-    b = data_[pos_++];
+    if (cur_ == end_) return Fail("unexpected end of data");
+    b = *cur_++;
     return true;
   }
 
   template <typename T>
   bool Scalar(T& v) {
     if (remaining() < sizeof(T)) return Fail("unexpected end of data");
-    std::memcpy(&v, data_ + pos_, sizeof(T));
-    pos_ += sizeof(T);
+    std::memcpy(&v, cur_, sizeof(T));
+    cur_ += sizeof(T);
     return true;
   }
 
@@ -239,115 +316,101 @@ class Reader {
   }
 
   bool Align(size_t alignment) {
-    const size_t mod = pos_ % alignment;
+    const size_t mod = position() % alignment;
     if (mod == 0) return true;
     if (remaining() < alignment - mod) return Fail("unexpected end of data in alignment padding");
-    pos_ += alignment - mod;
+    cur_ += alignment - mod;
     return true;
   }
 
   template <typename T>
-  bool TypedList(std::vector<T>& out) {
+  bool TypedList(Data& out) {
     size_t n;
     if (!Size(n) || !Align(sizeof(T))) return false;
     if (n > remaining() / sizeof(T)) return Fail("typed list longer than the data");
+    // Emplaced empty, then filled: emplacing with arguments that may throw makes libstdc++
+    // build a temporary variant and move it in.
+    auto& list = out.emplace<std::vector<T>>();
     if constexpr (sizeof(T) == 1) {
-      out.assign(data_ + pos_, data_ + pos_ + n);
+      list.assign(cur_, cur_ + n);
     } else {
-      out.resize(n);
-      if (n) std::memcpy(out.data(), data_ + pos_, n * sizeof(T));
+      list.resize(n);
+      if (n) std::memcpy(list.data(), cur_, n * sizeof(T));
     }
-    pos_ += n * sizeof(T);
+    cur_ += n * sizeof(T);
     return true;
   }
 
-  bool String(std::string& out) {
+  // The bytes of a string, checked: its size, then that many bytes of well-formed UTF-8.
+  bool StringBytes(std::string_view& out) {
     size_t n;
     if (!Size(n)) return false;
     if (n > remaining()) return Fail("string longer than the data");
-    if (!IsValidUtf8(data_ + pos_, n)) return Fail("string is not valid UTF-8");
-    out.assign(reinterpret_cast<const char*>(data_ + pos_), n);
-    pos_ += n;
+    if (!IsValidUtf8(cur_, n)) return Fail("string is not valid UTF-8");
+    out = std::string_view(reinterpret_cast<const char*>(cur_), n);
+    cur_ += n;
     return true;
   }
 
   bool ReadValue(Value& out, int depth = 0);
 
  private:
-  const uint8_t* data_;
-  size_t size_;
-  size_t pos_ = 0;
-  std::string error_;
+  const uint8_t* begin_;
+  const uint8_t* cur_;
+  const uint8_t* end_;
+  const char* error_ = nullptr;
   size_t error_offset_ = 0;
 };
 
+// Decodes into `out`, constructing the value where it stays.
 bool Reader::ReadValue(Value& out, int depth) {
   uint8_t tag;
   if (!Byte(tag)) return false;
+  Data& d = CodecAccess::data(out);
   switch (tag) {
     case kTagNull:
-      out = Value();
+      d.emplace<std::monostate>();
       return true;
     case kTagTrue:
-      out = Value(true);
+      d.emplace<bool>(true);
       return true;
     case kTagFalse:
-      out = Value(false);
+      d.emplace<bool>(false);
       return true;
     case kTagInt32: {
       int32_t v;
       if (!Scalar(v)) return false;
-      out = Value(v);
+      d.emplace<int32_t>(v);
       return true;
     }
     case kTagInt64: {
       int64_t v;
       if (!Scalar(v)) return false;
-      out = Value(v);
+      d.emplace<int64_t>(v);
       return true;
     }
     case kTagFloat64: {
       double v;
       if (!Align(8) || !Scalar(v)) return false;
-      out = Value(v);
+      d.emplace<double>(v);
       return true;
     }
     case kTagString: {
-      std::string s;
-      if (!String(s)) return false;
-      out = Value(std::move(s));
+      std::string_view s;
+      if (!StringBytes(s)) return false;
+      d.emplace<std::string>().assign(s);
       return true;
     }
-    case kTagUint8List: {
-      Bytes b;
-      if (!TypedList(b)) return false;
-      out = Value(std::move(b));
-      return true;
-    }
-    case kTagInt32List: {
-      Int32List l;
-      if (!TypedList(l)) return false;
-      out = Value(std::move(l));
-      return true;
-    }
-    case kTagInt64List: {
-      Int64List l;
-      if (!TypedList(l)) return false;
-      out = Value(std::move(l));
-      return true;
-    }
-    case kTagFloat32List: {
-      Float32List l;
-      if (!TypedList(l)) return false;
-      out = Value(std::move(l));
-      return true;
-    }
-    case kTagFloat64List: {
-      Float64List l;
-      if (!TypedList(l)) return false;
-      out = Value(std::move(l));
-      return true;
-    }
+    case kTagUint8List:
+      return TypedList<uint8_t>(d);
+    case kTagInt32List:
+      return TypedList<int32_t>(d);
+    case kTagInt64List:
+      return TypedList<int64_t>(d);
+    case kTagFloat32List:
+      return TypedList<float>(d);
+    case kTagFloat64List:
+      return TypedList<double>(d);
     case kTagList: {
       if (depth >= kMaxNestingDepth) return Fail("nesting too deep");
       size_t n;
@@ -355,8 +418,7 @@ bool Reader::ReadValue(Value& out, int depth) {
       // Every element takes at least one byte, so a larger count is a lie; checking first
       // keeps a hostile count from reserving gigabytes.
       if (n > remaining()) return Fail("list longer than the data");
-      out = Value(ValueList());
-      ValueList& list = *out.mutable_list_if();
+      ValueList& list = d.emplace<ValueList>();
       list.resize(n);
       for (auto& item : list) {
         if (!ReadValue(item, depth + 1)) return false;
@@ -368,162 +430,153 @@ bool Reader::ReadValue(Value& out, int depth) {
       size_t n;
       if (!Size(n)) return false;
       if (n > remaining() / 2) return Fail("map longer than the data");
-      out = Value(ValueMap());
-      ValueMap& map = *out.mutable_map_if();
-      map.reserve(n);
-      for (size_t i = 0; i < n; ++i) {
-        Value key;
-        Value value;
-        if (!ReadValue(key, depth + 1) || !ReadValue(value, depth + 1)) return false;
-        map.Append(std::move(key), std::move(value));
+      std::vector<MapEntry>& entries = CodecAccess::entries(d.emplace<ValueMap>());
+      entries.resize(n);
+      for (auto& entry : entries) {
+        if (!ReadValue(entry.key, depth + 1) || !ReadValue(entry.value, depth + 1)) return false;
       }
       return true;
     }
     case kTagLargeInt:
-      --pos_;
+      --cur_;
       return Fail("large integers (type 5) are not supported");
     default:
-      --pos_;
+      --cur_;
       return Fail("unknown type tag");
   }
 }
 
-template <typename T>
-Decoded<T> Failure(const Reader& reader) {
-  Decoded<T> d;
-  d.error = reader.error();
-  d.error_offset = reader.error_offset();
-  return d;
+// The bodies of the decodes. Each fills the value in the caller's result, and on failure leaves
+// the reason in the reader.
+bool ReadCall(Reader& reader, MethodCall& call) {
+  // The name is read straight into the call when it is a string, as it always is from Dart.
+  if (!reader.at_end() && reader.peek() == kTagString) {
+    uint8_t tag;
+    std::string_view name;
+    reader.Byte(tag);
+    if (!reader.StringBytes(name)) return false;
+    call.method.assign(name);
+  } else {
+    Value method;
+    if (!reader.ReadValue(method)) return false;
+    return reader.FailAt("method name is not a string", 0);
+  }
+  if (!reader.ReadValue(call.arguments)) return false;
+  if (!reader.at_end()) return reader.Fail("bytes left over after the method call");
+  return true;
+}
+
+// Takes the string out of a value already known to hold one.
+std::string TakeString(Value& v) {
+  return std::move(*std::get_if<std::string>(&CodecAccess::data(v)));
+}
+
+bool ReadEnvelope(Reader& reader, MethodReply& reply) {
+  uint8_t status = 0;
+  reader.Byte(status);
+  if (status == 0) {
+    reply.kind = MethodReply::Kind::kSuccess;
+    if (!reader.ReadValue(reply.value)) return false;
+  } else if (status == 1) {
+    reply.kind = MethodReply::Kind::kError;
+    Value code, message;
+    if (!reader.ReadValue(code)) return false;
+    if (!code.string_if()) return reader.FailAt("error code is not a string", 1);
+    const size_t message_at = reader.position();
+    if (!reader.ReadValue(message)) return false;
+    if (!message.is_null() && !message.string_if()) {
+      return reader.FailAt("error message is neither a string nor null", message_at);
+    }
+    if (!reader.ReadValue(reply.error.details)) return false;
+    if (!reader.at_end()) {
+      const size_t trace_at = reader.position();
+      Value trace;
+      if (!reader.ReadValue(trace)) return false;
+      if (trace.string_if()) {
+        reply.error.stacktrace = TakeString(trace);
+      } else if (!trace.is_null()) {
+        return reader.FailAt("error stacktrace is neither a string nor null", trace_at);
+      }
+    }
+    reply.error.code = TakeString(code);
+    if (message.string_if()) reply.error.message = TakeString(message);
+  } else {
+    return reader.FailAt("envelope status is neither success nor error", 0);
+  }
+  if (!reader.at_end()) return reader.Fail("bytes left over after the envelope");
+  return true;
 }
 
 template <typename T>
-Decoded<T> Failure(const char* what, size_t offset) {
-  Decoded<T> d;
-  d.error = what;
-  d.error_offset = offset;
-  return d;
+void TakeFailure(Decoded<T>& result, const Reader& reader) {
+  result.value.reset();
+  result.error = reader.error();
+  result.error_offset = reader.error_offset();
 }
 
 }  // namespace
 
-void EncodeValue(const Value& value, Bytes& out) { Writer(out).Value(value); }
+void EncodeValue(const Value& value, Bytes& out) {
+  Writer w(out, SizeHint(value));
+  w.Finish(w.Value(w.start(), value));
+}
 
 Bytes EncodeMessage(const Value& value) {
   Bytes out;
-  out.reserve(SizeHint(value));
   EncodeValue(value, out);
   return out;
 }
 
 Decoded<Value> DecodeMessage(std::span<const uint8_t> bytes) {
   Decoded<Value> result;
-  if (bytes.empty()) {
-    result.value.emplace();
-    return result;
-  }
+  Value& value = result.value.emplace();  // zero bytes decode to null
+  if (bytes.empty()) return result;
   Reader reader(bytes);
-  Value value;
-  if (!reader.ReadValue(value)) return Failure<Value>(reader);
-  if (!reader.at_end()) return Failure<Value>("bytes left over after the value", reader.position());
-  result.value = std::move(value);
+  if (!reader.ReadValue(value) ||
+      (!reader.at_end() && !reader.Fail("bytes left over after the value"))) {
+    TakeFailure(result, reader);
+  }
   return result;
 }
 
 Bytes EncodeMethodCall(const MethodCall& call) {
   Bytes out;
-  out.reserve(call.method.size() + 8 + SizeHint(call.arguments));
-  {
-    Writer w(out);  // trims `out` to what was written when it goes
-    w.Value(Value(call.method));
-    w.Value(call.arguments);
-  }
+  Writer w(out, call.method.size() + 8 + SizeHint(call.arguments));
+  w.Finish(w.Value(w.String(w.start(), call.method), call.arguments));
   return out;
 }
 
 Decoded<MethodCall> DecodeMethodCall(std::span<const uint8_t> bytes) {
-  Reader reader(bytes);
-  Value method;
-  if (!reader.ReadValue(method)) return Failure<MethodCall>(reader);
-  std::string* name = const_cast<std::string*>(method.string_if());
-  if (!name) return Failure<MethodCall>("method name is not a string", 0);
-  Value arguments;
-  if (!reader.ReadValue(arguments)) return Failure<MethodCall>(reader);
-  if (!reader.at_end()) {
-    return Failure<MethodCall>("bytes left over after the method call", reader.position());
-  }
   Decoded<MethodCall> result;
-  result.value = MethodCall{std::move(*name), std::move(arguments)};
+  Reader reader(bytes);
+  if (!ReadCall(reader, result.value.emplace())) TakeFailure(result, reader);
   return result;
 }
 
 Bytes EncodeSuccessEnvelope(const Value& result) {
   Bytes out;
-  out.reserve(1 + SizeHint(result));
-  {
-    Writer w(out);
-    w.Byte(0);
-    w.Value(result);
-  }
+  Writer w(out, 1 + SizeHint(result));
+  w.Finish(w.Value(w.Byte(w.start(), 0), result));
   return out;
 }
 
 Bytes EncodeErrorEnvelope(const MethodError& error) {
   Bytes out;
-  out.reserve(16 + error.code.size() + SizeHint(error.details));
-  {
-    Writer w(out);
-    w.Byte(1);
-    w.Value(Value(error.code));
-    w.Value(error.message ? Value(*error.message) : Value());
-    w.Value(error.details);
-    if (error.stacktrace) w.Value(Value(*error.stacktrace));
-  }
+  Writer w(out, 16 + error.code.size() + SizeHint(error.details));
+  uint8_t* p = w.String(w.Byte(w.start(), 1), error.code);
+  p = error.message ? w.String(p, *error.message) : w.Byte(p, kTagNull);
+  p = w.Value(p, error.details);
+  if (error.stacktrace) p = w.String(p, *error.stacktrace);
+  w.Finish(p);
   return out;
 }
 
 Decoded<MethodReply> DecodeEnvelope(std::span<const uint8_t> bytes) {
   Decoded<MethodReply> result;
-  if (bytes.empty()) {
-    result.value.emplace();  // not implemented
-    return result;
-  }
+  MethodReply& reply = result.value.emplace();  // zero bytes: not implemented
+  if (bytes.empty()) return result;
   Reader reader(bytes);
-  uint8_t status;
-  reader.Byte(status);
-  MethodReply reply;
-  if (status == 0) {
-    reply.kind = MethodReply::Kind::kSuccess;
-    if (!reader.ReadValue(reply.value)) return Failure<MethodReply>(reader);
-  } else if (status == 1) {
-    reply.kind = MethodReply::Kind::kError;
-    Value code, message;
-    if (!reader.ReadValue(code)) return Failure<MethodReply>(reader);
-    if (!code.string_if()) return Failure<MethodReply>("error code is not a string", 1);
-    const size_t message_at = reader.position();
-    if (!reader.ReadValue(message)) return Failure<MethodReply>(reader);
-    if (!message.is_null() && !message.string_if()) {
-      return Failure<MethodReply>("error message is neither a string nor null", message_at);
-    }
-    if (!reader.ReadValue(reply.error.details)) return Failure<MethodReply>(reader);
-    if (!reader.at_end()) {
-      const size_t trace_at = reader.position();
-      Value trace;
-      if (!reader.ReadValue(trace)) return Failure<MethodReply>(reader);
-      if (const std::string* s = trace.string_if()) {
-        reply.error.stacktrace = *s;
-      } else if (!trace.is_null()) {
-        return Failure<MethodReply>("error stacktrace is neither a string nor null", trace_at);
-      }
-    }
-    reply.error.code = *code.string_if();
-    if (const std::string* s = message.string_if()) reply.error.message = *s;
-  } else {
-    return Failure<MethodReply>("envelope status is neither success nor error", 0);
-  }
-  if (!reader.at_end()) {
-    return Failure<MethodReply>("bytes left over after the envelope", reader.position());
-  }
-  result.value = std::move(reply);
+  if (!ReadEnvelope(reader, reply)) TakeFailure(result, reader);
   return result;
 }
 

@@ -34,7 +34,32 @@ inline size_t Utf8SequenceLength(const unsigned char* p, size_t n) {
   return len;
 }
 
+// Whether all `n` bytes are ASCII, a word at a time; the last word overlaps the one before.
+inline bool IsAscii(const uint8_t* s, size_t n) {
+  if (n >= 8) {
+    uint64_t any = 0, word;
+    for (size_t i = 0; i + 8 <= n; i += 8) {
+      std::memcpy(&word, s + i, 8);
+      any |= word;
+    }
+    std::memcpy(&word, s + n - 8, 8);
+    return ((any | word) & 0x8080808080808080ull) == 0;
+  }
+  uint32_t any = 0;
+  if (n >= 4) {
+    uint32_t head, tail;
+    std::memcpy(&head, s, 4);
+    std::memcpy(&tail, s + n - 4, 4);
+    any = head | tail;
+  } else {
+    for (size_t i = 0; i < n; ++i) any |= s[i];
+  }
+  return (any & 0x80808080u) == 0;
+}
+
 inline bool IsValidUtf8(const uint8_t* s, size_t n) {
+  // Keys, names and most strings on a channel are ASCII.
+  if (IsAscii(s, n)) return true;
   size_t i = 0;
   while (i < n) {
     // Fast path: eight ASCII bytes at a time.

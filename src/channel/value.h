@@ -14,6 +14,7 @@ namespace corvane::channel {
 
 class Value;
 struct MapEntry;
+struct CodecAccess;  // lets the codec build values in place, without temporaries
 
 using Bytes = std::vector<uint8_t>;
 using Int32List = std::vector<int32_t>;
@@ -50,6 +51,7 @@ class ValueMap {
   friend bool operator==(const ValueMap& a, const ValueMap& b);
 
  private:
+  friend struct CodecAccess;
   std::vector<MapEntry> entries_;
 };
 
@@ -115,6 +117,7 @@ class Value {
   friend bool operator==(const Value& a, const Value& b);
 
  private:
+  friend struct CodecAccess;
   std::variant<std::monostate, bool, int32_t, int64_t, double, std::string, Bytes, Int32List,
                Int64List, Float32List, Float64List, ValueList, ValueMap>
       data_;

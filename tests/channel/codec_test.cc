@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 #include "channel/standard_codec.h"
@@ -43,7 +44,8 @@ TEST(StandardCodec, EncodesEveryTypeAsTheFormatSays) {
       {"int32", Value(int32_t{1}), "03 01000000"},
       {"negative int32", Value(int32_t{-2}), "03 feffffff"},
       {"int64 that needs 64 bits", Value(int64_t{1} << 32), "04 0000000001000000"},
-      {"float64 padded to 8 from the message start", Value(1.0), "06 00000000000000 000000000000f03f"},
+      {"float64 padded to 8 from the message start", Value(1.0),
+       "06 00000000000000 000000000000f03f"},
       {"string", Value("hello"), "07 05 68656c6c6f"},
       {"utf-8 string", Value("\xc3\xa9"), "07 02 c3a9"},
       {"bytes", Value(Bytes{1, 2, 3}), "08 03 010203"},
@@ -57,10 +59,10 @@ TEST(StandardCodec, EncodesEveryTypeAsTheFormatSays) {
       {"map keeps insertion order", Value(Map({{"b", Value(true)}, {"a", Value()}})),
        "0d 02 07 01 62 01 07 01 61 00"},
       {"empty map", Value(ValueMap()), "0d 00"},
-      {"map with a non-string key",
-       Value(ValueMap{MapEntry{Value(int32_t{1}), Value("x")}}), "0d 01 03 01000000 07 01 78"},
-      {"float inside a list aligns to the message start",
-       Value(ValueList{Value(0.5)}), "0c 01 06 0000000000 000000000000e03f"},
+      {"map with a non-string key", Value(ValueMap{MapEntry{Value(int32_t{1}), Value("x")}}),
+       "0d 01 03 01000000 07 01 78"},
+      {"float inside a list aligns to the message start", Value(ValueList{Value(0.5)}),
+       "0c 01 06 0000000000 000000000000e03f"},
   };
   for (const auto& v : vectors) {
     SCOPED_TRACE(v.name);
@@ -97,8 +99,8 @@ TEST(StandardCodec, SizesUseOneThreeOrFiveBytes) {
 }
 
 TEST(StandardCodec, NonFiniteFloatsRoundTripBitExactly) {
-  for (double d : {std::numeric_limits<double>::quiet_NaN(),
-                   std::numeric_limits<double>::infinity(), -0.0}) {
+  for (double d :
+       {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(), -0.0}) {
     Bytes bytes = EncodeMessage(Value(d));
     Decoded<Value> back = DecodeMessage(bytes);
     ASSERT_TRUE(back);
@@ -156,6 +158,124 @@ TEST(StandardCodec, RejectsNestingDeeperThanTheLimit) {
   EXPECT_TRUE(DecodeMessage(ok));
 }
 
+// The writer copies short payloads by words, larger ones by memcpy and large ones by a bulk
+// append, and grows its buffer in steps: each length here crosses one of those edges.
+TEST(StandardCodec, PayloadsOfEveryLengthEncodeExactly) {
+  for (size_t n : {0, 1, 3, 4, 7, 8, 9, 15, 16, 17, 31, 253, 254, 4095, 4096, 70000}) {
+    SCOPED_TRACE(n);
+    std::string text(n, 'a');
+    for (size_t i = 0; i < n; ++i) text[i] = static_cast<char>('a' + i % 26);
+    const Bytes bytes(text.begin(), text.end());
+    // Tag, size in one, three or five bytes, payload.
+    auto framed = [&](uint8_t tag) {
+      Bytes out{tag};
+      if (n < 254) {
+        out.push_back(static_cast<uint8_t>(n));
+      } else if (n <= 0xffff) {
+        for (uint8_t b : {uint8_t{254}, uint8_t(n), uint8_t(n >> 8)}) out.push_back(b);
+      } else {
+        for (uint8_t b :
+             {uint8_t{255}, uint8_t(n), uint8_t(n >> 8), uint8_t(n >> 16), uint8_t{0}}) {
+          out.push_back(b);
+        }
+      }
+      for (uint8_t b : bytes) out.push_back(b);
+      return out;
+    };
+    for (const auto& [tag, value] :
+         {std::pair{uint8_t{7}, Value(text)}, std::pair{uint8_t{8}, Value(bytes)}}) {
+      const Bytes expected = framed(tag);
+      EXPECT_EQ(EncodeMessage(value), expected);
+      Decoded<Value> back = DecodeMessage(expected);
+      ASSERT_TRUE(back) << back.error;
+      EXPECT_EQ(*back.value, value);
+    }
+    // Small values after the payload, inside a list: the buffer must grow past a bulk append
+    // and keep what was written before it.
+    const Value list(ValueList{Value(bytes), Value(0.25), Value(text), Value(int32_t{9})});
+    Decoded<Value> back = DecodeMessage(EncodeMessage(list));
+    ASSERT_TRUE(back) << back.error;
+    EXPECT_EQ(*back.value, list);
+  }
+}
+
+TEST(StandardCodec, AppendingAlignsFromTheStartOfTheVector) {
+  for (size_t prefix = 0; prefix < 9; ++prefix) {
+    SCOPED_TRACE(prefix);
+    Bytes out(prefix, 0xee);
+    EncodeValue(Value(Float64List{1.0}), out);
+    // tag, size, then padding up to a multiple of 8 counted from out[0].
+    const size_t data_at = (prefix + 2 + 7) / 8 * 8;
+    ASSERT_EQ(out.size(), data_at + 8);
+    for (size_t i = prefix + 2; i < data_at; ++i) EXPECT_EQ(out[i], 0) << i;
+    double d;
+    std::memcpy(&d, out.data() + data_at, 8);
+    EXPECT_EQ(d, 1.0);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + prefix), Bytes(prefix, 0xee));
+  }
+}
+
+// ASCII is checked a word at a time with an overlapping last word; a bad byte anywhere, also
+// in the overlap, must still be caught, and good multi-byte characters anywhere accepted.
+TEST(StandardCodec, Utf8IsCheckedAtEveryPosition) {
+  for (size_t n = 1; n <= 20; ++n) {
+    for (size_t at = 0; at < n; ++at) {
+      SCOPED_TRACE(testing::Message() << "length " << n << " at " << at);
+      Bytes bad{7, static_cast<uint8_t>(n)};
+      for (size_t i = 0; i < n; ++i) bad.push_back(i == at ? 0xff : 'x');
+      EXPECT_FALSE(DecodeMessage(bad));
+      if (at + 1 < n) {
+        Bytes good{7, static_cast<uint8_t>(n)};
+        for (size_t i = 0; i < n; ++i) good.push_back(i == at ? 0xc3 : i == at + 1 ? 0xa9 : 'x');
+        EXPECT_TRUE(DecodeMessage(good));
+        Bytes cut = good;
+        cut[2 + at + 1] = 'x';  // a lead byte without its continuation
+        EXPECT_FALSE(DecodeMessage(cut));
+      }
+    }
+  }
+}
+
+// Where a decode stops and why is what the engine logs for a bad message.
+TEST(StandardCodec, ErrorsSayWhatAndWhere) {
+  struct Case {
+    const char* hex;
+    const char* error;
+    size_t offset;
+    enum { kMessage, kCall, kEnvelope } as;
+  };
+  const Case cases[] = {
+      {"00 00", "bytes left over after the value", 1, Case::kMessage},
+      {"07 02 61", "string longer than the data", 2, Case::kMessage},
+      {"0d 01 07 01 61 0f", "unknown type tag", 5, Case::kMessage},
+      {"03 01000000 00", "method name is not a string", 0, Case::kCall},
+      {"07 01 78 00 00", "bytes left over after the method call", 4, Case::kCall},
+      {"07 01 ff 00", "string is not valid UTF-8", 2, Case::kCall},
+      {"01 07 01 63 01 00", "error message is neither a string nor null", 4, Case::kEnvelope},
+      {"02 00", "envelope status is neither success nor error", 0, Case::kEnvelope},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.hex);
+    const Bytes bytes = Hex(c.hex);
+    std::string error;
+    size_t offset = 0;
+    bool ok = true;
+    if (c.as == Case::kMessage) {
+      auto d = DecodeMessage(bytes);
+      ok = bool(d), error = d.error, offset = d.error_offset;
+    } else if (c.as == Case::kCall) {
+      auto d = DecodeMethodCall(bytes);
+      ok = bool(d), error = d.error, offset = d.error_offset;
+    } else {
+      auto d = DecodeEnvelope(bytes);
+      ok = bool(d), error = d.error, offset = d.error_offset;
+    }
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(error, c.error);
+    EXPECT_EQ(offset, c.offset);
+  }
+}
+
 TEST(MethodCodec, MethodCallIsNameThenArguments) {
   const Bytes expected = Hex("07 01 78 06 00000000 000000000000f83f");
   EXPECT_EQ(EncodeMethodCall({"x", Value(1.5)}), expected);
@@ -173,7 +293,8 @@ TEST(MethodCodec, MethodCallIsNameThenArguments) {
 TEST(MethodCodec, Envelopes) {
   EXPECT_EQ(EncodeSuccessEnvelope(Value()), Hex("00 00"));
   EXPECT_EQ(EncodeSuccessEnvelope(Value(int32_t{5})), Hex("00 03 05000000"));
-  EXPECT_EQ(EncodeErrorEnvelope({"c", std::nullopt, Value(), std::nullopt}), Hex("01 07 01 63 00 00"));
+  EXPECT_EQ(EncodeErrorEnvelope({"c", std::nullopt, Value(), std::nullopt}),
+            Hex("01 07 01 63 00 00"));
   EXPECT_EQ(EncodeErrorEnvelope({"c", "m", Value(true), "t"}),
             Hex("01 07 01 63 07 01 6d 01 07 01 74"));
 
