@@ -92,6 +92,19 @@ bool Connection::Connect(const std::string& path, std::string* error) {
     *error = Errno("cannot connect to " + path) + " (is corvane-host running?)";
     return false;
   }
+  // Whoever could put a socket at the path could be serving it: only a host of this user (or
+  // root) is trusted with what we send and believed in what it answers.
+  struct ucred cred {};
+  socklen_t length = sizeof cred;
+  if (getsockopt(fd_, SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0) {
+    *error = Errno("cannot tell who serves " + path);
+    return false;
+  }
+  if (cred.uid != geteuid() && cred.uid != 0) {
+    *error = "refusing the host at " + path + ": it runs as uid " + std::to_string(cred.uid) +
+             ", not as this user (uid " + std::to_string(geteuid()) + ")";
+    return false;
+  }
   // Non-blocking from here, so every wait goes through poll and honours its deadline.
   const int flags = fcntl(fd_, F_GETFL);
   fcntl(fd_, F_SETFL, flags | O_NONBLOCK);

@@ -98,7 +98,7 @@ void EventChannel::HandleMessage(Bytes message, BinaryReply reply) {
   if (method == "cancel") {
     if (shared_->current.load() == 0) {
       reply.Send(EncodeErrorEnvelope(
-          MethodError{"error", "No active stream to cancel", Value(), std::nullopt}));
+          MethodError{kNoStreamErrorCode, kNoStreamErrorMessage, Value(), std::nullopt}));
       return;
     }
     shared_->current.store(0);

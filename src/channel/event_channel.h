@@ -15,6 +15,10 @@ namespace corvane::channel {
 
 class EventChannel;
 
+// The error a "cancel" gets when the caller has no stream to cancel.
+inline constexpr const char* kNoStreamErrorCode = "error";
+inline constexpr const char* kNoStreamErrorMessage = "No active stream to cancel";
+
 // Where a service sends its events. A sink belongs to one listen: once the stream is
 // cancelled or listened to again, this sink goes quiet, so a late event can never reach the
 // next listener. Usable from any thread; events leave from the main thread, in order.

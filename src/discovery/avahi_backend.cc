@@ -89,12 +89,17 @@ class AvahiBackend final : public DnsSdBackend {
   }
 
   bool Browse(const std::string& type) override {
-    if (!avahi_is_valid_service_type_generic(type.c_str())) return false;
+    // Avahi takes a type without the final dot of a fully qualified name; the caller's
+    // spelling stays the key and the type its sightings are reported under.
+    std::string avahi_type = type;
+    if (!avahi_type.empty() && avahi_type.back() == '.') avahi_type.pop_back();
+    if (!avahi_is_valid_service_type_generic(avahi_type.c_str())) return false;
     auto [it, added] = browses_.try_emplace(type, nullptr);
     if (!added) return true;
     it->second = std::make_unique<BrowseState>();
     it->second->owner = this;
     it->second->type = type;
+    it->second->avahi_type = std::move(avahi_type);
     if (connected_) Open(*it->second);
     return true;
   }
@@ -112,13 +117,27 @@ class AvahiBackend final : public DnsSdBackend {
   struct Instance {
     BrowseState* browse = nullptr;
     Sighting sighting;
+    std::string avahi_type;
     AvahiServiceResolver* resolver = nullptr;
+    AvahiProtocol address_protocol = AVAHI_PROTO_UNSPEC;
     bool resolved = false;
   };
+
+  // Resolves to an address of `address_protocol`. Kept open after the first answer, so a
+  // changed address or port is reported too.
+  void StartResolver(Instance& instance, AvahiProtocol address_protocol) {
+    instance.address_protocol = address_protocol;
+    const Sighting& s = instance.sighting;
+    instance.resolver = avahi_service_resolver_new(
+        client_, s.interface, s.protocol, s.name.c_str(), instance.avahi_type.c_str(),
+        s.domain.c_str(), address_protocol, static_cast<AvahiLookupFlags>(0),
+        &AvahiBackend::ResolveCallback, &instance);
+  }
   using InstanceKey = std::tuple<int32_t, int32_t, std::string, std::string>;
   struct BrowseState {
     AvahiBackend* owner = nullptr;
-    std::string type;
+    std::string type;        // as the caller gave it
+    std::string avahi_type;  // as Avahi takes it
     AvahiServiceBrowser* browser = nullptr;
     bool failed = false;
     std::map<InstanceKey, std::unique_ptr<Instance>> instances;
@@ -243,7 +262,7 @@ class AvahiBackend final : public DnsSdBackend {
   void Open(BrowseState& browse) {
     browse.failed = false;
     browse.browser = avahi_service_browser_new(
-        client_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, browse.type.c_str(), nullptr,
+        client_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, browse.avahi_type.c_str(), nullptr,
         static_cast<AvahiLookupFlags>(0), &AvahiBackend::BrowseCallback, &browse);
     if (browse.browser == nullptr) {
       g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "cannot browse %s: %s", browse.type.c_str(),
@@ -313,10 +332,8 @@ class AvahiBackend final : public DnsSdBackend {
         auto instance = std::make_unique<Instance>();
         instance->browse = &browse;
         instance->sighting = Sighting{browse.type, name, domain, interface, protocol};
-        // Kept open after the first answer, so a changed address or port is reported too.
-        instance->resolver = avahi_service_resolver_new(
-            client_, interface, protocol, name, type, domain, AVAHI_PROTO_UNSPEC,
-            static_cast<AvahiLookupFlags>(0), &AvahiBackend::ResolveCallback, instance.get());
+        instance->avahi_type = type;
+        StartResolver(*instance, AVAHI_PROTO_INET);
         if (instance->resolver == nullptr) {
           g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "cannot resolve %s: %s", name,
                 avahi_strerror(avahi_client_errno(client_)));
@@ -360,10 +377,16 @@ class AvahiBackend final : public DnsSdBackend {
       instance->browse->owner->listener_.OnResolved(instance->sighting, endpoint);
       return;
     }
-    // Unresolvable: never reported. Once resolved, the browser still decides when it is gone.
-    g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "resolving %s failed", name ? name : "");
     avahi_service_resolver_free(resolver);
     instance->resolver = nullptr;
+    // An instance is reported at an IPv4 address whenever it has one, which every sighting of
+    // it then agrees on; only an instance without one is resolved to any address.
+    if (instance->address_protocol == AVAHI_PROTO_INET && !instance->resolved) {
+      instance->browse->owner->StartResolver(*instance, AVAHI_PROTO_UNSPEC);
+      if (instance->resolver != nullptr) return;
+    }
+    // Unresolvable: never reported. Once resolved, the browser still decides when it is gone.
+    g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "resolving %s failed", name ? name : "");
   }
 
   dispatch::Queue& queue_;

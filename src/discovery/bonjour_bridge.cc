@@ -3,7 +3,7 @@
 #include <glib.h>
 
 #include <future>
-#include <map>
+#include <set>
 
 #include "channel/args.h"
 #include "discovery/service_table.h"
@@ -17,15 +17,6 @@ constexpr const char* kLogDomain = "corvane-bonjour";
 
 using channel::Value;
 using channel::ValueMap;
-
-// One browse per type however the caller spells it: DNS is case-insensitive and the trailing
-// dot of a fully qualified type is optional.
-std::string CanonicalType(const std::string& type) {
-  std::string out = type;
-  if (!out.empty() && out.back() == '.') out.pop_back();
-  for (char& c : out) c = g_ascii_tolower(c);
-  return out;
-}
 
 // The given types when "types" is a list of strings, the defaults otherwise.
 std::vector<std::string> RequestedTypes(const Value& arguments) {
@@ -63,11 +54,12 @@ class BonjourBridge::Core : public DnsSdBackend::Listener {
   }
   void Close() { backend_.reset(); }
 
+  // Browsers are keyed by the type string as given: two spellings of one type are two
+  // browsers, each reporting its services under its own spelling.
   void Start(const std::vector<std::string>& types) {
     for (const std::string& type : types) {
-      const std::string key = CanonicalType(type);
-      if (browsers_.count(key) != 0) continue;
-      if (key.empty() || key.size() > kMaxTypeLength || key.find('\0') != std::string::npos) {
+      if (browsers_.count(type) != 0) continue;
+      if (type.empty() || type.size() > kMaxTypeLength || type.find('\0') != std::string::npos) {
         continue;
       }
       if (browsers_.size() >= kMaxBrowsers) {
@@ -77,17 +69,17 @@ class BonjourBridge::Core : public DnsSdBackend::Listener {
       }
       // A type no DNS-SD implementation can browse is dropped quietly, so that a later "start"
       // with it tries again, harmlessly.
-      if (backend_ && !backend_->Browse(key)) {
-        g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "not a service type: %s", key.c_str());
+      if (backend_ && !backend_->Browse(type)) {
+        g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "not a service type: %s", type.c_str());
         continue;
       }
-      browsers_.emplace(key, type);
+      browsers_.insert(type);
     }
   }
 
   void Stop() {
     if (backend_) {
-      for (const auto& [key, type] : browsers_) backend_->StopBrowse(key);
+      for (const std::string& type : browsers_) backend_->StopBrowse(type);
     }
     browsers_.clear();
     table_.Clear();
@@ -107,9 +99,8 @@ class BonjourBridge::Core : public DnsSdBackend::Listener {
   }
 
   void OnResolved(const Sighting& sighting, const Endpoint& endpoint) override {
-    auto browse = browsers_.find(sighting.type);
-    if (browse == browsers_.end()) return;  // stopped meanwhile
-    ServiceTable::Outcome outcome = table_.Resolve(sighting, endpoint, browse->second);
+    if (browsers_.count(sighting.type) == 0) return;  // stopped meanwhile
+    ServiceTable::Outcome outcome = table_.Resolve(sighting, endpoint, sighting.type);
     if (outcome.change == ServiceTable::Change::kNone) return;
     g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "%s %s (%s) at %s port %lld",
           outcome.change == ServiceTable::Change::kFound ? "found" : "updated",
@@ -145,7 +136,7 @@ class BonjourBridge::Core : public DnsSdBackend::Listener {
 
   std::weak_ptr<Events> events_;
   std::unique_ptr<DnsSdBackend> backend_;
-  std::map<std::string, std::string> browsers_;  // canonical type -> type as the caller gave it
+  std::set<std::string> browsers_;  // types as the caller gave them
   ServiceTable table_;
   uint64_t generation_ = 0;
 };

@@ -2,9 +2,9 @@
 // network by DNS-SD, resolves them to a numeric address and port, and reports them on
 // "corvane/bonjour" (start, stop, list) and "corvane/bonjour_events" (found, lost).
 //
-// A service is keyed by instance name + type + domain (see ServiceTable). When a known service's
-// address set or port changes (another interface sees it, one stops seeing it), "found" is sent
-// again with the updated map; "lost" comes only when its last sighting is gone.
+// A service is keyed by instance name + type + domain (see ServiceTable): one "found" per
+// instance however many interfaces and protocols it is seen on, again only when its host or
+// port changes, and one "lost" when its last sighting is gone.
 #pragma once
 
 #include <cstddef>

@@ -52,9 +52,16 @@ std::string ServiceTable::KeyOf(const Sighting& s) {
 ResolvedService ServiceTable::Merge(const Entry& entry) {
   std::vector<const Seen*> order;
   for (const auto& s : entry.seen) order.push_back(&s);
-  std::stable_sort(order.begin(), order.end(), [](const Seen* a, const Seen* b) {
+  const ResolvedService& shown = entry.merged;
+  auto is_shown = [&shown](const Seen* s) {
+    const Endpoint& e = s->endpoint;
+    return (e.address.empty() ? e.host_name : e.address) == shown.host && e.port == shown.port;
+  };
+  std::stable_sort(order.begin(), order.end(), [&](const Seen* a, const Seen* b) {
     const int pa = Preference(a->endpoint), pb = Preference(b->endpoint);
-    return pa != pb ? pa < pb : a->order < b->order;
+    if (pa != pb) return pa < pb;
+    if (is_shown(a) != is_shown(b)) return is_shown(a);
+    return a->order < b->order;
   });
   ResolvedService out;
   out.name = entry.name;
@@ -63,13 +70,7 @@ ResolvedService ServiceTable::Merge(const Entry& entry) {
   const Endpoint& best = order.front()->endpoint;
   out.host = best.address.empty() ? best.host_name : best.address;
   out.port = best.port;
-  for (const Seen* s : order) {
-    const std::string& a = s->endpoint.address;
-    if (!a.empty() &&
-        std::find(out.addresses.begin(), out.addresses.end(), a) == out.addresses.end()) {
-      out.addresses.push_back(a);
-    }
-  }
+  if (!best.address.empty()) out.addresses.push_back(best.address);
   return out;
 }
 

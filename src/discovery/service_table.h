@@ -1,7 +1,8 @@
 // The services currently present, merged from their sightings. One service is one DNS-SD
 // instance, keyed by instance name + browse type + domain: the same instance announced on
-// several interfaces or over IPv4 and IPv6 is one service whose addresses are the union of its
-// sightings'. It is found with its first resolved sighting and lost with its last.
+// several interfaces or over IPv4 and IPv6 is one service, reported at the best address of its
+// sightings (IPv4 first: the UDP transport speaks IPv4), with "addresses" = [that address]. It
+// is found with its first resolved sighting and lost with its last.
 #pragma once
 
 #include <cstddef>
@@ -36,7 +37,7 @@ class ServiceTable {
   enum class Change {
     kNone,     // nothing a listener would see changed
     kFound,    // a new service
-    kUpdated,  // a known service's host, port or addresses changed
+    kUpdated,  // a known service's host or port changed
     kLost,     // its last sighting is gone
   };
   struct Outcome {
@@ -70,6 +71,8 @@ class ServiceTable {
   };
 
   static std::string KeyOf(const Sighting& s);
+  // The service as its sightings show it. Among equally good sightings the one already
+  // reported stays, so a sighting that comes or goes elsewhere changes nothing a listener sees.
   static ResolvedService Merge(const Entry& entry);
 
   std::map<std::string, Entry> services_;

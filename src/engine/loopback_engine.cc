@@ -18,10 +18,9 @@ void LoopbackEngine::Transmit(const std::string& channel, Bytes message, ReplyHa
   if (!on_reply) return;
   Bytes reply = responder_ ? responder_(received_.back()) : Bytes();
   // Replies from the engine arrive later, never inside the send.
-  dispatch::MainQueue().Async(
-      [on_reply = std::move(on_reply), reply = std::move(reply)]() mutable {
-        on_reply(std::move(reply));
-      });
+  dispatch::MainQueue().Async([on_reply = std::move(on_reply), reply = std::move(reply)]() mutable {
+    on_reply(std::move(reply));
+  });
 }
 
 }  // namespace corvane::engine

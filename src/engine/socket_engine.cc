@@ -9,22 +9,37 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <deque>
 #include <map>
 #include <set>
+#include <vector>
 
+#include "channel/event_channel.h"
+#include "channel/standard_codec.h"
 #include "dispatch/glib_source.h"
 #include "dispatch/queue.h"
+#include "engine/listener_table.h"
+#include "engine/output_queue.h"
+#include "engine/socket_path.h"
 #include "engine/wire.h"
 
 namespace corvane::engine {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr const char* kLogDomain = "corvane-engine";
 constexpr size_t kReadChunk = 256 * 1024;
+// Descriptors held back so that a client can be accepted even when the process has run out:
+// one is given up to accept, and the client is served.
+constexpr size_t kSpareDescriptors = 4;
+// With no spare left, accepting pauses this long instead of spinning on EMFILE.
+constexpr auto kAcceptPause = 1000ms;
+// A warning that repeats (a flood of refused clients, a descriptor shortage) is written at
+// most once per interval, with the count of those held back.
+constexpr gint64 kWarningIntervalUs = 10 * G_USEC_PER_SEC;
 
-std::string Errno(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
+std::string Errno(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 // A GSource watching one file descriptor, whose events can change (output interest comes and
 // goes with the write queue).
@@ -54,17 +69,46 @@ GSource* WatchFd(int fd, GIOCondition events, std::function<void(GIOCondition)> 
   return source;
 }
 
+// One warning of a kind per interval; the rest are counted and mentioned with the next.
+class ThrottledWarning {
+ public:
+  template <typename... Args>
+  void Log(const char* format, Args... args) {
+    const gint64 now = g_get_monotonic_time();
+    if (last_ != 0 && now - last_ < kWarningIntervalUs) {
+      ++held_back_;
+      return;
+    }
+    gchar* text = g_strdup_printf(format, args...);
+    if (held_back_ > 0) {
+      g_log(kLogDomain, G_LOG_LEVEL_WARNING, "%s (and %zu more like it)", text, held_back_);
+    } else {
+      g_log(kLogDomain, G_LOG_LEVEL_WARNING, "%s", text);
+    }
+    g_free(text);
+    last_ = now;
+    held_back_ = 0;
+  }
+
+ private:
+  gint64 last_ = 0;
+  size_t held_back_ = 0;
+};
+
+Bytes CancelCall() { return channel::EncodeMethodCall({"cancel", channel::Value()}); }
+
 }  // namespace
 
 struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   struct Client {
-    uint64_t serial = 0;
-    int fd = -1;
+    Client(uint64_t s, int f, size_t output_limit) : serial(s), fd(f), output(output_limit) {}
+    uint64_t serial;
+    int fd;
     GSource* watch = nullptr;
     FrameReader reader;
-    std::deque<Bytes> output;
-    size_t output_offset = 0;  // into output.front()
-    size_t output_bytes = 0;
+    OutputQueue output;
+    uint64_t frames_read = 0;
+    dispatch::WorkItem frame_deadline;  // pending while a frame is partly read
     bool closing = false;
   };
 
@@ -78,61 +122,114 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   SocketEngine* engine = nullptr;
   SocketEngineOptions options;
   std::string path;
+  SocketFileId socket_file;
   int listen_fd = -1;
   GSource* listen_watch = nullptr;
+  dispatch::WorkItem accept_pause;
+  std::vector<int> spares;
   uint64_t next_serial = 1;
   uint32_t next_message_id = 1;
   std::map<uint64_t, std::unique_ptr<Client>> clients;
   std::map<uint32_t, PendingCall> pending;
+  ListenerTable listeners;
+  ThrottledWarning refused_warning;
+  ThrottledWarning descriptor_warning;
+  ThrottledWarning client_warning;
 
   ~State() {
+    accept_pause.Cancel();
     dispatch::DestroySource(listen_watch);
     if (listen_fd >= 0) {
       close(listen_fd);
-      unlink(path.c_str());
+      RemoveSocketFileIfOurs(path, socket_file);
     }
+    for (int fd : spares) close(fd);
     for (auto& [serial, client] : clients) {
+      client->frame_deadline.Cancel();
       dispatch::DestroySource(client->watch);
       close(client->fd);
     }
+  }
+
+  // --- accepting ---------------------------------------------------------------------------
+
+  void WatchListener() {
+    std::weak_ptr<State> weak = weak_from_this();
+    listen_watch = WatchFd(listen_fd, G_IO_IN, [weak](GIOCondition) {
+      if (auto self = weak.lock()) self->Accept();
+    });
+  }
+
+  void RefillSpares() {
+    while (spares.size() < kSpareDescriptors) {
+      const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+      if (fd < 0) return;
+      spares.push_back(fd);
+    }
+  }
+
+  // Out of descriptors and nothing in reserve: the listening socket stays readable, so it is
+  // left unwatched for a moment rather than polled in a tight loop.
+  void PauseAccepting() {
+    dispatch::DestroySource(listen_watch);
+    std::weak_ptr<State> weak = weak_from_this();
+    accept_pause = dispatch::MainQueue().After(kAcceptPause, [weak] {
+      auto self = weak.lock();
+      if (!self) return;
+      self->RefillSpares();
+      self->WatchListener();
+      self->Accept();
+    });
   }
 
   void Accept() {
     for (;;) {
       const int fd = accept4(listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
       if (fd < 0) {
-        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-          g_log(kLogDomain, G_LOG_LEVEL_WARNING, "accept failed: %s", std::strerror(errno));
+        if (errno == EINTR) continue;
+        if (errno == EMFILE || errno == ENFILE) {
+          descriptor_warning.Log("accepting a client: %s", std::strerror(errno));
+          if (!spares.empty()) {
+            close(spares.back());
+            spares.pop_back();
+            continue;
+          }
+          PauseAccepting();
+          return;
+        }
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+          descriptor_warning.Log("accept failed: %s", std::strerror(errno));
         }
         return;
       }
-      struct ucred cred {};
-      socklen_t len = sizeof cred;
-      if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != geteuid()) {
-        g_log(kLogDomain, G_LOG_LEVEL_WARNING, "refused a client of another user (uid %u)",
-              static_cast<unsigned>(cred.uid));
-        close(fd);
-        continue;
-      }
-      if (clients.size() >= options.max_clients) {
-        g_log(kLogDomain, G_LOG_LEVEL_WARNING, "refused a client: already %zu connected",
-              clients.size());
-        close(fd);
-        continue;
-      }
-      auto client = std::make_unique<Client>();
-      client->serial = next_serial++;
-      client->fd = fd;
-      const uint64_t serial = client->serial;
-      std::weak_ptr<State> weak = weak_from_this();
-      client->watch = WatchFd(fd, GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR),
-                              [weak, serial](GIOCondition revents) {
-                                if (auto self = weak.lock()) self->OnClientIo(serial, revents);
-                              });
-      g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "client %llu connected (pid %d)",
-            static_cast<unsigned long long>(serial), static_cast<int>(cred.pid));
-      clients.emplace(serial, std::move(client));
+      Admit(fd);
     }
+  }
+
+  void Admit(int fd) {
+    struct ucred cred {};
+    socklen_t len = sizeof cred;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != geteuid()) {
+      refused_warning.Log("refused a client of another user (uid %u)",
+                          static_cast<unsigned>(cred.uid));
+      close(fd);
+      return;
+    }
+    if (clients.size() >= options.max_clients) {
+      client_warning.Log("refused a client: already %zu connected", clients.size());
+      close(fd);
+      return;
+    }
+    const uint64_t serial = next_serial++;
+    auto client = std::make_unique<Client>(serial, fd, options.max_pending_output);
+    std::weak_ptr<State> weak = weak_from_this();
+    client->watch = WatchFd(fd, GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR),
+                            [weak, serial](GIOCondition revents) {
+                              if (auto self = weak.lock()) self->OnClientIo(serial, revents);
+                            });
+    g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "client %llu connected (pid %d)",
+          static_cast<unsigned long long>(serial), static_cast<int>(cred.pid));
+    clients.emplace(serial, std::move(client));
   }
 
   Client* Find(uint64_t serial) {
@@ -140,11 +237,16 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     return it == clients.end() ? nullptr : it->second.get();
   }
 
+  // --- reading -----------------------------------------------------------------------------
+
   void OnClientIo(uint64_t serial, GIOCondition revents) {
     if (revents & G_IO_OUT) {
       if (Client* c = Find(serial)) Flush(*c);
     }
-    if (revents & (G_IO_IN | G_IO_HUP | G_IO_ERR)) Read(serial);
+    if (revents & (G_IO_IN | G_IO_HUP | G_IO_ERR)) {
+      Read(serial);
+      if (Client* c = Find(serial)) WatchPartialFrame(*c);
+    }
   }
 
   void Read(uint64_t serial) {
@@ -157,6 +259,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
         client->reader.Append(std::span<const uint8_t>(buffer, static_cast<size_t>(n)));
         // Handle frames as they complete; a handler may send to this client or close it.
         while (auto frame = client->reader.Next()) {
+          ++client->frames_read;
           HandleFrame(serial, std::move(*frame));
           client = Find(serial);
           if (!client) return;
@@ -181,20 +284,92 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     }
   }
 
+  // A frame that has begun must be complete within the frame time-out. The deadline runs from
+  // the start of the frame; completing frames counts as progress and starts it again.
+  void WatchPartialFrame(Client& client) {
+    if (client.reader.buffered() == 0) {
+      client.frame_deadline.Cancel();
+      return;
+    }
+    if (client.frame_deadline.pending()) return;
+    std::weak_ptr<State> weak = weak_from_this();
+    const uint64_t serial = client.serial;
+    const uint64_t frames_before = client.frames_read;
+    client.frame_deadline =
+        dispatch::MainQueue().After(options.frame_timeout, [weak, serial, frames_before] {
+          auto self = weak.lock();
+          if (!self) return;
+          Client* c = self->Find(serial);
+          if (!c || c->reader.buffered() == 0) return;
+          if (c->frames_read != frames_before) {
+            self->WatchPartialFrame(*c);
+            return;
+          }
+          self->client_warning.Log("closing client %llu: a frame stayed incomplete for %lld ms",
+                                   static_cast<unsigned long long>(serial),
+                                   static_cast<long long>(self->options.frame_timeout.count()));
+          self->Drop(serial);
+        });
+  }
+
   void HandleFrame(uint64_t serial, Frame frame) {
     if (frame.kind == FrameKind::kReply) {
       OnReply(serial, frame.id, std::move(frame.payload));
       return;
     }
+    switch (ListenerTable::Classify(frame.payload)) {
+      case ListenerTable::StreamCall::kListen:
+        return Answer(serial, frame, listeners.OnListen(frame.channel, serial), true);
+      case ListenerTable::StreamCall::kCancel:
+        return Answer(serial, frame, listeners.OnCancel(frame.channel, serial), false);
+      case ListenerTable::StreamCall::kNone:
+        return Forward(serial, std::move(frame), nullptr);
+    }
+  }
+
+  // A listen or cancel: the service hears it only when the table says so.
+  void Answer(uint64_t serial, Frame& frame, ListenerTable::Action action, bool listen) {
+    switch (action) {
+      case ListenerTable::Action::kForward: {
+        if (!listen) return Forward(serial, std::move(frame), nullptr);
+        std::weak_ptr<State> weak = weak_from_this();
+        std::string channel = frame.channel;
+        return Forward(serial, std::move(frame),
+                       [weak, serial, channel = std::move(channel)](const Bytes& reply) {
+                         auto self = weak.lock();
+                         if (!self) return;
+                         auto decoded = channel::DecodeEnvelope(reply);
+                         const bool accepted =
+                             decoded && decoded.value->kind == channel::MethodReply::Kind::kSuccess;
+                         self->listeners.ListenAnswered(channel, serial, accepted);
+                       });
+      }
+      case ListenerTable::Action::kAnswerSuccess:
+        return Reply(serial, frame.id, channel::EncodeSuccessEnvelope(channel::Value()));
+      case ListenerTable::Action::kAnswerNoStream:
+        return Reply(serial, frame.id,
+                     channel::EncodeErrorEnvelope({channel::kNoStreamErrorCode,
+                                                   channel::kNoStreamErrorMessage, channel::Value(),
+                                                   std::nullopt}));
+    }
+  }
+
+  void Reply(uint64_t serial, uint32_t id, const Bytes& payload) {
+    if (id == 0) return;  // the client wanted no reply
+    if (Client* c = Find(serial)) Queue(*c, EncodeReplyFrame(id, payload));
+  }
+
+  // Hands a client's message to the channel's handler; `inspect` sees the reply first.
+  void Forward(uint64_t serial, Frame frame, std::function<void(const Bytes&)> inspect) {
     const uint32_t id = frame.id;
     std::weak_ptr<State> weak = weak_from_this();
-    engine->Dispatch(frame.channel, std::move(frame.payload), [weak, serial, id](Bytes reply) {
-      if (id == 0) return;  // the client wanted no reply
-      auto self = weak.lock();
-      if (!self) return;
-      // The client may have gone while the call ran: the reply is simply dropped.
-      if (Client* c = self->Find(serial)) self->Queue(*c, EncodeReplyFrame(id, reply));
-    });
+    engine->Dispatch(frame.channel, std::move(frame.payload),
+                     [weak, serial, id, inspect = std::move(inspect)](Bytes reply) {
+                       if (inspect) inspect(reply);
+                       auto self = weak.lock();
+                       // The client may have gone while the call ran: the reply is dropped.
+                       if (self) self->Reply(serial, id, reply);
+                     });
   }
 
   void OnReply(uint64_t serial, uint32_t id, Bytes payload) {
@@ -217,38 +392,26 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     if (on_reply) on_reply(Bytes());
   }
 
-  void Queue(Client& client, Bytes frame) {
+  // --- writing -----------------------------------------------------------------------------
+
+  template <typename FrameBytes>
+  void Queue(Client& client, FrameBytes&& frame) {
     if (client.closing) return;
-    if (client.output_bytes + frame.size() > options.max_pending_output) {
-      g_log(kLogDomain, G_LOG_LEVEL_WARNING,
-            "closing client %llu: it is not reading (%zu bytes waiting)",
-            static_cast<unsigned long long>(client.serial), client.output_bytes);
+    const bool was_empty = client.output.empty();
+    if (!client.output.Push(std::forward<FrameBytes>(frame))) {
+      client_warning.Log("closing client %llu: it is not reading (%zu bytes waiting)",
+                         static_cast<unsigned long long>(client.serial), client.output.pending());
       DropLater(client);
       return;
     }
-    client.output_bytes += frame.size();
-    client.output.push_back(std::move(frame));
-    if (client.output.size() == 1) Flush(client);
+    if (was_empty) Flush(client);
   }
 
   void Flush(Client& client) {
-    while (!client.output.empty()) {
-      Bytes& front = client.output.front();
-      const ssize_t n = send(client.fd, front.data() + client.output_offset,
-                             front.size() - client.output_offset, MSG_NOSIGNAL);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) break;
-        // A broken pipe is noticed by the read side as well; stop writing here.
-        DropLater(client);
-        return;
-      }
-      client.output_offset += static_cast<size_t>(n);
-      client.output_bytes -= static_cast<size_t>(n);
-      if (client.output_offset == front.size()) {
-        client.output.pop_front();
-        client.output_offset = 0;
-      }
+    if (client.output.Flush(client.fd) == OutputQueue::FlushResult::kError) {
+      // A broken pipe is noticed by the read side as well; stop writing here.
+      DropLater(client);
+      return;
     }
     auto* s = reinterpret_cast<FdSource*>(client.watch);
     const GIOCondition base = GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR);
@@ -273,8 +436,10 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     if (it == clients.end()) return;
     std::unique_ptr<Client> client = std::move(it->second);
     clients.erase(it);
+    client->frame_deadline.Cancel();
     dispatch::DestroySource(client->watch);
     close(client->fd);
+    RefillSpares();
     g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "client %llu disconnected",
           static_cast<unsigned long long>(serial));
     // Calls to the engine that waited on this client no longer do.
@@ -287,6 +452,10 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
       if (p == pending.end()) continue;
       p->second.waiting_for.erase(serial);
       Settle(p);
+    }
+    // A stream whose last listener left is cancelled, as if that client had cancelled it.
+    for (const std::string& channel : listeners.RemoveClient(serial)) {
+      engine->Dispatch(channel, CancelCall(), [](Bytes) {});
     }
   }
 
@@ -306,14 +475,27 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
       for (auto& [serial, client] : clients) call.waiting_for.insert(serial);
       pending.emplace(id, std::move(call));
     }
-    Bytes frame = EncodeMessageFrame(id, channel, message);
+    // Events go to the listeners of their channel; everything else to every client.
     std::vector<uint64_t> serials;
-    for (auto& [serial, client] : clients) serials.push_back(serial);
+    const std::set<uint64_t>* listening = id == 0 ? listeners.Listeners(channel) : nullptr;
+    if (listening) {
+      serials.assign(listening->begin(), listening->end());
+    } else {
+      for (auto& [serial, client] : clients) serials.push_back(serial);
+    }
+    // An empty event is the end of the stream.
+    if (listening && message.empty()) listeners.EndOfStream(channel);
+    if (serials.empty()) return;
+    Bytes frame = EncodeMessageFrame(id, channel, message);
     for (size_t i = 0; i < serials.size(); ++i) {
       Client* c = Find(serials[i]);
       if (!c) continue;
-      // Each client needs its own copy, except the last, which takes the frame itself.
-      Queue(*c, i + 1 == serials.size() ? std::move(frame) : frame);
+      // Each client gets its own copy, except the last, which takes the frame itself.
+      if (i + 1 == serials.size()) {
+        Queue(*c, std::move(frame));
+      } else {
+        Queue(*c, std::span<const uint8_t>(frame));
+      }
     }
   }
 };
@@ -346,14 +528,26 @@ bool SocketEngine::Start(std::string* error) {
   }
   std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
 
-  // The folder is private to this user; one we create gets 0700, one that exists is left as is
-  // (the user chose it), but must be a folder.
-  const std::string dir = path.substr(0, path.find_last_of('/'));
-  if (!dir.empty()) {
-    if (g_mkdir_with_parents(dir.c_str(), 0700) != 0) {
-      *error = Errno(("cannot create " + dir).c_str());
+  const size_t slash = path.find_last_of('/');
+  const std::string dir = slash == std::string::npos ? "."
+                          : slash == 0               ? "/"
+                                                     : path.substr(0, slash);
+  const FolderRule rule =
+      state_->options.path.empty() ? FolderRule::kPrivate : FolderRule::kNotWritableByOthers;
+  if (!PrepareSocketFolder(dir, rule, error)) return false;
+
+  switch (InspectSocketPath(path)) {
+    case SocketPathState::kFree:
+      break;
+    case SocketPathState::kServed:
+      *error = "another host is already serving " + path;
       return false;
-    }
+    case SocketPathState::kNotASocket:
+      *error = path + " exists and is not a socket; not replacing it";
+      return false;
+    case SocketPathState::kStale:
+      unlink(path.c_str());  // left by a host that crashed
+      break;
   }
 
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -361,37 +555,25 @@ bool SocketEngine::Start(std::string* error) {
     *error = Errno("socket");
     return false;
   }
-  int rc = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  if (rc != 0 && errno == EADDRINUSE) {
-    // A socket file is there: another host, or a stale file from one that crashed.
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool alive = connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    close(probe);
-    if (alive) {
-      close(fd);
-      *error = "another host is already serving " + path;
-      return false;
-    }
-    unlink(path.c_str());
-    rc = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  }
-  if (rc != 0) {
-    *error = Errno(("bind " + path).c_str());
+  // The socket file takes its mode from the socket at bind time: 0600 from its first moment,
+  // and nothing is chmod-ed by name afterwards.
+  fchmod(fd, 0600);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    *error =
+        errno == EADDRINUSE ? "another host is already serving " + path : Errno("bind " + path);
     close(fd);
     return false;
   }
-  chmod(path.c_str(), 0600);
+  state_->socket_file = IdentifySocketFile(path);
   if (listen(fd, 16) != 0) {
     *error = Errno("listen");
     close(fd);
-    unlink(path.c_str());
+    RemoveSocketFileIfOurs(path, state_->socket_file);
     return false;
   }
   state_->listen_fd = fd;
-  std::weak_ptr<State> weak = state_;
-  state_->listen_watch = WatchFd(fd, G_IO_IN, [weak](GIOCondition) {
-    if (auto self = weak.lock()) self->Accept();
-  });
+  state_->RefillSpares();
+  state_->WatchListener();
   return true;
 }
 

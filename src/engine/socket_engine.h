@@ -1,8 +1,10 @@
-// The default engine connection: a Unix-domain socket that any number of clients (corvanectl,
-// tests, a Flutter shell) connect to. Messages from a client are answered to that client;
-// host-initiated messages go to every client. Runs on the main context.
+// The default engine connection: a Unix-domain socket that a bounded number of clients
+// (corvanectl, tests, a Flutter shell) connect to. Messages from a client are answered to that
+// client; events go to the clients listening on their channel; other host-initiated messages
+// go to every client. Runs on the main context.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -14,9 +16,12 @@ namespace corvane::engine {
 struct SocketEngineOptions {
   std::string path;  // empty: DefaultSocketPath()
   size_t max_clients = 32;
-  // A client that stops reading is closed once this much output waits for it, so events
-  // cannot pile up without bound.
-  size_t max_pending_output = 96u << 20;
+  // A client that stops reading is closed once what waits for it takes this much memory, so
+  // replies and events cannot pile up without bound. One frame of any size is always taken.
+  size_t max_pending_output = 16u << 20;
+  // A client that starts a frame and does not finish it within this time is closed, so a
+  // trickle cannot hold a buffer and a client slot for ever.
+  std::chrono::milliseconds frame_timeout{10000};
 };
 
 class SocketEngine : public Engine {
@@ -28,7 +33,9 @@ class SocketEngine : public Engine {
   static std::string DefaultSocketPath();
 
   // Creates the folder (0700 when it is new), binds the socket (0600) and starts accepting.
-  // Fails if another host already answers on the path; a stale socket file is replaced.
+  // The folder must be a real folder of this user: private (0700) for the default path, not
+  // writable by others for a path given in the options. Fails if another host answers on the
+  // path or something other than a socket is there; only a stale socket is replaced.
   bool Start(std::string* error);
 
   const std::string& path() const;

@@ -16,7 +16,8 @@ uint32_t GetU32(const uint8_t* p) {
 
 }  // namespace
 
-Bytes EncodeMessageFrame(uint32_t id, const std::string& channel, std::span<const uint8_t> payload) {
+Bytes EncodeMessageFrame(uint32_t id, const std::string& channel,
+                         std::span<const uint8_t> payload) {
   const size_t body = 1 + 4 + 2 + channel.size() + payload.size();
   Bytes out;
   out.reserve(kFrameHeaderSize + body);

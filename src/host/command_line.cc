@@ -85,7 +85,9 @@ std::string HelpText(const std::string& default_socket_path) {
          "\n"
          "Exit status:\n"
          "  0  normal end: the window was closed, or SIGINT or SIGTERM arrived\n"
-         "  1  the engine socket could not be started (e.g. another host serves it)\n"
+         "  1  the engine socket could not be started: another host serves it, its folder\n"
+         "     is a link, another user's, or open to others, or something other than a stale\n"
+         "     socket is at the path\n"
          "  2  bad command line, or the --info FILE is missing, unreadable or has no [Info]\n"
          "     group\n";
 }

@@ -17,9 +17,12 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -49,17 +52,59 @@ std::string HostText(const sockaddr_in& address) {
   return text;
 }
 
+// How many sockets the service may hold at once: well below the process's descriptor limit,
+// so that the engine socket and the other services always find descriptors. Past it, a new
+// flow or listener fails with a reason the caller sees in its "failed" event.
+class SocketBudget {
+ public:
+  SocketBudget() {
+    rlimit limit{};
+    rlim_t soft = getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 1024;
+    if (soft == RLIM_INFINITY || soft > kMostSockets * 2) soft = kMostSockets * 2;
+    // A quarter of the descriptors, and at least 32, stay with the rest of the process.
+    const rlim_t reserve = std::max<rlim_t>(32, soft / 4);
+    limit_ = soft > reserve ? static_cast<size_t>(soft - reserve) : 0;
+    limit_ = std::min(limit_, kMostSockets);
+  }
+
+  bool Take(std::string* error) {
+    size_t open = open_.load();
+    do {
+      if (open >= limit_) {
+        *error = "too many open sockets (the limit is " + std::to_string(limit_) + ")";
+        return false;
+      }
+    } while (!open_.compare_exchange_weak(open, open + 1));
+    return true;
+  }
+  void Give() { open_.fetch_sub(1); }
+
+ private:
+  static constexpr size_t kMostSockets = 4096;
+  std::atomic<size_t> open_{0};
+  size_t limit_ = 0;
+};
+
 // Every endpoint the service makes allows local-endpoint reuse (SO_REUSEADDR, not
-// SO_REUSEPORT): another socket can then share a port only if it allowed reuse as well.
-GSocket* NewUdpSocket(std::string* error) {
+// SO_REUSEPORT): another socket can then share a port only if it allowed reuse as well. The
+// socket counts against `budget` until it is finalized.
+GSocket* NewUdpSocket(const std::shared_ptr<SocketBudget>& budget, std::string* error) {
+  if (!budget->Take(error)) return nullptr;
   GError* gerror = nullptr;
   GSocket* socket =
       g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP, &gerror);
   if (!socket) {
+    budget->Give();
     *error = gerror->message;
     g_error_free(gerror);
     return nullptr;
   }
+  g_object_set_data_full(G_OBJECT(socket), "corvane-budget",
+                         new std::shared_ptr<SocketBudget>(budget), [](gpointer data) {
+                           auto* held = static_cast<std::shared_ptr<SocketBudget>*>(data);
+                           (*held)->Give();
+                           delete held;
+                         });
   g_socket_set_blocking(socket, FALSE);
   const int one = 1;
   setsockopt(g_socket_get_fd(socket), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
@@ -113,8 +158,9 @@ class FlowBase : public UdpFlow {
 // A flow to one host and port over a socket of its own.
 class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this<ConnectedFlow> {
  public:
-  ConnectedFlow(dispatch::SerialQueue& queue, std::string host, uint16_t port)
-      : FlowBase(queue), host_(std::move(host)), port_(port) {}
+  ConnectedFlow(dispatch::SerialQueue& queue, std::shared_ptr<SocketBudget> budget,
+                std::string host, uint16_t port)
+      : FlowBase(queue), budget_(std::move(budget)), host_(std::move(host)), port_(port) {}
   ~ConnectedFlow() override { Teardown(); }
 
   void Start() override {
@@ -200,7 +246,7 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
       return;
     }
     std::string error;
-    socket_ = NewUdpSocket(&error);
+    socket_ = NewUdpSocket(budget_, &error);
     if (!socket_) {
       Fail(error);
       return;
@@ -267,6 +313,7 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
     }
   }
 
+  std::shared_ptr<SocketBudget> budget_;
   std::string host_;
   uint16_t port_;
   Endpoint remote_;
@@ -464,15 +511,16 @@ void InboundFlow::Cancel() {
 
 class System final : public UdpNetwork {
  public:
-  explicit System(dispatch::SerialQueue& queue) : queue_(queue) {}
+  explicit System(dispatch::SerialQueue& queue)
+      : queue_(queue), budget_(std::make_shared<SocketBudget>()) {}
 
   std::shared_ptr<UdpFlow> Connect(const std::string& host, uint16_t port) override {
     if (host.empty()) return nullptr;
-    return std::make_shared<ConnectedFlow>(queue_, host, port);
+    return std::make_shared<ConnectedFlow>(queue_, budget_, host, port);
   }
 
   std::shared_ptr<UdpListener> Listen(uint16_t port, std::string* error) override {
-    GSocket* socket = NewUdpSocket(error);
+    GSocket* socket = NewUdpSocket(budget_, error);
     if (!socket) return nullptr;
     sockaddr_in local{};
     local.sin_family = AF_INET;
@@ -491,8 +539,13 @@ class System final : public UdpNetwork {
     target.sin_family = AF_INET;
     target.sin_port = htons(port);
     if (inet_pton(AF_INET, host.c_str(), &target.sin_addr) != 1) return;
+    std::string error;
+    if (!budget_->Take(&error)) return;
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
-    if (fd < 0) return;
+    if (fd < 0) {
+      budget_->Give();
+      return;
+    }
     const int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
@@ -500,10 +553,12 @@ class System final : public UdpNetwork {
     (void)sendto(fd, data.data(), data.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                  reinterpret_cast<const sockaddr*>(&target), sizeof target);
     close(fd);
+    budget_->Give();
   }
 
  private:
   dispatch::SerialQueue& queue_;
+  std::shared_ptr<SocketBudget> budget_;
 };
 
 }  // namespace

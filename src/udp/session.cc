@@ -9,7 +9,6 @@ namespace corvane::udp {
 namespace {
 
 constexpr const char* kLogDomain = "corvane-udp";
-constexpr size_t kMaxWaitingPerFlow = 64;
 
 using channel::Value;
 using channel::ValueMap;
@@ -24,9 +23,12 @@ ValueMap MakeEvent(const std::string& session_id, const char* type) {
 }  // namespace
 
 // A one-off flow of the outbound cache, with the datagrams that wait for it to become ready.
+// `flushed` is set when its "ready" was handled and the waiting datagrams left: a flow reports
+// itself ready before that handler runs, and a send in between must queue behind them.
 struct CachedFlow {
   std::shared_ptr<UdpFlow> flow;
   std::vector<Bytes> waiting;
+  bool flushed = false;
 };
 
 bool IsBroadcastHost(const std::string& host) {
@@ -83,9 +85,27 @@ void Session::OpenConnection(const std::string& host, uint16_t port) {
     send_event_(std::move(event));
     return;
   }
-  flow->SetStateHandler(FlowStates(flow, /*report_ready=*/true));
+  flow->SetStateHandler([weak = weak_from_this(), report = FlowStates(flow, /*report_ready=*/true)](
+                            FlowState state, const std::string& error) {
+    if (auto self = weak.lock()) self->OnConnectionState(state, error);
+    report(state, error);
+  });
   connection_ = flow;
   flow->Start();
+}
+
+void Session::OnConnectionState(FlowState state, const std::string& error) {
+  if (state == FlowState::kReady && connection_ && !closed_) {
+    connection_ready_ = true;
+    for (auto& datagram : waiting_sends_) connection_->Send(std::move(datagram), nullptr);
+    waiting_sends_.clear();
+  } else if ((state == FlowState::kFailed || state == FlowState::kCancelled) &&
+             !waiting_sends_.empty()) {
+    g_log(kLogDomain, G_LOG_LEVEL_INFO, "session %s: dropped %zu datagrams that waited for %s: %s",
+          id_.c_str(), waiting_sends_.size(), connection_host_.value_or("").c_str(),
+          state == FlowState::kFailed ? error.c_str() : "cancelled");
+    waiting_sends_.clear();
+  }
 }
 
 void Session::OpenListener(uint16_t port) {
@@ -141,7 +161,13 @@ void Session::Send(Bytes data, std::optional<std::string> host, std::optional<ui
   if (connection_) {
     const uint16_t to_port = port.value_or(connection_port_);
     if (!host) {
-      connection_->Send(std::move(data), nullptr);
+      if (connection_ready_) {
+        connection_->Send(std::move(data), nullptr);
+      } else if (connection_->state() == FlowState::kSetup ||
+                 connection_->state() == FlowState::kPreparing ||
+                 connection_->state() == FlowState::kReady) {
+        Wait(waiting_sends_, std::move(data));
+      }
     } else if (IsBroadcastHost(*host)) {
       env_.network.SendBroadcast(*host, to_port, data);
     } else {
@@ -167,12 +193,13 @@ void Session::SendCached(const std::string& host, uint16_t port, Bytes data) {
     if (it->first != key) continue;
     auto& cached = it->second;
     const FlowState state = cached->flow->state();
-    if (state == FlowState::kReady) {
+    if (state == FlowState::kReady && cached->flushed) {
       cached->flow->Send(std::move(data), nullptr);
       return;
     }
-    if (state == FlowState::kSetup || state == FlowState::kPreparing) {
-      if (cached->waiting.size() < kMaxWaitingPerFlow) cached->waiting.push_back(std::move(data));
+    if (state == FlowState::kSetup || state == FlowState::kPreparing ||
+        state == FlowState::kReady) {
+      Wait(cached->waiting, std::move(data));
       return;
     }
     cached->flow->SetStateHandler(nullptr);
@@ -193,20 +220,32 @@ void Session::SendCached(const std::string& host, uint16_t port, Bytes data) {
   // Only its cancellation is reported: a one-off flow that fails is simply replaced by the
   // next send, and must not read as the failure of the session.
   flow->SetStateHandler([weak = std::weak_ptr(cached), send = send_event_, id = id_,
-                         receiver = Receiver()](FlowState state, const std::string&) {
+                         receiver = Receiver()](FlowState state, const std::string& error) {
     auto cached = weak.lock();
     if (state == FlowState::kCancelled) send(MakeEvent(id, "cancelled"));
     if (!cached) return;
     if (state == FlowState::kReady) {
       for (auto& datagram : cached->waiting) cached->flow->Send(std::move(datagram), nullptr);
       cached->waiting.clear();
+      cached->flushed = true;
       cached->flow->Receive(receiver);
-    } else if (state == FlowState::kFailed) {
+    } else if (state == FlowState::kFailed && !cached->waiting.empty()) {
+      g_log(kLogDomain, G_LOG_LEVEL_INFO, "session %s: dropped %zu datagrams: %s", id.c_str(),
+            cached->waiting.size(), error.c_str());
       cached->waiting.clear();
     }
   });
   outbound_cache_.emplace_back(key, cached);
   flow->Start();
+}
+
+void Session::Wait(std::vector<Bytes>& waiting, Bytes data) {
+  if (waiting.size() < kMaxWaitingDatagrams) {
+    waiting.push_back(std::move(data));
+    return;
+  }
+  g_log(kLogDomain, G_LOG_LEVEL_INFO, "session %s: %zu datagrams already wait; dropped one",
+        id_.c_str(), waiting.size());
 }
 
 void Session::PurgeTombstones(double now) {
@@ -242,7 +281,8 @@ void Session::SendGuarded(GuardedRequest request, std::shared_ptr<GuardedReply> 
   datagram->StartTimer(env_.queue, std::chrono::milliseconds(request.timeout_ms));
   guarded_writes_[request.request_id] = datagram;
 
-  if (!request.host && connection_ && connection_->state() == FlowState::kReady) {
+  if (!request.host && connection_ && connection_ready_ &&
+      connection_->state() == FlowState::kReady) {
     datagram->WriteOn(connection_);
     return;
   }
@@ -275,6 +315,11 @@ void Session::Close() {
 
   if (connection_) connection_->Cancel();
   connection_.reset();
+  if (!waiting_sends_.empty()) {
+    g_log(kLogDomain, G_LOG_LEVEL_INFO, "session %s: closed with %zu datagrams unsent", id_.c_str(),
+          waiting_sends_.size());
+  }
+  waiting_sends_.clear();
   if (listener_) listener_->Cancel();
   listener_.reset();
   for (auto& peer : peers_) peer->Cancel();

@@ -25,6 +25,9 @@ inline constexpr size_t kMaxTombstones = 256;
 inline constexpr double kTombstoneSeconds = 31.0;
 inline constexpr size_t kMaxPeerFlows = 64;
 inline constexpr size_t kMaxOutboundFlows = 32;
+// Datagrams that wait for a flow to become ready (a host name still resolving); past it the
+// newest are dropped with a log line.
+inline constexpr size_t kMaxWaitingDatagrams = 64;
 
 struct CachedFlow;
 
@@ -62,8 +65,11 @@ class Session : public std::enable_shared_from_this<Session> {
   // The state handler of the session connection and the listener's flows.
   UdpFlow::StateHandler FlowStates(std::weak_ptr<UdpFlow> flow, bool report_ready);
   UdpFlow::ReceiveHandler Receiver() const;
+  void OnConnectionState(FlowState state, const std::string& error);
   void AdoptPeer(std::shared_ptr<UdpFlow> flow);
   void SendCached(const std::string& host, uint16_t port, Bytes data);
+  // Queues a datagram for a flow that is not ready yet, within kMaxWaitingDatagrams.
+  void Wait(std::vector<Bytes>& waiting, Bytes data);
   void PurgeTombstones(double now);
 
   std::string id_;
@@ -71,6 +77,10 @@ class Session : public std::enable_shared_from_this<Session> {
   SendEvent send_event_;
 
   std::shared_ptr<UdpFlow> connection_;
+  // Set once the connection's "ready" has been handled: until then sends wait in
+  // `waiting_sends_`, so none overtakes another or is lost to a flow still resolving.
+  bool connection_ready_ = false;
+  std::vector<Bytes> waiting_sends_;
   std::optional<std::string> connection_host_;
   uint16_t connection_port_ = 0;
   std::shared_ptr<UdpListener> listener_;

@@ -23,7 +23,11 @@ constexpr const char* kSendUsage = "send needs sessionId+data";
 constexpr const char* kSendPortUsage = "send needs a port 0-65535";
 
 constexpr size_t kMaxRequestIdLength = 200;  // characters
-constexpr size_t kMaxDatagram = 65507;       // the largest IPv4 UDP payload
+// Every event repeats its session id: an id longer than this counts as missing.
+constexpr size_t kMaxSessionIdLength = 200;  // characters
+// Sessions one bridge keeps; an "open" past it fails with an event.
+constexpr size_t kMaxSessions = 1024;
+constexpr size_t kMaxDatagram = 65507;  // the largest IPv4 UDP payload
 constexpr int64_t kMaxTimeoutMs = 30000;
 
 // Characters as code points: continuation bytes of UTF-8 do not count.
@@ -31,6 +35,12 @@ size_t CharacterCount(const std::string& text) {
   size_t count = 0;
   for (unsigned char c : text) count += (c & 0xC0) != 0x80;
   return count;
+}
+
+// The "sessionId" argument, or null when missing, mistyped or too long to be one.
+const std::string* SessionId(const Args& args) {
+  const std::string* id = args.string("sessionId");
+  return id && CharacterCount(*id) <= kMaxSessionIdLength ? id : nullptr;
 }
 
 }  // namespace
@@ -61,12 +71,21 @@ struct UdpBridge::State {
   }
 
   // Re-opening an id closes the old session first, so its "cancelled" events come before
-  // anything the new one reports.
-  Session& NewSession(const std::string& id) {
+  // anything the new one reports. Null, after a "failed" event, when the table is full.
+  Session* NewSession(const std::string& id) {
     CloseSession(id);
+    if (sessions.size() >= kMaxSessions) {
+      ValueMap event;
+      event.Append(Value("sessionId"), Value(id));
+      event.Append(Value("type"), Value("failed"));
+      event.Append(Value("error"),
+                   Value("too many sessions (" + std::to_string(kMaxSessions) + ")"));
+      send_event(std::move(event));
+      return nullptr;
+    }
     auto session =
         std::make_shared<Session>(id, Session::Environment{*network, queue, clock}, send_event);
-    return *(sessions[id] = std::move(session));
+    return (sessions[id] = std::move(session)).get();
   }
 
   void StartPermissionBrowser() {
@@ -167,7 +186,7 @@ void UdpBridge::Capabilities(std::unique_ptr<MethodResult> result) {
 
 void UdpBridge::OpenSession(const Value& arguments, std::unique_ptr<MethodResult> result) {
   Args args(arguments);
-  const std::string* id = args.string("sessionId");
+  const std::string* id = SessionId(args);
   const auto port = args.int_in("port", 0, 65535);
   if (!id || !port) return result->Error(kBadArgs, kOpenUsage);
   std::optional<std::string> host;
@@ -177,29 +196,30 @@ void UdpBridge::OpenSession(const Value& arguments, std::unique_ptr<MethodResult
   (void)args.boolean("broadcast");
   result->Success(Value(true));
   OnQueue([id = *id, port = static_cast<uint16_t>(*port), host = std::move(host)](State& state) {
-    Session& session = state.NewSession(id);
+    Session* session = state.NewSession(id);
+    if (!session) return;
     if (host) {
-      session.OpenConnection(*host, port);
+      session->OpenConnection(*host, port);
     } else {
-      session.OpenListener(port);
+      session->OpenListener(port);
     }
   });
 }
 
 void UdpBridge::OpenListener(const Value& arguments, std::unique_ptr<MethodResult> result) {
   Args args(arguments);
-  const std::string* id = args.string("sessionId");
+  const std::string* id = SessionId(args);
   const auto port = args.int_in("port", 0, 65535);
   if (!id || !port) return result->Error(kBadArgs, kListenerUsage);
   result->Success(Value(true));
   OnQueue([id = *id, port = static_cast<uint16_t>(*port)](State& state) {
-    state.NewSession(id).OpenListener(port);
+    if (Session* session = state.NewSession(id)) session->OpenListener(port);
   });
 }
 
 void UdpBridge::Send(const Value& arguments, std::unique_ptr<MethodResult> result) {
   Args args(arguments);
-  const std::string* id = args.string("sessionId");
+  const std::string* id = SessionId(args);
   const channel::Bytes* data = args.bytes("data");
   if (!id || !data) return result->Error(kBadArgs, kSendUsage);
   std::optional<uint16_t> port;
@@ -223,7 +243,7 @@ void UdpBridge::SendGuarded(const Value& arguments, std::unique_ptr<MethodResult
   auto reply = std::make_shared<GuardedReply>(std::move(result), request.request_id);
   auto reject = [&reply] { reply->Answer(status::kRejected, false); };
 
-  const std::string* session_id = args.string("sessionId");
+  const std::string* session_id = SessionId(args);
   if (!session_id) return reject();
   request.session_id = *session_id;
   if (request.request_id.empty() || CharacterCount(request.request_id) > kMaxRequestIdLength) {
@@ -259,6 +279,10 @@ void UdpBridge::CancelSend(const Value& arguments, std::unique_ptr<MethodResult>
   const std::string* request_id = args.string("requestId");
   if (!id || !request_id) return result->Success(Value(false));
   result->Success(Value(true));
+  // An id that "sendGuarded" would reject can never be matched: no tombstone is kept for it.
+  const size_t length = CharacterCount(*request_id);
+  if (length == 0 || length > kMaxRequestIdLength) return;
+  if (CharacterCount(*id) > kMaxSessionIdLength) return;
   OnQueue([id = *id, request_id = *request_id](State& state) {
     if (Session* session = state.Find(id)) session->CancelGuarded(request_id);
   });

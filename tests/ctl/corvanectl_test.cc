@@ -2,10 +2,17 @@
 // main loop runs while the client does.
 #include <gio/gio.h>
 #include <gio/gunixsocketaddress.h>
+#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -216,6 +223,53 @@ TEST_F(CorvanectlTest, ConnectionFailuresExitThree) {
   g_object_unref(rude);
   EXPECT_EQ(r.code, 3);
   EXPECT_NE(r.err.find("closed the connection"), std::string::npos) << r.err;
+}
+
+// A socket at the path proves nothing about who serves it: a server of another user is
+// refused before anything is sent to it.
+TEST_F(CorvanectlTest, AHostOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to serve as another user";
+  const std::string folder = dir_ / "shared";
+  g_mkdir(folder.c_str(), 0777);
+  chmod(folder.c_str(), 0777);
+  chmod(dir_.path().c_str(), 0755);
+  const std::string path = folder + "/engine.sock";
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  // Only system calls after fork: this process has threads.
+  const pid_t impostor = fork();
+  if (impostor == 0) {
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(10);
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 4) != 0) {
+      _exit(11);
+    }
+    (void)!write(ready[1], "r", 1);
+    for (;;) {
+      const int client = accept(fd, nullptr, nullptr);
+      char byte;
+      if (client >= 0 && read(client, &byte, 1) > 0) _exit(12);  // it was sent something
+    }
+  }
+  close(ready[1]);
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1) << "the impostor did not start";
+  close(ready[0]);
+  testing::Outcome r = RunCtl({"--socket", path, "call", "test/methods", "echo"});
+  int status = 0;
+  const bool ended = waitpid(impostor, &status, WNOHANG) == impostor;
+  kill(impostor, SIGKILL);
+  waitpid(impostor, &status, 0);
+  EXPECT_FALSE(ended) << "the impostor was sent a message";
+  EXPECT_EQ(r.code, 3);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("refusing the host at " + path + ": it runs as uid 65534"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
 }
 
 TEST(CorvanectlCodec, EncodesAndDecodesKnownBytes) {

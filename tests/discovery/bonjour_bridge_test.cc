@@ -24,7 +24,7 @@ struct TestBackend : DnsSdBackend {
 };
 
 Sighting At(const std::string& name, int32_t interface, int32_t protocol = 0) {
-  return Sighting{"_z21._udp", name, "local", interface, protocol};
+  return Sighting{"_z21._udp.", name, "local", interface, protocol};
 }
 
 Event Z21(const char* kind, const std::string& name, const std::string& host,
@@ -64,9 +64,10 @@ class BonjourBridgeTest : public ::testing::Test {
 };
 
 TEST_F(BonjourBridgeTest, StartBrowsesGivenTypesOnceAndMalformedTypesMeanTheSevenDefaults) {
-  const std::vector<std::string> defaults = {"_z21._udp",   "_z21._tcp",     "_ecos._tcp",
-                                             "_dccex._tcp", "_corvane._tcp", "_corvane._udp",
-                                             "_http._tcp"};
+  const std::vector<std::string>& defaults = BonjourBridge::DefaultTypes();
+  EXPECT_EQ(defaults,
+            (std::vector<std::string>{"_z21._udp.", "_z21._tcp.", "_ecos._tcp.", "_dccex._tcp.",
+                                      "_corvane._tcp.", "_corvane._udp.", "_http._tcp."}));
   const Value malformed[] = {Value(), Value("_z21._udp."), Value(ValueMap{}),
                              TypesArg(Value("_z21._udp.")),
                              TypesArg(Value(ValueList{Value("_z21._udp."), Value(int32_t{5})}))};
@@ -78,11 +79,28 @@ TEST_F(BonjourBridgeTest, StartBrowsesGivenTypesOnceAndMalformedTypesMeanTheSeve
               std::set<std::string>(defaults.begin(), defaults.end()));
   }
 
-  // DNS names are case-insensitive and the final dot is optional; an empty list is no types.
-  EXPECT_EQ(client_.Call("start", Types({"_z21._udp.", "_ecos._tcp."})).value, Value(true));
-  EXPECT_EQ(client_.Call("start", Types({"_Z21._UDP", "_ecos._tcp."})).value, Value(true));
+  // Browsers are keyed by the string: another spelling is another browser, the same string
+  // is browsed once; an empty list is no types.
+  EXPECT_EQ(client_.Call("start", Types({"_z21._tcp.", "_z21._tcp", "_z21._tcp."})).value,
+            Value(true));
+  EXPECT_EQ(client_.Call("start", Types({"_Z21._TCP", "_z21._tcp"})).value, Value(true));
   EXPECT_EQ(client_.Call("start", Types({})).value, Value(true));
-  EXPECT_EQ(TakeBrowsed(), (std::vector<std::string>{"_z21._udp", "_ecos._tcp"}));
+  EXPECT_EQ(TakeBrowsed(), (std::vector<std::string>{"_z21._tcp.", "_z21._tcp", "_Z21._TCP"}));
+}
+
+// Each spelling's browser reports the services it finds under its own string.
+TEST_F(BonjourBridgeTest, EachSpellingReportsUnderItsOwnType) {
+  ASSERT_EQ(client_.Listen().kind, MethodReply::Kind::kSuccess);
+  ASSERT_EQ(client_.Call("start", Types({"_z21._tcp.", "_z21._tcp"})).value, Value(true));
+  for (const char* type : {"_z21._tcp.", "_z21._tcp"}) {
+    Resolve(Sighting{type, "Z", "local", 2, 0}, Endpoint{"10.0.0.5", 21105, ""});
+  }
+  Sync();
+  const std::vector<Event> both = {
+      Event{"found", "Z", "_z21._tcp.", "10.0.0.5", 21105, {"10.0.0.5"}},
+      Event{"found", "Z", "_z21._tcp", "10.0.0.5", 21105, {"10.0.0.5"}}};
+  EXPECT_EQ(client_.Events(), both);
+  EXPECT_EQ(client_.List(), both);
 }
 
 TEST_F(BonjourBridgeTest, BrowseTypesAreBoundedAndNonNamesSkipped) {
@@ -96,27 +114,45 @@ TEST_F(BonjourBridgeTest, BrowseTypesAreBoundedAndNonNamesSkipped) {
   EXPECT_EQ(browsed.front(), "_t0._udp");
 }
 
-// One instance seen on two interfaces is one service; each change of its addresses is "found"
-// again, and it is lost with its last sighting.
-TEST_F(BonjourBridgeTest, FoundAgainWhenTheAddressesChangeAndLostWithTheLastSighting) {
+// One instance seen on several interfaces and protocols is one service at one numeric host:
+// "found" once, again only when its host or port changes, and "lost" once, with its last
+// sighting.
+TEST_F(BonjourBridgeTest, FoundOncePerHostAndPortAndLostWithTheLastSighting) {
   ASSERT_EQ(client_.Listen().kind, MethodReply::Kind::kSuccess);
   StartZ21();
-  Resolve(At("Z21", 3, 1), Endpoint{"fe80::1%eth1", 21105, "z21.local"});
+  // As the backend resolves them: every sighting of an instance with an IPv4 address at one,
+  // here each interface's own.
+  Resolve(At("Z21", 2, 1), Endpoint{"10.0.0.5", 21105, "z21.local"});
   Resolve(At("Z21", 2, 0), Endpoint{"10.0.0.5", 21105, "z21.local"});
+  Resolve(At("Z21", 1, 0), Endpoint{"10.0.1.5", 21105, "z21.local"});
   Resolve(At("Z21", 2, 0), Endpoint{"10.0.0.5", 21105, "z21.local"});  // no change
   Sync();
-  const Event v6 = Z21("found", "Z21", "fe80::1%eth1", {"fe80::1%eth1"});
-  const Event both = Z21("found", "Z21", "10.0.0.5", {"10.0.0.5", "fe80::1%eth1"});
-  EXPECT_EQ(client_.Events(), (std::vector<Event>{v6, both}));
-  EXPECT_EQ(client_.List(), std::vector<Event>{both});
+  const Event v4 = Z21("found", "Z21", "10.0.0.5", {"10.0.0.5"});
+  EXPECT_EQ(client_.Events(), std::vector<Event>{v4});
+  EXPECT_EQ(client_.List(), std::vector<Event>{v4});
 
-  Remove(At("Z21", 2, 0));
-  Remove(At("Z21", 3, 1));
-  Remove(At("Z21", 3, 1));  // already gone
+  // A port that really changes is news, once; an instance with only IPv6 is found at that
+  // address.
+  for (auto [interface, protocol] : {std::pair{2, 1}, {2, 0}}) {
+    Resolve(At("Z21", interface, protocol), Endpoint{"10.0.0.5", 21106, "z21.local"});
+  }
+  Resolve(At("Z21", 1, 0), Endpoint{"10.0.1.5", 21106, "z21.local"});
+  Resolve(At("V6", 3, 1), Endpoint{"fe80::1%eth1", 21105, "v6.local"});
   Sync();
-  const Event lost = Z21("lost", "Z21", "fe80::1%eth1", {"fe80::1%eth1"});
-  EXPECT_EQ(client_.Events(), (std::vector<Event>{v6, both, v6, lost}));
-  EXPECT_TRUE(client_.List().empty());
+  Event moved = v4;
+  moved.port = 21106;
+  const Event v6 = Z21("found", "V6", "fe80::1%eth1", {"fe80::1%eth1"});
+  EXPECT_EQ(client_.Events(), (std::vector<Event>{v4, moved, v6}));
+
+  Remove(At("Z21", 1, 0));
+  Remove(At("Z21", 2, 1));
+  Remove(At("Z21", 2, 0));
+  Remove(At("Z21", 2, 0));  // already gone
+  Sync();
+  Event lost = moved;
+  lost.kind = "lost";
+  EXPECT_EQ(client_.Events(), (std::vector<Event>{v4, moved, v6, lost}));
+  EXPECT_EQ(client_.List(), std::vector<Event>{v6});
 }
 
 TEST_F(BonjourBridgeTest, ALateListenerGetsEachServiceOnceCancelOnlySilencesAndStopForgets) {
@@ -129,7 +165,7 @@ TEST_F(BonjourBridgeTest, ALateListenerGetsEachServiceOnceCancelOnlySilencesAndS
 
   ASSERT_EQ(client_.Listen().kind, MethodReply::Kind::kSuccess);
   Sync();
-  const Event b = Z21("found", "B", "10.0.0.2", {"10.0.0.2", "10.0.1.2"});
+  const Event b = Z21("found", "B", "10.0.0.2", {"10.0.0.2"});
   EXPECT_EQ(client_.Events(), (std::vector<Event>{Z21("found", "A", "10.0.0.1", {"10.0.0.1"}), b}));
 
   ASSERT_EQ(client_.Cancel().kind, MethodReply::Kind::kSuccess);

@@ -13,11 +13,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "channel/event_channel.h"
 #include "channel/method_channel.h"
 #include "dispatch/queue.h"
+#include "engine/socket_path.h"
 #include "support/wire_client.h"
 
 namespace corvane::engine {
@@ -67,7 +69,9 @@ class SocketEngineTest : public ::testing::Test {
   }
 
   // Lets the engine accept and read what is pending.
-  void Turn(std::chrono::milliseconds t = 30ms) { dispatch::RunMainUntil([] { return false; }, t); }
+  void Turn(std::chrono::milliseconds t = 30ms) {
+    dispatch::RunMainUntil([] { return false; }, t);
+  }
 
   static MethodReply Decode(const std::optional<Bytes>& bytes) {
     EXPECT_TRUE(bytes.has_value());
@@ -111,7 +115,7 @@ TEST_F(SocketEngineTest, StaleSocketFileIsReplaced) {
   EXPECT_EQ(Decode(client->WaitReply(1, 5000, true)).value, Value("hi"));
 }
 
-TEST_F(SocketEngineTest, EachClientGetsItsOwnRepliesAndEveryClientGetsEvents) {
+TEST_F(SocketEngineTest, EachClientGetsItsOwnRepliesAndEveryClientGetsHostMessages) {
   Start();
   auto a = Connect();
   auto b = Connect();
@@ -126,6 +130,7 @@ TEST_F(SocketEngineTest, EachClientGetsItsOwnRepliesAndEveryClientGetsEvents) {
   ASSERT_TRUE(empty);
   EXPECT_TRUE(empty->empty()) << "no handler: the empty reply";
 
+  // Nobody listens on the channel: it is not known as an event channel, so all get it.
   engine_->Send("test/events", channel::EncodeSuccessEnvelope(Value("tick")));
   for (WireClient* c : {a.get(), b.get()}) {
     auto frame = c->Receive(5000, true);
@@ -272,6 +277,196 @@ TEST_F(SocketEngineTest, ClientOfAnotherUserIsRefused) {
   dispatch::RunMainUntil([&] { return waitpid(child, &status, WNOHANG) == child; }, 10s);
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0) << "10: setuid, 11: connect, 12: got a reply, 13: kept open";
+}
+
+// The service behind an event channel holds one sink: it must see the first listen and the
+// last cancel, and its events must reach exactly the clients that listen.
+TEST_F(SocketEngineTest, EventsReachTheClientsThatListenAndTheServiceSeesFirstAndLast) {
+  Start();
+  int listens = 0, cancels = 0;
+  std::unique_ptr<channel::EventSink> sink;
+  channel::EventChannel events(*engine_, "test/stream");
+  events.SetStreamHandler(std::make_unique<channel::FunctionStreamHandler>(
+      [&](const Value&, std::unique_ptr<channel::EventSink> s) {
+        ++listens;
+        sink = std::move(s);
+        sink->Success(Value("hello"));  // from inside the handler, before the listen reply
+        return std::optional<channel::MethodError>();
+      },
+      [&](const Value&) {
+        ++cancels;
+        sink.reset();
+        return std::optional<channel::MethodError>();
+      }));
+  auto a = Connect(), b = Connect(), c = Connect();
+  Turn();
+  // Reads frames until the reply to `id`, collecting the events on the way.
+  auto call = [&](WireClient& client, uint32_t id, const char* method, std::vector<Value>* seen) {
+    EXPECT_TRUE(client.SendCall(id, "test/stream", method));
+    for (;;) {
+      auto frame = client.Receive(5000, true);
+      if (!frame) return MethodReply();
+      if (frame->kind == FrameKind::kReply && frame->id == id) return Decode(frame->payload);
+      if (seen) seen->push_back(Decode(frame->payload).value);
+    }
+  };
+  // What each client has been sent within a moment.
+  auto drain = [&](WireClient& client) {
+    std::vector<Value> got;
+    while (auto frame = client.Receive(100, true)) got.push_back(Decode(frame->payload).value);
+    return got;
+  };
+
+  std::vector<Value> early;
+  EXPECT_EQ(call(*a, 1, "listen", &early).kind, MethodReply::Kind::kSuccess);
+  EXPECT_EQ(early, std::vector<Value>{Value("hello")});
+  EXPECT_EQ(call(*b, 1, "listen", nullptr).kind, MethodReply::Kind::kSuccess);
+  EXPECT_EQ(listens, 1) << "the second listener is not the service's business";
+
+  // c never listened: its cancel is answered as the service would, and changes nothing.
+  MethodReply refused = call(*c, 1, "cancel", nullptr);
+  EXPECT_EQ(refused.kind, MethodReply::Kind::kError);
+  EXPECT_EQ(refused.error.message, channel::kNoStreamErrorMessage);
+
+  ASSERT_TRUE(sink);
+  sink->Success(Value("one"));
+  EXPECT_EQ(drain(*a), std::vector<Value>{Value("one")});
+  EXPECT_EQ(drain(*b), std::vector<Value>{Value("one")});
+  EXPECT_TRUE(drain(*c).empty()) << "an event reached a client that does not listen";
+
+  // b cancels: a keeps its stream.
+  EXPECT_EQ(call(*b, 2, "cancel", nullptr).kind, MethodReply::Kind::kSuccess);
+  EXPECT_EQ(cancels, 0);
+  sink->Success(Value("two"));
+  EXPECT_EQ(drain(*a), std::vector<Value>{Value("two")});
+  EXPECT_TRUE(drain(*b).empty());
+
+  // Host calls that are not events still go to every client.
+  engine_->Send("test/stream", channel::EncodeSuccessEnvelope(Value("ask")), [](Bytes) {});
+  for (WireClient* client : {a.get(), b.get(), c.get()}) {
+    auto frame = client->Receive(5000, true);
+    ASSERT_TRUE(frame);
+    EXPECT_NE(frame->id, 0u);
+    client->SendRaw(EncodeReplyFrame(frame->id, {}));
+  }
+
+  // The last listener leaving without a word cancels the service's stream.
+  a.reset();
+  dispatch::RunMainUntil([&] { return cancels == 1; }, 5s);
+  EXPECT_EQ(cancels, 1);
+  EXPECT_FALSE(sink);
+  EXPECT_EQ(call(*b, 3, "listen", nullptr).kind, MethodReply::Kind::kSuccess);
+  EXPECT_EQ(listens, 2);
+}
+
+// A frame must arrive whole within the frame time-out; a slow but complete one is served.
+TEST_F(SocketEngineTest, AFrameThatNeverCompletesClosesItsClient) {
+  Start({.frame_timeout = 300ms});
+  auto trickle = Connect();
+  auto slow = Connect();
+  Bytes frame = EncodeMessageFrame(1, "test/echo", channel::EncodeMethodCall({"x", Value(1)}));
+  const Bytes head(frame.begin(), frame.begin() + 6);
+  const Bytes tail(frame.begin() + 6, frame.end());
+  // Announces 32 MiB and sends a little of it.
+  ASSERT_TRUE(trickle->SendRaw(Bytes{0x00, 0x00, 0x00, 0x02, 0x01, 0x01, 0x00, 0x00, 0x00}));
+  ASSERT_TRUE(slow->SendRaw(head));
+  Turn(150ms);
+  ASSERT_TRUE(slow->SendRaw(tail));
+  EXPECT_EQ(Decode(slow->WaitReply(1, 5000, true)).value, Value(1));
+  EXPECT_FALSE(trickle->Receive(5000, true));
+  EXPECT_TRUE(trickle->closed()) << "an incomplete frame held its client open";
+  EXPECT_EQ(engine_->client_count(), 1u);
+}
+
+// Where the socket may be served: never through a link, never in another user's folder or one
+// others can write into, and only a stale socket is ever replaced.
+TEST_F(SocketEngineTest, SocketFolderAndPathAreChecked) {
+  const std::string dir = root_ + "/run";
+  const std::string target = root_ + "/elsewhere";
+  std::filesystem::create_directories(target);
+  chmod(target.c_str(), 0700);
+  const struct {
+    const char* name;
+    std::function<void()> prepare;
+    bool root_only;
+    const char* complaint;  // empty: served
+  } cases[] = {
+      {"new folder", [] {}, false, ""},
+      {"link to a private folder", [&] { std::filesystem::create_directory_symlink(target, dir); },
+       false, "symbolic link"},
+      {"folder others may write into",
+       [&] {
+         std::filesystem::create_directories(dir);
+         chmod(dir.c_str(), 0777);
+       },
+       false, "others may write"},
+      {"folder readable by others",
+       [&] {
+         std::filesystem::create_directories(dir);
+         chmod(dir.c_str(), 0755);
+       },
+       false, ""},
+      {"folder of another user",
+       [&] {
+         std::filesystem::create_directories(dir);
+         chmod(dir.c_str(), 0700);
+         EXPECT_EQ(chown(dir.c_str(), 65534, 65534), 0);
+       },
+       true, "belongs to uid 65534"},
+      {"regular file at the socket path",
+       [&] {
+         std::filesystem::create_directories(dir);
+         chmod(dir.c_str(), 0700);
+         std::ofstream(path_) << "notes";
+       },
+       false, "is not a socket"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.root_only && geteuid() != 0) continue;
+    std::filesystem::remove_all(dir);
+    c.prepare();
+    const mode_t old_umask = umask(0);  // the socket's mode must not depend on it
+    SocketEngine engine({.path = path_});
+    std::string error;
+    const bool served = engine.Start(&error);
+    umask(old_umask);
+    if (*c.complaint == 0) {
+      EXPECT_TRUE(served) << error;
+      struct stat st {};
+      ASSERT_EQ(lstat(path_.c_str(), &st), 0);
+      EXPECT_TRUE(S_ISSOCK(st.st_mode));
+      EXPECT_EQ(st.st_mode & 0777, 0600u);
+      continue;
+    }
+    EXPECT_FALSE(served);
+    EXPECT_NE(error.find(c.complaint), std::string::npos) << error;
+    EXPECT_EQ(error.find('\n'), std::string::npos) << "one line";
+    EXPECT_FALSE(std::filesystem::exists(target + "/engine.sock"));
+  }
+  std::ifstream notes(path_);
+  std::string kept((std::istreambuf_iterator<char>(notes)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(kept, "notes") << "a file that is not a socket was touched";
+
+  // The host's own folder must be private.
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  chmod(dir.c_str(), 0755);
+  std::string error;
+  EXPECT_FALSE(PrepareSocketFolder(dir, FolderRule::kPrivate, &error));
+  EXPECT_NE(error.find(dir), std::string::npos) << error;
+  chmod(dir.c_str(), 0700);
+  EXPECT_TRUE(PrepareSocketFolder(dir, FolderRule::kPrivate, &error)) << error;
+}
+
+// A socket put in place of ours after we bound is not removed by us at exit.
+TEST_F(SocketEngineTest, OnlyItsOwnSocketIsRemovedAtExit) {
+  Start();
+  echo_.reset();
+  std::filesystem::remove(path_);
+  std::ofstream(path_) << "someone else's";
+  engine_.reset();
+  EXPECT_TRUE(std::filesystem::exists(path_));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -138,6 +139,50 @@ TEST_F(HostBinaryTest, ServesAPrivateSocketUntilStoppedAndHasItToItself) {
     EXPECT_EQ(StopWith(host, c.stop), 0);
     EXPECT_EQ(ModeOf(c.socket), 0u) << "socket left behind";
   }
+}
+
+// Without XDG_RUNTIME_DIR the socket folder is /tmp/corvane-UID, a name anyone can take first.
+// Each case runs in a private mount namespace with its own /tmp, so no real /tmp is touched.
+TEST_F(HostBinaryTest, AFallbackFolderThatIsNotPrivatelyOursIsRefused) {
+  if (geteuid() != 0 || !g_find_program_in_path("unshare")) GTEST_SKIP() << "needs root";
+  if (RunToEnd({"--print-registrations"}).code != 0) GTEST_SKIP() << "host does not run";
+  const std::string folder = "/tmp/corvane-" + std::to_string(geteuid());
+  const struct {
+    std::string setup;  // shell, run in the private /tmp before the host starts
+    std::string complaint;
+  } cases[] = {
+      {"mkdir -m 0700 " + folder + " && chown 65534:65534 " + folder, "it belongs to uid 65534"},
+      {"mkdir -m 0700 " + folder + " && chmod 0777 " + folder, "its mode is 0777, not 0700"},
+      {"mkdir -m 0700 /tmp/elsewhere && ln -s /tmp/elsewhere " + folder, "it is a symbolic link"},
+  };
+  for (const auto& c : cases) {
+    GSubprocessLauncher* launcher = g_subprocess_launcher_new(testing::kAllPipes);
+    g_subprocess_launcher_unsetenv(launcher, "XDG_RUNTIME_DIR");
+    g_subprocess_launcher_unsetenv(launcher, "DISPLAY");
+    const std::string script = "mount -t tmpfs tmpfs /tmp && " + c.setup + " && exec " +
+                               CORVANE_HOST_BINARY + " --headless";
+    Outcome outcome = testing::Finish(testing::Spawn(
+        launcher, {"unshare", "-m", "--propagation", "private", "sh", "-c", script}));
+    EXPECT_EQ(outcome.code, 1) << c.setup << ": " << outcome.err;
+    EXPECT_NE(outcome.err.find("refusing the socket folder " + folder + ": " + c.complaint),
+              std::string::npos)
+        << outcome.err;
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
+    EXPECT_EQ(outcome.out, "");
+  }
+}
+
+TEST_F(HostBinaryTest, AFileAtTheSocketPathIsNeverReplaced) {
+  const std::string notes = dir_ / "notes.txt";
+  g_file_set_contents(notes.c_str(), "mine", -1, nullptr);
+  Outcome outcome = RunToEnd({"--headless", "--engine-socket", notes});
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_NE(outcome.err.find(notes + " exists and is not a socket"), std::string::npos)
+      << outcome.err;
+  gchar* kept = nullptr;
+  ASSERT_TRUE(g_file_get_contents(notes.c_str(), &kept, nullptr, nullptr));
+  EXPECT_STREQ(kept, "mine");
+  g_free(kept);
 }
 
 TEST_F(HostBinaryTest, BadCommandLinesAndInfoFilesExitWithTwo) {

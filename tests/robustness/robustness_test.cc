@@ -3,6 +3,8 @@
 // CORVANE_ROBUSTNESS_SEED replays a run; CORVANE_ROBUSTNESS_CALLS changes its length.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,9 +68,15 @@ RandomCalls RandomCallsFor(uint64_t seed) {
 
 class HostProcess {
  public:
-  explicit HostProcess(const std::string& dir) : socket_(dir + "/engine.sock"), log_(dir + "/host.log") {
+  // `nofile_limit` > 0 lowers the host's descriptor limit to that many.
+  explicit HostProcess(const std::string& dir, rlim_t nofile_limit = 0)
+      : socket_(dir + "/engine.sock"), log_(dir + "/host.log") {
     pid_ = fork();
     if (pid_ == 0) {
+      if (nofile_limit > 0) {
+        const rlimit limit{nofile_limit, nofile_limit};
+        setrlimit(RLIMIT_NOFILE, &limit);
+      }
       FILE* log = std::fopen(log_.c_str(), "w");
       dup2(fileno(log), STDERR_FILENO);
       dup2(fileno(log), STDOUT_FILENO);
@@ -109,6 +117,38 @@ class HostProcess {
   }
 
   const std::string& socket() const { return socket_; }
+  pid_t pid() const { return pid_; }
+
+  size_t LogSize() const {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(log_, error);
+    return error ? 0 : size;
+  }
+
+  // A field of /proc/PID/status in kB ("VmHWM", "VmRSS"); 0 when unreadable.
+  long StatusKb(const std::string& field) const {
+    std::ifstream in("/proc/" + std::to_string(pid_) + "/status");
+    for (std::string line; std::getline(in, line);) {
+      if (line.compare(0, field.size() + 1, field + ":") == 0) {
+        return std::stol(line.substr(field.size() + 1));
+      }
+    }
+    return 0;
+  }
+
+  // User plus system CPU time so far, in clock ticks.
+  long CpuTicks() const {
+    std::ifstream in("/proc/" + std::to_string(pid_) + "/stat");
+    std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::stringstream fields(all.substr(all.rfind(')') + 2));
+    std::string field;
+    long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+      if (i == 14) utime = std::stol(field);
+      if (i == 15) stime = std::stol(field);
+    }
+    return utime + stime;
+  }
 
  private:
   std::string socket_;
@@ -119,10 +159,12 @@ class HostProcess {
 
 class RobustnessTest : public ::testing::Test {
  protected:
+  virtual rlim_t DescriptorLimit() const { return 0; }
+
   void SetUp() override {
     char tmpl[] = "/tmp/corvane-robustness-XXXXXX";
     dir_ = mkdtemp(tmpl);
-    host_ = std::make_unique<HostProcess>(dir_);
+    host_ = std::make_unique<HostProcess>(dir_, DescriptorLimit());
     ASSERT_TRUE(host_->WaitForSocket(client_)) << host_->LogTail();
   }
   void TearDown() override {
@@ -149,8 +191,8 @@ class RobustnessTest : public ::testing::Test {
       ++replies[frame->id];
       if (!frame->payload.empty()) {
         auto envelope = channel::DecodeEnvelope(frame->payload);
-        EXPECT_TRUE(envelope) << "reply to " << frame->id << " is not an envelope: "
-                              << envelope.error;
+        EXPECT_TRUE(envelope) << "reply to " << frame->id
+                              << " is not an envelope: " << envelope.error;
       }
       waiting.erase(frame->id);
     }
@@ -238,7 +280,8 @@ TEST_F(RobustnessTest, GarbageFramesAndVanishingClientsLeaveTheHostUp) {
         break;
       }
       default: {  // half a frame, then gone
-        Bytes frame = engine::EncodeMessageFrame(1, channels[0], channel::EncodeMethodCall(random.Call()));
+        Bytes frame =
+            engine::EncodeMessageFrame(1, channels[0], channel::EncodeMethodCall(random.Call()));
         frame.resize(frame.size() / 2);
         c.SendRaw(frame);
       }
@@ -251,6 +294,97 @@ TEST_F(RobustnessTest, GarbageFramesAndVanishingClientsLeaveTheHostUp) {
   Collect(client_, waiting, replies, 30s);
   EXPECT_EQ(replies[77], 1) << host_->LogTail();
   EXPECT_TRUE(host_->alive()) << host_->LogTail();
+}
+
+// A client that sends and never reads costs the host a bounded amount of memory, however small
+// the replies it leaves waiting, and the host goes on serving everyone else.
+TEST_F(RobustnessTest, AClientThatNeverReadsCostsBoundedMemory) {
+  WireClient hog;
+  ASSERT_TRUE(hog.Connect(host_->socket()));
+  const int small = 4096;
+  setsockopt(hog.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  const long before_kb = host_->StatusKb("VmHWM");
+  // Calls on a channel nobody handles: each reply is a 9-byte frame, the costliest kind to keep.
+  const Bytes call = engine::EncodeMessageFrame(1, "x", {});
+  Bytes batch;
+  for (int i = 0; i < 4096; ++i) batch.insert(batch.end(), call.begin(), call.end());
+  size_t sent = 0;
+  while (sent < 3'000'000 && hog.SendRaw(batch)) sent += 4096;
+  // Let the host work through what it was sent.
+  WireClient probe;
+  ASSERT_TRUE(probe.Connect(host_->socket())) << host_->LogTail();
+  ASSERT_TRUE(probe.SendCall(5, "corvane/udp", "capabilities"));
+  EXPECT_TRUE(probe.WaitReply(5, 60000).has_value()) << host_->LogTail();
+  const long peak_kb = host_->StatusKb("VmHWM");
+  std::printf("non-reading client: %zu calls sent, host peak RSS %ld kB -> %ld kB (+%ld kB)\n",
+              sent, before_kb, peak_kb, peak_kb - before_kb);
+  EXPECT_LT(peak_kb - before_kb, 64 * 1024) << "one client that does not read cost too much";
+  EXPECT_TRUE(host_->alive()) << host_->LogTail();
+}
+
+class DescriptorLimitTest : public RobustnessTest {
+ protected:
+  static constexpr rlim_t kLimit = 128;
+  rlim_t DescriptorLimit() const override { return kLimit; }
+};
+
+// UDP sessions that ask for more sockets than the process may open are refused with "failed"
+// events; the engine keeps accepting its clients, without spinning or flooding its log.
+TEST_F(DescriptorLimitTest, SocketsPastTheLimitFailAndTheEngineStillServes) {
+  ASSERT_TRUE(client_.SendCall(1, "corvane/udp_events", "listen"));
+  ASSERT_TRUE(client_.WaitReply(1, 10000).has_value());
+  const int sessions = 2 * static_cast<int>(kLimit);
+  for (int i = 0; i < sessions; ++i) {
+    channel::ValueMap args;
+    args.Set("sessionId", channel::Value("s" + std::to_string(i)));
+    args.Set("port", channel::Value::Integer(0));
+    ASSERT_TRUE(client_.SendCall(100 + i, "corvane/udp", "openListener", channel::Value(args)));
+  }
+  int ready = 0, failed = 0;
+  std::set<uint32_t> replies;
+  const auto deadline = std::chrono::steady_clock::now() + 30s;
+  while (ready + failed < sessions && std::chrono::steady_clock::now() < deadline) {
+    auto frame = client_.Receive(500);
+    if (!frame) continue;
+    if (frame->kind == engine::FrameKind::kReply) {
+      replies.insert(frame->id);
+      continue;
+    }
+    auto event = channel::DecodeEnvelope(frame->payload);
+    if (!event || !event.value->value.map_if()) continue;
+    const channel::Value* type = event.value->value.map_if()->Find("type");
+    if (type && *type == channel::Value("ready")) ++ready;
+    if (type && *type == channel::Value("failed")) ++failed;
+  }
+  EXPECT_EQ(replies.size(), static_cast<size_t>(sessions));
+  EXPECT_GT(ready, 0);
+  EXPECT_GT(failed, 0) << "every session got a socket under a limit of " << kLimit;
+
+  // UDP has taken all it may; new clients must still be served, and the host must be quiet
+  // while nothing happens.
+  const size_t log_before = host_->LogSize();
+  const long cpu_before = host_->CpuTicks();
+  const auto started = std::chrono::steady_clock::now();
+  WireClient late[8];
+  for (WireClient& c : late) {
+    ASSERT_TRUE(c.Connect(host_->socket()));
+    ASSERT_TRUE(c.SendCall(9, "corvane/udp", "capabilities"));
+  }
+  bool served = true;
+  for (WireClient& c : late) served = c.WaitReply(9, 10000).has_value() && served;
+  const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - started);
+  std::this_thread::sleep_for(2s);
+  const long cpu_ticks = host_->CpuTicks() - cpu_before;
+  const size_t log_growth = host_->LogSize() - log_before;
+  std::printf(
+      "at the descriptor limit: 8 new clients %s after %lld ms; host CPU %ld ticks "
+      "(of %ld per second), log +%zu bytes\n",
+      served ? "served" : "NOT served", static_cast<long long>(waited.count()), cpu_ticks,
+      sysconf(_SC_CLK_TCK), log_growth);
+  EXPECT_TRUE(served) << host_->LogTail();
+  EXPECT_LT(log_growth, 16u * 1024) << host_->LogTail();
+  EXPECT_TRUE(host_->alive());
 }
 
 }  // namespace

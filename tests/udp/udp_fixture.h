@@ -85,6 +85,9 @@ class HoldingNetwork : public UdpNetwork {
 
   std::atomic<bool> hold_ready{false};
   std::atomic<bool> hold_completions{false};
+  // Holds back a flow's start, so that it stays in setup as one whose host name still
+  // resolves would.
+  std::atomic<bool> hold_start{false};
 
   std::shared_ptr<UdpFlow> Connect(const std::string& host, uint16_t port) override {
     auto inner = inner_->Connect(host, port);
@@ -112,8 +115,8 @@ class HoldingNetwork : public UdpNetwork {
   }
 
  private:
-  // Only guarded sends' own flows are held, and those never ask for their state, so state()
-  // need not pretend a held flow is still preparing.
+  // A flow whose "ready" is held reports itself ready already, as a real one does between
+  // becoming ready and its handler running.
   class Flow final : public UdpFlow {
    public:
     Flow(std::shared_ptr<UdpFlow> inner, HoldingNetwork& network)
@@ -125,7 +128,10 @@ class HoldingNetwork : public UdpNetwork {
         network.Hold([handler] { handler(FlowState::kReady, ""); });
       });
     }
-    void Start() override { inner_->Start(); }
+    void Start() override {
+      if (!network_.hold_start) return inner_->Start();
+      network_.Hold([inner = inner_] { inner->Start(); });
+    }
     FlowState state() const override { return inner_->state(); }
     void Receive(ReceiveHandler handler) override { inner_->Receive(std::move(handler)); }
     void Send(Bytes data, SendCompletion completion) override {

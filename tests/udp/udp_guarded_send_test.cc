@@ -150,6 +150,13 @@ TEST_F(GuardedSendTest, CancelBeforeSendLeavesATombstoneFor31Seconds) {
   clock_.JumpWall(31s);
   Cancel("late");
   EXPECT_EQ(Guarded(Args("late")), Status("late", "cancelled", false));
+
+  // Ids no send could carry are answered but never kept, so they cannot fill the table.
+  clock_.JumpWall(31s);
+  const std::string too_long(201, 'r');
+  for (size_t i = 0; i < kMaxTombstones; ++i) Cancel(too_long + std::to_string(i));
+  Cancel("kept");
+  EXPECT_EQ(Guarded(Args("kept")), Status("kept", "cancelled", false));
 }
 
 // Own flows whose "ready" is held keep their datagrams waiting; every ending before the

@@ -14,6 +14,17 @@ using Kind = MethodReply::Kind;
 
 using UdpSessionTest = BridgeTest;
 
+// The first byte of each of the first `n` datagrams `peer` receives, in arrival order.
+std::vector<uint8_t> Arrivals(const Peer& peer, size_t n) {
+  std::vector<uint8_t> order;
+  while (order.size() < n) {
+    auto d = peer.Receive(5s);
+    if (!d) break;
+    order.push_back(d->data.empty() ? 0 : d->data.front());
+  }
+  return order;
+}
+
 TEST_F(UdpSessionTest, MethodsAnswerExactlyAndValidateArguments) {
   EXPECT_EQ(Call("capabilities").value, Map({{"guardedSendVersion", Value(int32_t{1})},
                                              {"adHocReceiveVersion", Value(int32_t{1})}}));
@@ -37,6 +48,10 @@ TEST_F(UdpSessionTest, MethodsAnswerExactlyAndValidateArguments) {
       {"send",
        Map({{"sessionId", Value("a")}, {"data", Bytes({1})}, {"port", Value::Integer(65536)}}),
        "send needs a port 0-65535"},
+      // Every event repeats the session id: one too long to be an id counts as missing.
+      {"open", Map({{"sessionId", Value(std::string(201, 's'))}, {"port", Value::Integer(1)}}),
+       open},
+      {"send", Map({{"sessionId", Value(std::string(201, 's'))}, {"data", Bytes({1})}}), send},
   };
   for (const auto& c : bad) {
     MethodReply r = Call(c.method, c.args);
@@ -95,6 +110,38 @@ TEST_F(UdpSessionTest, ConnectedSessionsSendReceiveAndFail) {
   auto failed = WaitEvent("refused", "failed");
   ASSERT_TRUE(failed);
   EXPECT_FALSE(Text(*failed, "error").empty());
+}
+
+// Datagrams of one session to one destination leave in the order they were sent, also while
+// the flow to a new destination, or the session's own connection, is still being set up.
+TEST_F(UdpSessionTest, SendsWaitingForAFlowLeaveInOrderAndAreNotLost) {
+  Listen("l");
+  Peer station;
+  // Between a new flow becoming ready and its handler running, later sends must queue behind
+  // the first.
+  holding_->hold_ready = true;
+  for (uint8_t i = 0; i < 5; ++i) {
+    CallLater("send", Map({{"sessionId", Value("l")},
+                           {"data", Bytes({i})},
+                           {"host", Value("127.0.0.1")},
+                           {"port", Value::Integer(station.port())}}));
+  }
+  Settle();
+  holding_->hold_ready = false;
+  holding_->Release();
+  EXPECT_EQ(Arrivals(station, 5), (std::vector<uint8_t>{0, 1, 2, 3, 4}));
+
+  // Sent before the session's connection is set up (a host name still resolving): they wait
+  // for it instead of being lost.
+  holding_->hold_start = true;
+  Call("open", Map({{"sessionId", Value("n")},
+                    {"host", Value("localhost")},
+                    {"port", Value::Integer(station.port())}}));
+  for (uint8_t i = 0; i < 3; ++i) Send("n", {i});
+  Settle();
+  holding_->hold_start = false;
+  holding_->Release();
+  EXPECT_EQ(Arrivals(station, 3), (std::vector<uint8_t>{0, 1, 2}));
 }
 
 // A listener session's life: many sources, sends through the outbound cache and broadcast,
