@@ -24,8 +24,9 @@ bool IsAcceptableDeviceId(const std::string& text) {
     if (c < 0x20 || c == 0x7F) return false;
     // A lead byte starts a character; four-byte characters take two UTF-16 units.
     if ((c & 0xC0) != 0x80) units += c >= 0xF0 ? 2 : 1;
+    if (units > kMaxDeviceIdUnits) return false;  // no need to read the rest of a huge one
   }
-  return units <= kMaxDeviceIdUnits;
+  return true;
 }
 
 }  // namespace corvane::camera

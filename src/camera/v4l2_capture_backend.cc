@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "camera/apple_usb_hub.h"
+#include "camera/camera_portal.h"
 #include "camera/udev_cameras.h"
 #include "camera/v4l2_frames.h"
 #include "channel/log.h"
@@ -157,11 +158,17 @@ class V4l2Stream final : public CaptureStream {
   bool running_ = false;
 };
 
-class V4l2Backend final : public CaptureBackend {
+class V4l2Backend final : public CaptureBackend, public std::enable_shared_from_this<V4l2Backend> {
  public:
-  explicit V4l2Backend(dispatch::SerialQueue& hub_queue) : hub_queue_(hub_queue) {}
+  explicit V4l2Backend(dispatch::SerialQueue& hub_queue)
+      : hub_queue_(hub_queue), sandboxed_(InSandbox()) {}
 
   Authorization authorization() override {
+    if (sandboxed_) {
+      const int answer = portal_answer_.load();
+      if (answer < 0) return Authorization::kNotDetermined;
+      if (answer == 0) return Authorization::kDenied;
+    }
     // Nodes exist but this user may open none of them: access is denied (group "video").
     const auto nodes = cameras_.Enumerate();
     bool any_accessible = nodes.empty();
@@ -170,8 +177,12 @@ class V4l2Backend final : public CaptureBackend {
   }
 
   void RequestAccess(std::function<void(bool granted)> done) override {
-    // Device rights are the system's to give; there is no one to ask here.
-    done(authorization() == Authorization::kAuthorized);
+    // Outside a sandbox device rights are the system's to give; there is no one to ask.
+    if (!sandboxed_) return done(authorization() == Authorization::kAuthorized);
+    RequestPortalCameraAccess([self = shared_from_this(), done](bool granted) {
+      self->portal_answer_ = granted ? 1 : 0;
+      done(granted);
+    });
   }
 
   std::vector<CameraDevice> Enumerate() override {
@@ -226,6 +237,8 @@ class V4l2Backend final : public CaptureBackend {
 
  private:
   dispatch::SerialQueue& hub_queue_;
+  const bool sandboxed_;
+  std::atomic<int> portal_answer_{-1};  // inside a sandbox: not asked yet, denied (0), granted
   UdevCameras cameras_;
   std::map<std::string, std::string> nodes_;  // id -> device node, from the last enumeration
   std::vector<V4l2Stream*> running_;

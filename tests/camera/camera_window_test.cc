@@ -29,9 +29,9 @@ class WindowWatchTest : public ::testing::Test {
     view_ = gtk_drawing_area_new();
     gtk_container_add(GTK_CONTAINER(window_), view_);
     other_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-    watch_ = WindowWatch::Start(view_, {[this] { ++minimised_; }, [this] { ++closed_; },
-                                        [this] { ++hidden_; }, [this] { ++sleeping_; },
-                                        [this] { ++terminating_; }});
+    watch_ = WindowWatch::Start(
+        view_, {[this] { ++minimised_; }, [this] { ++closed_; }, [this] { ++hidden_; },
+                [this] { ++sleeping_; }, [this] { ++terminating_; }});
     gtk_widget_show_all(window_);
     Settle();
   }
@@ -49,8 +49,8 @@ class WindowWatchTest : public ::testing::Test {
     GdkEvent* event = gdk_event_new(GDK_WINDOW_STATE);
     event->window_state.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(window)));
     event->window_state.changed_mask = GDK_WINDOW_STATE_ICONIFIED;
-    event->window_state.new_window_state = iconified ? GDK_WINDOW_STATE_ICONIFIED
-                                                     : static_cast<GdkWindowState>(0);
+    event->window_state.new_window_state =
+        iconified ? GDK_WINDOW_STATE_ICONIFIED : static_cast<GdkWindowState>(0);
     gtk_widget_event(window, event);
     gdk_event_free(event);
   }
