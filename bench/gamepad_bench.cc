@@ -25,6 +25,7 @@
 #include "dispatch/queue.h"
 #include "engine/loopback_engine.h"
 #include "gamepad/apple_game_controller_bridge.h"
+#include "gamepad/virtual_pad.h"
 
 namespace {
 
@@ -43,25 +44,12 @@ int SDLCALL OnRumble(void*, Uint16, Uint16) {
   return 0;
 }
 
-int AttachPad(const char* name, uint16_t vendor, uint16_t product) {
-  SDL_VirtualJoystickDesc desc;
-  SDL_zero(desc);
-  desc.version = SDL_VIRTUAL_JOYSTICK_DESC_VERSION;
-  desc.type = SDL_JOYSTICK_TYPE_GAMECONTROLLER;
-  desc.naxes = SDL_CONTROLLER_AXIS_MAX;
-  desc.nbuttons = SDL_CONTROLLER_BUTTON_MAX;
-  desc.vendor_id = vendor;
-  desc.product_id = product;
-  desc.name = name;
-  desc.Rumble = OnRumble;
-  return SDL_JoystickAttachVirtualEx(&desc);
-}
-
 void AttachFourPads() {
-  AttachPad("Xbox 360 Controller", 0x045E, 0x028E);
-  AttachPad("DualSense Wireless Controller", 0x054C, 0x0CE6);
-  AttachPad("Pro Controller", 0x057E, 0x2009);
-  AttachPad("Corvane Test Pad", 0, 0);
+  using gamepad::testing::AttachVirtualPad;
+  AttachVirtualPad("Xbox 360 Controller", 0x045E, 0x028E, OnRumble);
+  AttachVirtualPad("DualSense Wireless Controller", 0x054C, 0x0CE6, OnRumble);
+  AttachVirtualPad("Pro Controller", 0x057E, 0x2009, OnRumble);
+  AttachVirtualPad("Corvane Test Pad", 0, 0, OnRumble);
 }
 
 channel::Bytes HapticCall(double intensity) {
