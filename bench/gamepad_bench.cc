@@ -7,6 +7,9 @@
 // - gamepad/controllers_4: "controllers" with four pads attached, reply decoded. Baseline
 //   raw/sdl_list_4: pumping SDL and reading the same facts for the four pads directly.
 //
+// - raw/channel_not_implemented and raw/sdl_update_4: the two costs every call carries, the
+//   channel's own round trip and SDL reading the pads.
+//
 // --idle-seconds=N (instead of benchmarks): attaches four pads, plays a pattern to its end,
 // then idles the main loop for N seconds and prints the CPU ticks spent meanwhile; run it under
 // `strace -f` to count wake-ups.
@@ -114,6 +117,14 @@ void ChannelFloor(benchmark::State& state) {
   }
 }
 
+// What every call pays to learn about plug-ins, unplugs and input: SDL reading four pads.
+void SdlUpdate4(benchmark::State& state) {
+  for (auto _ : state) {
+    SDL_JoystickUpdate();
+    SDL_FlushEvents(SDL_FIRSTEVENT, SDL_LASTEVENT);
+  }
+}
+
 void Controllers4(benchmark::State& state) {
   Fixture f;
   const channel::Bytes call = channel::EncodeMethodCall({"controllers", Value()});
@@ -149,6 +160,7 @@ void RawSdlList4(benchmark::State& state) {
 BENCHMARK(HapticToRumble)->Name("gamepad/haptic_to_rumble")->UseManualTime();
 BENCHMARK(RawSdlRumble)->Name("raw/sdl_rumble")->UseManualTime();
 BENCHMARK(ChannelFloor)->Name("raw/channel_not_implemented");
+BENCHMARK(SdlUpdate4)->Name("raw/sdl_update_4");
 BENCHMARK(Controllers4)->Name("gamepad/controllers_4");
 BENCHMARK(RawSdlList4)->Name("raw/sdl_list_4");
 

@@ -162,9 +162,9 @@ for what, ours, base, target in (("haptic to first rumble", "gamepad/haptic_to_r
     line = f"{what}: {o:.0f} ns, {base} {b:.0f} ns, {o / b:.1f}x"
     if target:
         line += f" (target {target}x: {'ok' if o / b <= target else 'MISSED'})"
-    floor = ns("raw/channel_not_implemented")
-    if ours == "gamepad/haptic_to_rumble" and floor:
-        line += f"; the channel alone answers in {floor:.0f} ns"
+    floor, update = ns("raw/channel_not_implemented"), ns("raw/sdl_update_4")
+    if ours == "gamepad/haptic_to_rumble" and floor and update:
+        line += f"; of that, the channel {floor:.0f} ns and SDL reading the pads {update:.0f} ns"
     print(line)
 print("gamepad " + sys.argv[2])
 PY
