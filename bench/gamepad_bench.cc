@@ -7,6 +7,9 @@
 // - gamepad/controllers_4: "controllers" with four pads attached, reply decoded. Baseline
 //   raw/sdl_list_4: pumping SDL and reading the same facts for the four pads directly.
 //
+// - raw/channel_not_implemented and raw/sdl_update_4: the two costs every call carries, the
+//   channel's own round trip and SDL reading the pads.
+//
 // --idle-seconds=N (instead of benchmarks): attaches four pads, plays a pattern to its end,
 // then idles the main loop for N seconds and prints the CPU ticks spent meanwhile; run it under
 // `strace -f` to count wake-ups.
@@ -25,6 +28,7 @@
 #include "dispatch/queue.h"
 #include "engine/loopback_engine.h"
 #include "gamepad/apple_game_controller_bridge.h"
+#include "gamepad/virtual_pad.h"
 
 namespace {
 
@@ -43,25 +47,12 @@ int SDLCALL OnRumble(void*, Uint16, Uint16) {
   return 0;
 }
 
-int AttachPad(const char* name, uint16_t vendor, uint16_t product) {
-  SDL_VirtualJoystickDesc desc;
-  SDL_zero(desc);
-  desc.version = SDL_VIRTUAL_JOYSTICK_DESC_VERSION;
-  desc.type = SDL_JOYSTICK_TYPE_GAMECONTROLLER;
-  desc.naxes = SDL_CONTROLLER_AXIS_MAX;
-  desc.nbuttons = SDL_CONTROLLER_BUTTON_MAX;
-  desc.vendor_id = vendor;
-  desc.product_id = product;
-  desc.name = name;
-  desc.Rumble = OnRumble;
-  return SDL_JoystickAttachVirtualEx(&desc);
-}
-
 void AttachFourPads() {
-  AttachPad("Xbox 360 Controller", 0x045E, 0x028E);
-  AttachPad("DualSense Wireless Controller", 0x054C, 0x0CE6);
-  AttachPad("Pro Controller", 0x057E, 0x2009);
-  AttachPad("Corvane Test Pad", 0, 0);
+  using gamepad::testing::AttachVirtualPad;
+  AttachVirtualPad("Xbox 360 Controller", 0x045E, 0x028E, OnRumble);
+  AttachVirtualPad("DualSense Wireless Controller", 0x054C, 0x0CE6, OnRumble);
+  AttachVirtualPad("Pro Controller", 0x057E, 0x2009, OnRumble);
+  AttachVirtualPad("Corvane Test Pad", 0, 0, OnRumble);
 }
 
 channel::Bytes HapticCall(double intensity) {
@@ -126,6 +117,14 @@ void ChannelFloor(benchmark::State& state) {
   }
 }
 
+// What every call pays to learn about plug-ins, unplugs and input: SDL reading four pads.
+void SdlUpdate4(benchmark::State& state) {
+  for (auto _ : state) {
+    SDL_JoystickUpdate();
+    SDL_FlushEvents(SDL_FIRSTEVENT, SDL_LASTEVENT);
+  }
+}
+
 void Controllers4(benchmark::State& state) {
   Fixture f;
   const channel::Bytes call = channel::EncodeMethodCall({"controllers", Value()});
@@ -161,6 +160,7 @@ void RawSdlList4(benchmark::State& state) {
 BENCHMARK(HapticToRumble)->Name("gamepad/haptic_to_rumble")->UseManualTime();
 BENCHMARK(RawSdlRumble)->Name("raw/sdl_rumble")->UseManualTime();
 BENCHMARK(ChannelFloor)->Name("raw/channel_not_implemented");
+BENCHMARK(SdlUpdate4)->Name("raw/sdl_update_4");
 BENCHMARK(Controllers4)->Name("gamepad/controllers_4");
 BENCHMARK(RawSdlList4)->Name("raw/sdl_list_4");
 
@@ -184,15 +184,21 @@ int Idle(int seconds) {
   std::printf("pid %d: %d rumble callbacks; idling %d s\n", getpid(), g_rumbles, seconds);
   std::fflush(stdout);
   const long before = CpuTicks();
-  const auto until = Clock::now() + std::chrono::seconds(seconds);
-  guint wakeups = 0;
-  g_timeout_add_seconds(
-      static_cast<guint>(seconds), [](gpointer) -> gboolean { return FALSE; }, nullptr);
-  while (Clock::now() < until) {
+  bool over = false;
+  g_timeout_add(
+      static_cast<guint>(seconds) * 1000,
+      [](gpointer over) -> gboolean {
+        *static_cast<bool*>(over) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &over);
+  // Counts every time the loop woke up; the window's own end is one of them.
+  unsigned wakeups = 0;
+  while (!over) {
     g_main_context_iteration(nullptr, TRUE);
     ++wakeups;
   }
-  std::printf("idle: cpu_ticks=%ld over %d s (clk_tck=%ld), main-loop iterations=%u\n",
+  std::printf("idle: cpu_ticks=%ld over %d s (clk_tck=%ld), main-loop wake-ups=%u\n",
               CpuTicks() - before, seconds, sysconf(_SC_CLK_TCK), wakeups);
   return done ? 0 : 1;
 }

@@ -135,3 +135,39 @@ print()
 for r in rows:
     print("  ".join(str(c).ljust(w) for c, w in zip(r, widths)).rstrip())
 PY
+
+# Game controllers on four SDL virtual pads, beside the bare SDL calls of the same run, and a
+# process with those pads that has played a pattern and then idles.
+cmake --build --preset default --target bench_gamepad >/dev/null
+"$build/bench/bench_gamepad" --benchmark_min_time="$min_time" \
+  --benchmark_out="$work/gamepad.json" --benchmark_out_format=json >/dev/null
+gamepad_idle=$("$build/bench/bench_gamepad" --idle-seconds=5 | tail -n 1)
+python3 - "$work/gamepad.json" "$gamepad_idle" <<'PY'
+import json, sys
+
+with open(sys.argv[1]) as f:
+    runs = {b["name"].removesuffix("/manual_time"): b for b in json.load(f)["benchmarks"]
+            if not b.get("error_occurred")}
+
+def ns(name, key="real_time"):
+    b = runs.get(name)
+    return b[key] if b else None
+
+print()
+for what, ours, base, target in (("haptic to first rumble", "gamepad/haptic_to_rumble",
+                                  "raw/sdl_rumble", 1.5),
+                                 ("controllers, 4 pads", "gamepad/controllers_4",
+                                  "raw/sdl_list_4", None)):
+    o, b = ns(ours), ns(base)
+    if o is None or b is None:
+        print(f"{what}: missing")
+        continue
+    line = f"{what}: {o:.0f} ns, {base} {b:.0f} ns, {o / b:.1f}x"
+    if target:
+        line += f" (target {target}x: {'ok' if o / b <= target else 'MISSED'})"
+    floor, update = ns("raw/channel_not_implemented"), ns("raw/sdl_update_4")
+    if ours == "gamepad/haptic_to_rumble" and floor and update:
+        line += f"; of that, the channel {floor:.0f} ns and SDL reading the pads {update:.0f} ns"
+    print(line)
+print("gamepad " + sys.argv[2])
+PY

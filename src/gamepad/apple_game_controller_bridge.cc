@@ -117,14 +117,8 @@ void AppleGameControllerBridge::Open(channel::BinaryMessenger& messenger) {
 
 void AppleGameControllerBridge::HandleCall(const channel::MethodCall& call,
                                            std::unique_ptr<MethodResult> result) {
-  if (call.method == "controllers") {
-    backend_->Update();
-    return Controllers(std::move(result));
-  }
-  if (call.method == "haptic") {
-    backend_->Update();
-    return Haptic(call.arguments, std::move(result));
-  }
+  if (call.method == "controllers") return Controllers(std::move(result));
+  if (call.method == "haptic") return Haptic(call.arguments, std::move(result));
   result->NotImplemented();
 }
 
@@ -135,6 +129,7 @@ std::vector<std::shared_ptr<GameController>> AppleGameControllerBridge::Gamepads
 }
 
 void AppleGameControllerBridge::Controllers(std::unique_ptr<MethodResult> result) {
+  backend_->Update();
   const std::shared_ptr<GameController> current = backend_->Current();
   ValueList list;
   for (const auto& controller : Gamepads()) {
@@ -163,6 +158,7 @@ void AppleGameControllerBridge::Haptic(const Value& arguments,
     Debug("haptic: the pulse list is not 1 to 32 valid pulses");
     return result->Success(Value(false));
   }
+  backend_->Update();
   const std::shared_ptr<GameController> controller = FindController(args.string("name"));
   if (!controller) {
     Debug("haptic: no controller to play on");

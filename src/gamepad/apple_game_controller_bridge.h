@@ -8,7 +8,9 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "channel/method_channel.h"
 #include "gamepad/controller_backend.h"
@@ -32,6 +34,7 @@ class AppleGameControllerBridge : public std::enable_shared_from_this<AppleGameC
 
   // The controller a name addresses: the first gamepad with that display name; else (no name,
   // or no match) the current controller, even one that is not a gamepad; else the only gamepad.
+  // Answers from what the backend learnt at the start of the last call.
   std::shared_ptr<GameController> FindController(const std::string* name);
 
   // Whether an engine is kept for `controller`, and whether it is running.

@@ -7,6 +7,7 @@
 
 #include "gamepad/gamepad_client.h"
 #include "gamepad/sdl_controller_backend.h"
+#include "gamepad/virtual_pad.h"
 
 namespace corvane::gamepad::testing {
 namespace {
@@ -61,18 +62,8 @@ class GamepadSdlTest : public ::testing::Test {
                      bool rumble = true, SDL_JoystickType type = SDL_JOYSTICK_TYPE_GAMECONTROLLER) {
     auto pad = std::make_unique<VirtualPad>();
     pad->name = name;
-    SDL_VirtualJoystickDesc desc;
-    SDL_zero(desc);
-    desc.version = SDL_VIRTUAL_JOYSTICK_DESC_VERSION;
-    desc.type = type;
-    desc.naxes = SDL_CONTROLLER_AXIS_MAX;
-    desc.nbuttons = SDL_CONTROLLER_BUTTON_MAX;
-    desc.vendor_id = vendor;
-    desc.product_id = product;
-    desc.name = pad->name.c_str();
-    desc.userdata = pad.get();
-    if (rumble) desc.Rumble = &VirtualPad::OnRumble;
-    const int index = SDL_JoystickAttachVirtualEx(&desc);
+    const int index = AttachVirtualPad(pad->name.c_str(), vendor, product,
+                                       rumble ? &VirtualPad::OnRumble : nullptr, pad.get(), type);
     EXPECT_GE(index, 0) << SDL_GetError();
     pad->id = SDL_JoystickGetDeviceInstanceID(index);
     pads_.push_back(std::move(pad));

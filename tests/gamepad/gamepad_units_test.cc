@@ -1,6 +1,5 @@
-// The SDL backend's pure parts: how pulses become motor steps, SDL's power bands, and the
-// kernel's battery nodes, read from a sysfs tree the test builds.
-#include <SDL.h>
+// The SDL backend's pure parts: how pulses become motor steps, and the kernel's battery nodes,
+// read from a sysfs tree the test builds.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -10,7 +9,6 @@
 
 #include "gamepad/power_supply.h"
 #include "gamepad/rumble_schedule.h"
-#include "gamepad/sdl_controller_backend.h"
 
 namespace corvane::gamepad {
 namespace {
@@ -45,24 +43,6 @@ TEST(GamepadRumbleSchedule, PulsesStopBetweenAndMergeWithinTheMotorsResolution) 
   const std::vector<RumbleStep> expected = {
       {0, 0xFFFF, 0xFFFF}, {30, 0x8000, 0x8000}, {70, 0, 0}, {500, 0, 0xFFFF}, {540, 0, 0}};
   EXPECT_EQ(ScheduleRumble(pattern), expected);
-}
-
-// --- SDL's power bands and vendors ------------------------------------------------------------
-
-TEST(GamepadSdlBattery, PowerBandsReadAsTheirTopAndWiredOrUnknownAsNoBattery) {
-  EXPECT_FALSE(BatteryFromPowerLevel(SDL_JOYSTICK_POWER_UNKNOWN));
-  EXPECT_FALSE(BatteryFromPowerLevel(SDL_JOYSTICK_POWER_WIRED));
-  EXPECT_FALSE(BatteryFromPowerLevel(SDL_JOYSTICK_POWER_MAX));
-  const std::pair<SDL_JoystickPowerLevel, double> bands[] = {{SDL_JOYSTICK_POWER_EMPTY, 0.05},
-                                                             {SDL_JOYSTICK_POWER_LOW, 0.20},
-                                                             {SDL_JOYSTICK_POWER_MEDIUM, 0.70},
-                                                             {SDL_JOYSTICK_POWER_FULL, 1.0}};
-  for (const auto& [level, expected] : bands) {
-    auto battery = BatteryFromPowerLevel(level);
-    ASSERT_TRUE(battery);
-    EXPECT_DOUBLE_EQ(battery->level, expected);
-    EXPECT_EQ(battery->state, BatteryState::kDischarging);
-  }
 }
 
 // --- the kernel's power_supply nodes ----------------------------------------------------------
