@@ -206,8 +206,6 @@ TEST_F(SymbolsTest, NamesResolveAsGivenThenThroughTheTable) {
                            "slider.horizontal.3",
                            "ellipsis",
                            "power",
-                           "tram",
-                           "train.side.front.car",
                            "point.topleft.down.curvedto.point.bottomright.up"}) {
     GdkPixbuf* image = Render(Args(name, 0xFF000000));
     EXPECT_NE(image, nullptr) << name;
@@ -229,6 +227,7 @@ class ThemedSymbolsTest : public ::testing::Test {
         "<svg xmlns='http://www.w3.org/2000/svg' width='16' height='16'>"
         "<rect width='16' height='16' fill='#bebebe'/></svg>";
     std::ofstream(actions + "/emblem-system-symbolic.svg") << square;
+    std::ofstream(actions + "/train-symbolic.svg") << square;
     // Outside every folder searched: reachable from them only through "..".
     std::ofstream(dir_ / "secret-symbolic.svg") << square;
     lookup_ =
@@ -248,6 +247,13 @@ TEST_F(ThemedSymbolsTest, TheChosenThemeComesFirstThenAdwaita) {
     ASSERT_EQ(gear->rgba[i + 3], 255) << "the test theme's full square, pixel " << i / 4;
     ASSERT_EQ(gear->rgba[i], 0x10);
   }
+  // Railway symbols where a theme draws them; Adwaita has no train.
+  auto tram = lookup_->Find("tram.fill");
+  ASSERT_TRUE(tram);
+  EXPECT_NE(tram->find("/CorvaneTest/"), std::string::npos) << *tram;
+  SymbolLookup adwaita_only(SymbolLookup::Options{"Adwaita", {}});
+  EXPECT_FALSE(adwaita_only.Find("tram"));
+
   auto trash = lookup_->Find("trash");
   ASSERT_TRUE(trash);
   EXPECT_NE(trash->find("/Adwaita/"), std::string::npos) << *trash;
