@@ -90,9 +90,9 @@ void AppleContextMenu::Show(const channel::Value& arguments,
   // The open menu answers null and makes way.
   if (showing_) Finish();
 
-  const channel::Value* title = args.value("title");
+  const std::string* title = args.string("title");
   MenuBuilder builder(&renderer_, gtk_widget_get_scale_factor(view_), &OnActivate, this);
-  GtkWidget* menu = builder.Build(*items, title && title->string_if() ? *title->string_if() : "");
+  GtkWidget* menu = builder.Build(*items, title ? *title : "");
   if (builder.entries() == 0) {
     g_object_unref(menu);
     result->Success();

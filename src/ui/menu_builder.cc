@@ -2,6 +2,8 @@
 
 #include <gtk/gtk.h>
 
+#include <algorithm>
+
 #include "channel/args.h"
 #include "ui/symbol_renderer.h"
 
@@ -12,6 +14,9 @@ namespace {
 constexpr const char* kLogDomain = "corvane-ui";
 constexpr const char* kActionKey = "corvane-menu-action";
 constexpr int kSymbolPoints = 16;
+constexpr const char* kEntryBoxKey = "corvane-menu-entry-box";
+constexpr const char* kHasSymbolKey = "corvane-menu-has-symbol";
+constexpr const char* kSymbolMaskKey = "corvane-menu-symbol-mask";
 
 using channel::Args;
 using channel::Value;
@@ -70,6 +75,7 @@ GtkWidget* MenuBuilder::Build(const ValueList& items, const std::string& title) 
   g_object_ref_sink(menu);
   SetAccessibleName(menu, title);
   Fill(menu, items, 0);
+  AlignTitles(menu);
   if (truncated_) {
     g_log(kLogDomain, G_LOG_LEVEL_WARNING,
           "menu tree beyond %d entries or %d levels: the rest is left out", kMaxMenuEntries,
@@ -112,6 +118,7 @@ void MenuBuilder::Fill(GtkWidget* menu, const ValueList& items, int depth) {
       const std::string* title = args.string("title");
       SetAccessibleName(submenu, title ? *title : "");
       Fill(submenu, *children, depth + 1);
+      AlignTitles(submenu);
       gtk_menu_item_set_submenu(GTK_MENU_ITEM(entry), submenu);
       gtk_menu_shell_append(GTK_MENU_SHELL(menu), entry);
       continue;
@@ -156,30 +163,67 @@ GtkWidget* MenuBuilder::Entry(const Args& args, bool choosable, bool check) {
   }
   gtk_box_pack_end(GTK_BOX(box), texts, TRUE, TRUE, 0);
   gtk_container_add(GTK_CONTAINER(entry), box);
-  if (const std::string* symbol = args.string("symbol")) AddSymbol(entry, box, *symbol);
+  g_object_set_data(G_OBJECT(entry), kEntryBoxKey, box);
+  if (const std::string* symbol = args.string("symbol")) AddSymbol(box, *symbol);
   gtk_widget_show_all(entry);
   return entry;
 }
 
-void MenuBuilder::AddSymbol(GtkWidget* entry, GtkWidget* box, const std::string& symbol) {
+void MenuBuilder::AddSymbol(GtkWidget* box, const std::string& symbol) {
   if (!renderer_) return;
-  // The menu's text colour, as the entry would draw its title.
-  GdkRGBA color{};
-  gtk_style_context_get_color(gtk_widget_get_style_context(entry), GTK_STATE_FLAG_NORMAL, &color);
-  auto channel = [](double v) { return static_cast<uint32_t>(CLAMP(v, 0.0, 1.0) * 255 + 0.5); };
-  const uint32_t argb = channel(color.alpha) << 24 | channel(color.red) << 16 |
-                        channel(color.green) << 8 | channel(color.blue);
-  std::optional<Bitmap> bitmap = renderer_->Render(symbol, argb, kSymbolPoints * scale_factor_);
-  if (!bitmap) return;
-  GdkPixbuf* pixbuf =
-      gdk_pixbuf_new_from_data(bitmap->rgba.data(), GDK_COLORSPACE_RGB, TRUE, 8, bitmap->width,
-                               bitmap->height, bitmap->width * 4, nullptr, nullptr);
-  cairo_surface_t* surface = gdk_cairo_surface_create_from_pixbuf(pixbuf, scale_factor_, nullptr);
-  g_object_unref(pixbuf);
-  GtkWidget* image = gtk_image_new_from_surface(surface);
-  cairo_surface_destroy(surface);
+  const int pixels = kSymbolPoints * scale_factor_;
+  std::optional<std::vector<uint8_t>> coverage = renderer_->Coverage(symbol, pixels);
+  if (!coverage) return;
+  cairo_surface_t* mask = cairo_image_surface_create(CAIRO_FORMAT_A8, pixels, pixels);
+  const int stride = cairo_image_surface_get_stride(mask);
+  cairo_surface_flush(mask);
+  for (int y = 0; y < pixels; ++y) {
+    std::copy_n(coverage->data() + y * pixels, pixels,
+                cairo_image_surface_get_data(mask) + y * stride);
+  }
+  cairo_surface_mark_dirty(mask);
+  cairo_surface_set_device_scale(mask, scale_factor_, scale_factor_);
+
+  // Painted in the text colour at drawing time, so it follows the theme and the entry's state
+  // (highlighted, greyed out) as the title does.
+  GtkWidget* image = gtk_drawing_area_new();
   gtk_widget_set_name(image, "symbol");
+  gtk_widget_set_size_request(image, kSymbolPoints, kSymbolPoints);
+  gtk_widget_set_valign(image, GTK_ALIGN_CENTER);
+  g_object_set_data_full(G_OBJECT(image), kSymbolMaskKey, mask,
+                         reinterpret_cast<GDestroyNotify>(cairo_surface_destroy));
+  g_signal_connect(image, "draw", G_CALLBACK(+[](GtkWidget* widget, cairo_t* cr, gpointer) {
+                     GtkStyleContext* style = gtk_widget_get_style_context(widget);
+                     GdkRGBA color{};
+                     gtk_style_context_get_color(style, gtk_style_context_get_state(style), &color);
+                     gdk_cairo_set_source_rgba(cr, &color);
+                     auto* mask = static_cast<cairo_surface_t*>(
+                         g_object_get_data(G_OBJECT(widget), kSymbolMaskKey));
+                     cairo_mask_surface(cr, mask, 0, 0);
+                     return TRUE;
+                   }),
+                   nullptr);
   gtk_box_pack_start(GTK_BOX(box), image, FALSE, FALSE, 0);
+  g_object_set_data(G_OBJECT(box), kHasSymbolKey, image);
+}
+
+void MenuBuilder::AlignTitles(GtkWidget* menu) {
+  // Titles line up: where some entries have a symbol, the others keep its place empty.
+  GList* children = gtk_container_get_children(GTK_CONTAINER(menu));
+  bool any_symbol = false;
+  for (GList* c = children; c && !any_symbol; c = c->next) {
+    auto* box = static_cast<GtkWidget*>(g_object_get_data(G_OBJECT(c->data), kEntryBoxKey));
+    any_symbol = box && g_object_get_data(G_OBJECT(box), kHasSymbolKey);
+  }
+  for (GList* c = children; c && any_symbol; c = c->next) {
+    auto* box = static_cast<GtkWidget*>(g_object_get_data(G_OBJECT(c->data), kEntryBoxKey));
+    if (!box || g_object_get_data(G_OBJECT(box), kHasSymbolKey)) continue;
+    GtkWidget* space = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 0);
+    gtk_widget_set_size_request(space, kSymbolPoints, kSymbolPoints);
+    gtk_box_pack_start(GTK_BOX(box), space, FALSE, FALSE, 0);
+    gtk_widget_show(space);
+  }
+  g_list_free(children);
 }
 
 }  // namespace corvane::ui

@@ -46,7 +46,8 @@ class MenuBuilder {
   void Fill(GtkWidget* menu, const channel::ValueList& items, int depth);
   bool Take();  // counts one more entry; false once the bound is reached
   GtkWidget* Entry(const channel::Args& args, bool choosable, bool check);
-  void AddSymbol(GtkWidget* entry, GtkWidget* box, const std::string& symbol);
+  void AddSymbol(GtkWidget* box, const std::string& symbol);
+  static void AlignTitles(GtkWidget* menu);
 
   SymbolRenderer* renderer_;
   int scale_factor_;

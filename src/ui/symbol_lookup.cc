@@ -112,9 +112,10 @@ const Table& SymbolTable() {
       {"battery.25", {"battery-low-symbolic", "battery-level-20-symbolic"}},
       {"battery.0", {"battery-empty-symbolic", "battery-level-0-symbolic"}},
       // Railway control: locomotives, routes, signals and points, where a theme draws them.
-      {"tram", {"train-symbolic", "tram-symbolic", "emoji-travel-symbolic"}},
-      {"train.side.front.car", {"train-symbolic", "tram-symbolic", "emoji-travel-symbolic"}},
-      {"cablecar", {"tram-symbolic", "train-symbolic", "emoji-travel-symbolic"}},
+      // No car or bus in place of a train: without a theme that draws one, the answer is null.
+      {"tram", {"train-symbolic", "tram-symbolic", "rail-symbolic"}},
+      {"train.side.front.car", {"train-symbolic", "tram-symbolic", "rail-symbolic"}},
+      {"cablecar", {"tram-symbolic", "train-symbolic"}},
       {"map", {"map-symbolic", "find-location-symbolic"}},
       {"mappin", {"mark-location-symbolic", "find-location-symbolic"}},
       {"location", {"find-location-symbolic"}},

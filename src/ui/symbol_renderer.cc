@@ -147,6 +147,12 @@ std::optional<std::vector<uint8_t>> SymbolRenderer::SvgCoverage(const std::strin
 }
 
 std::optional<Bitmap> SymbolRenderer::Render(std::string_view symbol, uint32_t argb, int pixels) {
+  auto coverage = Coverage(symbol, pixels);
+  if (!coverage) return std::nullopt;
+  return Colourise(*coverage, argb, pixels);
+}
+
+std::optional<std::vector<uint8_t>> SymbolRenderer::Coverage(std::string_view symbol, int pixels) {
   if (pixels < 1 || pixels > kMaxSymbolPixels) return std::nullopt;
   std::optional<std::string> path = lookup_.Find(symbol);
   if (!path) return std::nullopt;
@@ -158,9 +164,8 @@ std::optional<Bitmap> SymbolRenderer::Render(std::string_view symbol, uint32_t a
       g_object_unref(parsed->second);
       parsed_.erase(parsed);
     }
-    return std::nullopt;
   }
-  return Colourise(*coverage, argb, pixels);
+  return coverage;
 }
 
 }  // namespace corvane::ui

@@ -41,6 +41,8 @@ class SymbolRenderer {
   // `pixels` x `pixels`, coloured `argb` (0xAARRGGBB). Nothing when the name is refused or
   // unknown, or the file does not draw.
   std::optional<Bitmap> Render(std::string_view symbol, uint32_t argb, int pixels);
+  // The symbol's shape alone: one coverage byte per pixel, rows packed.
+  std::optional<std::vector<uint8_t>> Coverage(std::string_view symbol, int pixels);
 
   SymbolLookup& lookup() { return lookup_; }
 

@@ -5,11 +5,14 @@
 
 #include "host/host.h"
 #include "host/main_flutter_window.h"
+#include "host/registration.h"
 #include "host/window_background.h"
 #include "ui/desktop_appearance.h"
 #include "ui/mac_window_appearance.h"
+#include "ui/native_system_symbols.h"
 #include "ui/test_portal.h"
 #include "ui/ui_fixture.h"
+#include "ui/window_appearance.h"
 
 namespace corvane::ui {
 namespace {
@@ -45,6 +48,9 @@ class AppearanceTest : public ::testing::Test {
     ASSERT_TRUE(gtk_ready_);
     g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", FALSE,
                  "gtk-theme-name", "Adwaita", nullptr);
+    // A portal of an earlier test leaves the bus asynchronously.
+    ASSERT_TRUE(dispatch::RunMainUntil(
+        [] { return !DesktopAppearance::Shared().portal_scheme().has_value(); }, 10s));
     main_ = host::MainFlutterWindow::Create(nullptr, host_);
     ASSERT_TRUE(dispatch::RunMainUntil(
         [&] { return gtk_widget_get_mapped(GTK_WIDGET(main_->window())); }, 20s));
@@ -185,6 +191,39 @@ TEST_F(AppearanceTest, SystemFollowsThePortalLive) {
   testing::TestPortal old_portal(bus_->address(), 1, /*version1=*/true);
   ExpectBackground(kDarkBlue, "an older portal says dark");
   EXPECT_EQ(old_portal.reads(), 1);
+}
+
+TEST_F(AppearanceTest, ASecondaryWindowGetsItsOwnAppearanceAndSymbols) {
+  GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+  GtkWidget* view = gtk_drawing_area_new();
+  gtk_container_add(GTK_CONTAINER(window), view);
+  gtk_widget_show_all(window);
+  engine::LoopbackEngine engine;
+  const host::InfoDictionary info = host::InfoDictionary::Default();
+  {
+    host::PluginRegistry registry(engine, view, info);
+    host::RegisterSecondaryWindowServices(registry);
+    std::vector<std::string> registered;
+    for (const auto& r : registry.registrations()) {
+      if (r.status == host::RegistrationStatus::kRegistered) registered.push_back(r.registrar);
+    }
+    EXPECT_EQ(registered, (std::vector<std::string>{"NativeSystemSymbols", "MacWindowAppearance"}));
+
+    ChannelClient appearance(engine, kAppearanceChannel);
+    ASSERT_EQ(appearance.Call("setMode", Value("dark")).kind, MethodReply::Kind::kSuccess);
+    EXPECT_TRUE(WindowAppearance::Find(view)->dark());
+    EXPECT_FALSE(main_->background().dark()) << "the main window keeps its own look";
+
+    ChannelClient symbols(engine, kSymbolsChannel);
+    MethodReply png =
+        symbols.Call("render", testing::Map({{Value("symbol"), Value("gear")},
+                                             {Value("color"), Value::Integer(0xFFFFFFFF)}}));
+    EXPECT_NE(png.value.bytes_if(), nullptr);
+    // Context menus belong to the main window alone: nobody answers here.
+    ChannelClient menus(engine, "io.corvane/context_menu");
+    EXPECT_EQ(menus.Call("show", Value()).kind, MethodReply::Kind::kNotImplemented);
+  }
+  gtk_widget_destroy(window);
 }
 
 }  // namespace
