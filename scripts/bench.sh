@@ -12,7 +12,7 @@ cd "$root"
 build=build/default
 
 cmake --preset default >/dev/null
-cmake --build --preset default --target bench_codec bench_engine
+cmake --build --preset default --target bench_codec bench_engine bench_legacy
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/corvane-bench.XXXXXX")
 host_pid=""
@@ -32,6 +32,9 @@ if command -v taskset >/dev/null; then
   taskset -c 0 "$build/bench/bench_engine" --benchmark_min_time="$min_time" \
     --benchmark_out="$work/engine_one_cpu.json" --benchmark_out_format=json
 fi
+
+# Medians of five repetitions each: the 12-megapixel conversion runs for a good part of a second.
+"$build/bench/bench_legacy" --benchmark_out="$work/legacy.json" --benchmark_out_format=json
 
 # Idle host: resident memory after start-up and CPU time over a quiet window.
 idle_status="not measured: apps/corvane-host does not build yet"
@@ -58,7 +61,8 @@ if cmake --build --preset default --target corvane-host >"$work/host-build.log" 
   host_pid=""
 fi
 
-python3 - "$work/codec.json" "$work/engine.json" "$work/engine_one_cpu.json" "$idle_status" <<'PY'
+python3 - "$work/codec.json" "$work/engine.json" "$work/engine_one_cpu.json" "$idle_status" \
+  "$work/legacy.json" <<'PY'
 import os
 import json, sys
 
@@ -79,6 +83,17 @@ def load(path):
 codec = load(sys.argv[1])
 engines = {"": load(sys.argv[2]), " (1 cpu)": load(sys.argv[3])}
 idle = sys.argv[4]
+
+def medians(path):
+    if not os.path.exists(path):
+        return {}
+    with open(path) as f:
+        data = json.load(f)
+    scale = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
+    return {b["run_name"].split("/repeats")[0]: b["real_time"] * scale[b["time_unit"]]
+            for b in data["benchmarks"] if b.get("aggregate_name") == "median"}
+
+legacy = medians(sys.argv[5])
 
 def verdict(ok):
     return "ok" if ok else "MISSED"
@@ -116,6 +131,16 @@ for label, engine in engines.items():
         ratio = e[stat] / r[stat]
         row(f"engine round trip {stat[:-3]}{label}", f"{e[stat]:.2f} us", f"raw {r[stat]:.2f} us",
             f"{ratio:.2f}x", f"<= 3x: {verdict(ratio <= 3)}")
+
+for name, base, target in (("legacy/convert_12mp", "bare/decode_encode_12mp", 1.1),
+                           ("legacy/convert_12mp_call", "bare/decode_encode_12mp", None),
+                           ("legacy/read_defaults_1mb", "bare/plist_parse_1mb", None)):
+    if name not in legacy or base not in legacy:
+        row(name, "missing", "", "", "")
+        continue
+    ratio = legacy[name] / legacy[base]
+    row(name, f"{legacy[name] / 1000:.1f} ms", f"{base} {legacy[base] / 1000:.1f} ms",
+        f"{ratio:.2f}x", f"<= {target}x: {verdict(ratio <= target)}" if target else "")
 
 if idle.startswith("rss_kb="):
     f = dict(kv.split("=") for kv in idle.split())
