@@ -145,9 +145,17 @@ TEST(ImageConverter, OversizedImagesAreRefusedFromTheirHeader) {
   // ... and a complete, valid image just over a (lowered) limit: decoding 3000x3000 would take
   // 27 MB, which the peak resident size would show. (Each test runs in a process of its own.)
   const std::vector<uint8_t> big = GreyPng(3000, 3000);
+  GdkPixbuf* small = MakePixbuf(16, 16, false, [](int, int) { return kRed; });
+  const std::vector<std::vector<uint8_t>> headers = {
+      png, gif, WithJpegSize(Save(small, "jpeg"), 65000, 65000),
+      // Their loaders allocate before asking: checked from the header first.
+      WebpHeader(16384, 16384), HeicHeader(100000, 100000)};
+  g_object_unref(small);
   const long before = PeakRssKb();
-  EXPECT_EQ(ConvertToJpeg(png.data(), png.size()).status, ConversionStatus::kTooLarge);
-  EXPECT_EQ(ConvertToJpeg(gif.data(), gif.size()).status, ConversionStatus::kTooLarge);
+  for (const auto& image : headers) {
+    EXPECT_EQ(ConvertToJpeg(image.data(), image.size()).status, ConversionStatus::kTooLarge)
+        << SniffImageFormat(image.data(), image.size());
+  }
   EXPECT_EQ(ConvertToJpeg(big.data(), big.size(), 3000 * 3000 - 1).status,
             ConversionStatus::kTooLarge);
   EXPECT_LT(PeakRssKb() - before, 20 * 1024) << "refusing must not decode";
