@@ -214,6 +214,25 @@ inline std::vector<uint8_t> WithJpegSize(std::vector<uint8_t> jpeg, uint16_t w, 
   return jpeg;
 }
 
+// A little-endian `tiff` with its width and height tags rewritten to `w` x `h`.
+inline std::vector<uint8_t> WithTiffSize(std::vector<uint8_t> tiff, uint32_t w, uint32_t h) {
+  auto at = [&](size_t i, int n) {
+    uint32_t v = 0;
+    for (int k = n - 1; k >= 0; --k) v = v << 8 | tiff[i + k];
+    return v;
+  };
+  const uint32_t ifd = at(4, 4);
+  for (uint32_t i = 0, n = at(ifd, 2); i < n; ++i) {
+    const size_t entry = ifd + 2 + i * 12;
+    const uint32_t tag = at(entry, 2), type = at(entry + 2, 2);
+    if (tag != 256 && tag != 257) continue;
+    const uint32_t v = tag == 256 ? w : h;
+    for (int k = 0; k < (type == 3 ? 2 : 4); ++k)
+      tiff[entry + 8 + k] = static_cast<uint8_t>(v >> (8 * k));
+  }
+  return tiff;
+}
+
 // `jpeg` with an EXIF block saying how to turn it for display (1 upright .. 8).
 inline std::vector<uint8_t> WithExifOrientation(const std::vector<uint8_t>& jpeg,
                                                 uint16_t orientation) {
