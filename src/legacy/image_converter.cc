@@ -2,6 +2,7 @@
 
 #include <gdk-pixbuf/gdk-pixbuf.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -131,7 +132,10 @@ std::optional<Dimensions> HeifDimensions(const uint8_t* data, size_t size) {
   std::optional<Dimensions> largest;
   for (size_t at = 4; at + 16 <= size; ++at) {
     if (std::memcmp(data + at, "ispe", 4) != 0 || Big32(data + at - 4) < 20) continue;
-    const Dimensions d{Big32(data + at + 8), Big32(data + at + 12)};
+    // Clamped so the products below cannot overflow; anything this wide is refused anyway.
+    constexpr int64_t kClamp = int64_t{1} << 24;
+    const Dimensions d{std::min<int64_t>(Big32(data + at + 8), kClamp),
+                       std::min<int64_t>(Big32(data + at + 12), kClamp)};
     if (!largest || d.width * d.height > largest->width * largest->height) largest = d;
   }
   return largest;
