@@ -2,8 +2,10 @@
 
 #include <gdk-pixbuf/gdk-pixbuf.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -90,6 +92,64 @@ std::vector<uint8_t> FlattenOnWhite(const uint8_t* pixels, int width, int height
   return rgb;
 }
 
+uint32_t Little(const uint8_t* p, int n) {
+  uint32_t v = 0;
+  for (int i = n - 1; i >= 0; --i) v = (v << 8) | p[i];
+  return v;
+}
+
+uint32_t Big32(const uint8_t* p) {
+  return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
+}
+
+struct Dimensions {
+  int64_t width = 0, height = 0;
+};
+
+// The canvas of a WebP file, from its first chunk.
+std::optional<Dimensions> WebpDimensions(const uint8_t* data, size_t size) {
+  if (size < 30) return std::nullopt;
+  const uint8_t* chunk = data + 12;
+  const uint8_t* body = chunk + 8;
+  if (std::memcmp(chunk, "VP8 ", 4) == 0) {  // lossy: a key frame's header
+    if (body[3] != 0x9D || body[4] != 0x01 || body[5] != 0x2A) return std::nullopt;
+    return Dimensions{Little(body + 6, 2) & 0x3FFF, Little(body + 8, 2) & 0x3FFF};
+  }
+  if (std::memcmp(chunk, "VP8L", 4) == 0) {  // lossless
+    if (body[0] != 0x2F) return std::nullopt;
+    const uint32_t bits = Little(body + 1, 4);
+    return Dimensions{(bits & 0x3FFF) + 1, ((bits >> 14) & 0x3FFF) + 1};
+  }
+  if (std::memcmp(chunk, "VP8X", 4) == 0) {  // extended: the canvas
+    return Dimensions{int64_t{Little(body + 4, 3)} + 1, int64_t{Little(body + 7, 3)} + 1};
+  }
+  return std::nullopt;
+}
+
+// The largest image a HEIF/AVIF file describes: every image has a spatial-extent ("ispe")
+// property, the full picture of a tiled one included.
+std::optional<Dimensions> HeifDimensions(const uint8_t* data, size_t size) {
+  std::optional<Dimensions> largest;
+  for (size_t at = 4; at + 16 <= size; ++at) {
+    if (std::memcmp(data + at, "ispe", 4) != 0 || Big32(data + at - 4) < 20) continue;
+    // Clamped so the products below cannot overflow; anything this wide is refused anyway.
+    constexpr int64_t kClamp = int64_t{1} << 24;
+    const Dimensions d{std::min<int64_t>(Big32(data + at + 8), kClamp),
+                       std::min<int64_t>(Big32(data + at + 12), kClamp)};
+    if (!largest || d.width * d.height > largest->width * largest->height) largest = d;
+  }
+  return largest;
+}
+
+// Loaders that do not stop at "size-prepared" before allocating (WebP, HEIF) are checked from
+// the file's own header first. Nothing when the header is not readable.
+std::optional<Dimensions> HeaderDimensions(std::string_view format, const uint8_t* data,
+                                           size_t size) {
+  if (format == "webp") return WebpDimensions(data, size);
+  if (format == "heif/avif") return HeifDimensions(data, size);
+  return Dimensions{1, 1};  // decided by the loader's "size-prepared"
+}
+
 }  // namespace
 
 const char* SniffImageFormat(const uint8_t* data, size_t size) {
@@ -115,6 +175,12 @@ const char* SniffImageFormat(const uint8_t* data, size_t size) {
 Conversion ConvertToJpeg(const uint8_t* data, size_t size, int64_t max_pixels) {
   const char* format = SniffImageFormat(data, size);
   if (!format) return {ConversionStatus::kNotAnImage, {}};
+  const std::optional<Dimensions> header = HeaderDimensions(format, data, size);
+  if (!header) return {ConversionStatus::kUndecodable, {}};
+  if (header->width <= 0 || header->height <= 0 || header->width > kMaxJpegSide ||
+      header->height > kMaxJpegSide || header->width * header->height > max_pixels) {
+    return {ConversionStatus::kTooLarge, {}};
+  }
   SizeGuard guard{max_pixels};
   ConversionStatus status = ConversionStatus::kConverted;
   GdkPixbuf* decoded = Decode(format, data, size, guard, &status);

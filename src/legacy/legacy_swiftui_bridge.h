@@ -18,7 +18,7 @@ namespace corvane::legacy {
 inline constexpr const char* kMethodChannel = "io.corvane/legacy_swiftui";
 inline constexpr const char* kQueueLabel = "corvane.legacy-swiftui";
 
-class LegacySwiftUIBridge : public std::enable_shared_from_this<LegacySwiftUIBridge> {
+class LegacySwiftUIBridge {
  public:
   // Opens the channel on `messenger` (call on the main thread). The folders are derived from
   // `environment` on every call.

@@ -180,6 +180,59 @@ inline std::vector<uint8_t> FourColourGif(uint16_t w, uint16_t h,
   return out;
 }
 
+// A lossless WebP whose header announces `w` x `h` (up to 16384 each), with no real pixels.
+inline std::vector<uint8_t> WebpHeader(uint32_t w, uint32_t h) {
+  std::vector<uint8_t> out = {'R', 'I', 'F', 'F', 0,   0,   0, 0, 'W', 'E', 'B',
+                              'P', 'V', 'P', '8', 'L', 100, 0, 0, 0,   0x2F};
+  const uint32_t bits = (w - 1) | (h - 1) << 14;
+  for (int s = 0; s < 32; s += 8) out.push_back(static_cast<uint8_t>(bits >> s));
+  out.resize(out.size() + 95, 0);
+  out[4] = static_cast<uint8_t>(out.size() - 8);
+  return out;
+}
+
+// The start of a HEIC file whose image property announces `w` x `h`.
+inline std::vector<uint8_t> HeicHeader(uint32_t w, uint32_t h) {
+  std::vector<uint8_t> out = {0, 0, 0, 24, 'f', 't', 'y', 'p', 'h', 'e', 'i', 'c',
+                              0, 0, 0, 0,  'm', 'i', 'f', '1', 'h', 'e', 'i', 'c'};
+  PutBigEndian32(out, 20);
+  out.insert(out.end(), {'i', 's', 'p', 'e', 0, 0, 0, 0});
+  PutBigEndian32(out, w);
+  PutBigEndian32(out, h);
+  return out;
+}
+
+// `jpeg` (baseline) with its frame header saying `w` x `h`.
+inline std::vector<uint8_t> WithJpegSize(std::vector<uint8_t> jpeg, uint16_t w, uint16_t h) {
+  for (size_t i = 2; i + 9 < jpeg.size(); ++i) {
+    if (jpeg[i] == 0xFF && jpeg[i + 1] == 0xC0) {
+      jpeg[i + 5] = static_cast<uint8_t>(h >> 8), jpeg[i + 6] = static_cast<uint8_t>(h);
+      jpeg[i + 7] = static_cast<uint8_t>(w >> 8), jpeg[i + 8] = static_cast<uint8_t>(w);
+      break;
+    }
+  }
+  return jpeg;
+}
+
+// A little-endian `tiff` with its width and height tags rewritten to `w` x `h`.
+inline std::vector<uint8_t> WithTiffSize(std::vector<uint8_t> tiff, uint32_t w, uint32_t h) {
+  auto at = [&](size_t i, int n) {
+    uint32_t v = 0;
+    for (int k = n - 1; k >= 0; --k) v = v << 8 | tiff[i + k];
+    return v;
+  };
+  const uint32_t ifd = at(4, 4);
+  for (uint32_t i = 0, n = at(ifd, 2); i < n; ++i) {
+    const size_t entry = ifd + 2 + i * 12;
+    const uint32_t tag = at(entry, 2), type = at(entry + 2, 2);
+    if (tag != 256 && tag != 257) continue;
+    const uint32_t v = tag == 256 ? w : h;
+    for (int k = 0; k < (type == 3 ? 2 : 4); ++k)
+      tiff[entry + 8 + k] = static_cast<uint8_t>(v >> (8 * k));
+  }
+  return tiff;
+}
+
 // `jpeg` with an EXIF block saying how to turn it for display (1 upright .. 8).
 inline std::vector<uint8_t> WithExifOrientation(const std::vector<uint8_t>& jpeg,
                                                 uint16_t orientation) {

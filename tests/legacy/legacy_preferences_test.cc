@@ -124,6 +124,7 @@ TEST_P(StoreFormatTest, LanguagesAloneAreNoLegacyData) {
                                        {"flutter.z21.host", Str("x")}}));
   const ValueMap probe = prefs.Probe();
   EXPECT_EQ(*probe.Find("hasLegacyData"), Value(true)) << "the empty override is a legacy key";
+  EXPECT_EQ(probe.Find("language"), nullptr) << "but no language";
 
   LegacyPreferences only = Read(Dict({{"AppleLanguages", Array({Str("nl")})}}));
   const ValueMap alone = only.Probe();
@@ -131,15 +132,6 @@ TEST_P(StoreFormatTest, LanguagesAloneAreNoLegacyData) {
   EXPECT_EQ(alone.Find("keyCount")->integer(), 0);
   EXPECT_EQ(alone.Find("language"), nullptr);
   EXPECT_EQ(only.Values().size(), 1u) << "readDefaults still returns it";
-}
-
-TEST_P(StoreFormatTest, EmptyOverrideAndWrongTypesGiveNeutralProbe) {
-  LegacyPreferences prefs =
-      Read(Dict({{"z21.appLanguageOverride", Str("")}, {"corvane.demo.isEnabled", Str("true")}}));
-  const ValueMap probe = prefs.Probe();
-  EXPECT_EQ(probe.Find("language"), nullptr);
-  EXPECT_EQ(*probe.Find("storeDemo"), Value(false));
-  EXPECT_EQ(probe.Find("keyCount")->integer(), 2);
 }
 
 TEST_P(StoreFormatTest, DeepNestingReadsAsNullBelowTheLimit) {
