@@ -7,12 +7,14 @@
 //                                  client as a "data" event (and the call's reply), vs a raw
 //                                  UDP ping-pong with the same echo process
 //   roundtrip startup HOST RUNS    exec of `HOST --headless` until its socket accepts a
-//                                  connection, and the idle host's resident memory
+//                                  connection, and the idle host's resident memory, vs exec
+//                                  of a bare process that binds a socket
 //
 // Prints one line per figure: name, p50/p99 in microseconds, and for the host the context
 // switches and wake-ups its threads made per call. Pinning is left to the caller (taskset):
 // every process started here inherits the CPU set.
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -26,7 +28,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -184,7 +185,8 @@ long ReadMigrations(pid_t pid) {
     std::ifstream sched(dir + "/" + e->d_name + "/sched");
     std::string line;
     while (std::getline(sched, line)) {
-      if (line.rfind("se.nr_migrations", 0) == 0) total += std::atol(line.c_str() + line.find(':') + 1);
+      if (line.rfind("se.nr_migrations", 0) == 0)
+        total += std::atol(line.c_str() + line.find(':') + 1);
     }
   }
   closedir(d);
@@ -197,17 +199,20 @@ void Print(const char* name, const Percentiles& p, int calls) {
 
 void PrintSwitches(const char* name, pid_t pid, const Switches& before, const Switches& after,
                    long migrations_before, int calls) {
-  std::printf("%s threads=%d voluntary_per_call=%.2f involuntary_per_call=%.2f "
-              "migrations_per_call=%.3f\n",
-              name, after.threads, double(after.voluntary - before.voluntary) / calls,
-              double(after.involuntary - before.involuntary) / calls,
-              double(ReadMigrations(pid) - migrations_before) / calls);
+  std::printf(
+      "%s threads=%d voluntary_per_call=%.2f involuntary_per_call=%.2f "
+      "migrations_per_call=%.3f\n",
+      name, after.threads, double(after.voluntary - before.voluntary) / calls,
+      double(after.involuntary - before.involuntary) / calls,
+      double(ReadMigrations(pid) - migrations_before) / calls);
 }
 
 // A host started on a private runtime directory and socket.
 class Host {
  public:
-  Host(const std::string& binary, const std::string& dir) : socket_(dir + "/engine.sock") {
+  // `listener` set: runs `listener listen SOCKET` instead, the bare-process baseline.
+  Host(const std::string& binary, const std::string& dir, const char* listener = nullptr)
+      : socket_(dir + "/engine.sock") {
     start_ = Clock::now();
     pid_ = fork();
     if (pid_ < 0) Die("fork");
@@ -217,8 +222,12 @@ class Host {
       unsetenv("WAYLAND_DISPLAY");
       const std::string log = dir + "/host.log";
       if (!freopen(log.c_str(), "a", stderr) || !freopen(log.c_str(), "a", stdout)) _exit(127);
-      execl(binary.c_str(), binary.c_str(), "--headless", "--engine-socket", socket_.c_str(),
-            static_cast<char*>(nullptr));
+      if (listener) {
+        execl(listener, listener, "listen", socket_.c_str(), static_cast<char*>(nullptr));
+      } else {
+        execl(binary.c_str(), binary.c_str(), "--headless", "--engine-socket", socket_.c_str(),
+              static_cast<char*>(nullptr));
+      }
       _exit(127);
     }
   }
@@ -230,8 +239,7 @@ class Host {
       const int fd = ConnectUnix(socket_);
       if (fd >= 0) {
         if (startup_ms) {
-          *startup_ms =
-              std::chrono::duration<double, std::milli>(Clock::now() - start_).count();
+          *startup_ms = std::chrono::duration<double, std::milli>(Clock::now() - start_).count();
         }
         return fd;
       }
@@ -271,9 +279,7 @@ std::string MakeDir() {
   return path;
 }
 
-void RemoveDir(const std::string& dir) {
-  std::system(("rm -rf '" + dir + "'").c_str());
-}
+void RemoveDir(const std::string& dir) { std::system(("rm -rf '" + dir + "'").c_str()); }
 
 // Times `calls` exchanges of `one`, after a warm-up.
 template <typename F>
@@ -306,7 +312,8 @@ int CallRoundTrip(const std::string& binary, int calls) {
     auto one = [&] {
       ++id;
       std::memcpy(request.data() + engine::kFrameHeaderSize + 1, &id, 4);
-      if (!WriteAll(client.fd(), request.data(), request.size()) || !client.Next(body)) return false;
+      if (!WriteAll(client.fd(), request.data(), request.size()) || !client.Next(body))
+        return false;
       reply_size = engine::kFrameHeaderSize + body.size();
       return FrameId(body) == id;
     };
@@ -337,7 +344,8 @@ int CallRoundTrip(const std::string& binary, int calls) {
     const uint32_t body = static_cast<uint32_t>(reply_size - engine::kFrameHeaderSize);
     std::memcpy(out.data(), &body, 4);
     while (ReadAll(fd, in.data(), in.size())) {
-      std::memcpy(out.data() + engine::kFrameHeaderSize + 1, in.data() + engine::kFrameHeaderSize + 1, 4);
+      std::memcpy(out.data() + engine::kFrameHeaderSize + 1,
+                  in.data() + engine::kFrameHeaderSize + 1, 4);
       if (!WriteAll(fd, out.data(), out.size())) break;
     }
   });
@@ -348,7 +356,8 @@ int CallRoundTrip(const std::string& binary, int calls) {
     auto one = [&] {
       ++id;
       std::memcpy(request.data() + engine::kFrameHeaderSize + 1, &id, 4);
-      if (!WriteAll(client.fd(), request.data(), request.size()) || !client.Next(body)) return false;
+      if (!WriteAll(client.fd(), request.data(), request.size()) || !client.Next(body))
+        return false;
       return FrameId(body) == id;
     };
     one();
@@ -425,9 +434,9 @@ int UdpRoundTrip(const std::string& binary, int calls) {
     auto one = [&] {
       ++id;
       std::memcpy(payload.data(), &id, sizeof id);
-      const double now_ms =
-          std::chrono::duration<double, std::milli>(std::chrono::system_clock::now().time_since_epoch())
-              .count();
+      const double now_ms = std::chrono::duration<double, std::milli>(
+                                std::chrono::system_clock::now().time_since_epoch())
+                                .count();
       client.Send(id, kMethods, "sendGuarded",
                   Map({{"sessionId", Value("rt")},
                        {"requestId", Value(std::to_string(id))},
@@ -483,32 +492,52 @@ long RssKb(pid_t pid) {
   return -1;
 }
 
-int Startup(const std::string& binary, int runs) {
-  std::vector<double> ms;
+// The host's start-up, alternating with the baseline: this same program exec'd to bind a Unix
+// socket and nothing else, which is what any process pays to get that far.
+int Startup(const std::string& binary, int runs, const char* self) {
+  std::vector<double> host_ms, bare_ms;
   long rss = 0;
   for (int i = 0; i < runs; ++i) {
-    const std::string dir = MakeDir();
-    {
-      Host host(binary, dir);
-      double startup = 0;
-      close(host.Connect(&startup));
-      ms.push_back(startup);
-      if (i == runs - 1) {
-        usleep(500 * 1000);  // settled, idle
-        rss = RssKb(host.pid());
+    for (bool bare : {false, true}) {
+      const std::string dir = MakeDir();
+      {
+        Host host(binary, dir, bare ? self : nullptr);
+        double startup = 0;
+        close(host.Connect(&startup));
+        (bare ? bare_ms : host_ms).push_back(startup);
+        if (!bare && i == runs - 1) {
+          usleep(500 * 1000);  // settled, idle
+          rss = RssKb(host.pid());
+        }
       }
+      RemoveDir(dir);
     }
-    RemoveDir(dir);
   }
-  std::sort(ms.begin(), ms.end());
-  std::printf("startup median_ms=%.2f min_ms=%.2f max_ms=%.2f runs=%d idle_rss_kb=%ld\n",
-              ms[ms.size() / 2], ms.front(), ms.back(), runs, rss);
+  for (auto* ms : {&host_ms, &bare_ms}) std::sort(ms->begin(), ms->end());
+  std::printf("host_startup median_ms=%.2f min_ms=%.2f max_ms=%.2f runs=%d idle_rss_kb=%ld\n",
+              host_ms[runs / 2], host_ms.front(), host_ms.back(), runs, rss);
+  std::printf("bare_startup median_ms=%.2f min_ms=%.2f max_ms=%.2f runs=%d\n", bare_ms[runs / 2],
+              bare_ms.front(), bare_ms.back(), runs);
+  return 0;
+}
+
+// The baseline's process: binds the socket, then waits to be stopped.
+int Listen(const char* path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 4) != 0) {
+    return 1;
+  }
+  pause();
   return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 3 && std::string(argv[1]) == "listen") return Listen(argv[2]);
   if (argc != 4) {
     std::fprintf(stderr, "usage: %s call|udp|startup HOST_BINARY COUNT\n", argv[0]);
     return 2;
@@ -518,7 +547,7 @@ int main(int argc, char** argv) {
   const int count = std::max(1, std::atoi(argv[3]));
   if (mode == "call") return CallRoundTrip(binary, count);
   if (mode == "udp") return UdpRoundTrip(binary, count);
-  if (mode == "startup") return Startup(binary, count);
+  if (mode == "startup") return Startup(binary, count, "/proc/self/exe");
   std::fprintf(stderr, "roundtrip: unknown mode %s\n", mode.c_str());
   return 2;
 }
