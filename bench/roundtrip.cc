@@ -137,13 +137,14 @@ void Stop(pid_t pid) {
 }
 
 struct Percentiles {
-  double p50 = 0, p99 = 0;
+  double p50 = 0, p90 = 0, p99 = 0, max = 0;
 };
 
 Percentiles Summarise(std::vector<Clock::duration>& samples) {
   std::sort(samples.begin(), samples.end());
   using Us = std::chrono::duration<double, std::micro>;
-  return {Us(samples[samples.size() / 2]).count(), Us(samples[samples.size() * 99 / 100]).count()};
+  auto at = [&](size_t percent) { return Us(samples[samples.size() * percent / 100]).count(); };
+  return {at(50), at(90), at(99), Us(samples.back()).count()};
 }
 
 // Context switches of every thread of a process, from /proc: voluntary ones are the thread
@@ -194,7 +195,8 @@ long ReadMigrations(pid_t pid) {
 }
 
 void Print(const char* name, const Percentiles& p, int calls) {
-  std::printf("%s p50_us=%.2f p99_us=%.2f calls=%d\n", name, p.p50, p.p99, calls);
+  std::printf("%s p50_us=%.2f p90_us=%.2f p99_us=%.2f max_us=%.1f calls=%d\n", name, p.p50, p.p90,
+              p.p99, p.max, calls);
 }
 
 void PrintSwitches(const char* name, pid_t pid, const Switches& before, const Switches& after,
