@@ -299,33 +299,38 @@ std::vector<Clock::duration> Time(int calls, F&& one) {
   return samples;
 }
 
+// Sequential calls of `request` (its id patched each time) on `fd`, served by process `server`;
+// prints their latencies and the server's context switches. Returns the reply frame's size.
+size_t MeasureCalls(const char* name, int fd, pid_t server, channel::Bytes& request, int calls) {
+  channel::Bytes body;
+  uint32_t id = 0;
+  auto one = [&] {
+    ++id;
+    std::memcpy(request.data() + engine::kFrameHeaderSize + 1, &id, 4);
+    return WriteAll(fd, request.data(), request.size()) && ReadFrame(fd, body) &&
+           FrameId(body) == id;
+  };
+  one();
+  const Switches before = ReadSwitches(server);
+  const long migrations = ReadMigrations(server);
+  auto samples = Time(calls, one);
+  const Switches after = ReadSwitches(server);
+  Print(name, Summarise(samples), calls);
+  PrintSwitches((std::string(name) + "_switches").c_str(), server, before, after, migrations,
+                calls + kWarmUp);
+  return engine::kFrameHeaderSize + body.size();
+}
+
 int CallRoundTrip(const std::string& binary, int calls) {
   const std::string dir = MakeDir();
-  const char* channel = "corvane/udp";
   // The request, encoded once; each call patches its id, in both runs alike.
-  channel::Bytes request =
-      engine::EncodeMessageFrame(1, channel, channel::EncodeMethodCall({"capabilities", Value()}));
-  channel::Bytes body;
+  channel::Bytes request = engine::EncodeMessageFrame(
+      1, "corvane/udp", channel::EncodeMethodCall({"capabilities", Value()}));
   size_t reply_size = 0;
   {
     Host host(binary, dir);
     Client client(host.Connect());
-    uint32_t id = 0;
-    auto one = [&] {
-      ++id;
-      std::memcpy(request.data() + engine::kFrameHeaderSize + 1, &id, 4);
-      if (!WriteAll(client.fd(), request.data(), request.size()) || !client.Next(body))
-        return false;
-      reply_size = engine::kFrameHeaderSize + body.size();
-      return FrameId(body) == id;
-    };
-    one();
-    const Switches before = ReadSwitches(host.pid());
-    const long migrations = ReadMigrations(host.pid());
-    auto samples = Time(calls, one);
-    const Switches after = ReadSwitches(host.pid());
-    Print("host_call", Summarise(samples), calls);
-    PrintSwitches("host_call_switches", host.pid(), before, after, migrations, calls + kWarmUp);
+    reply_size = MeasureCalls("host_call", client.fd(), host.pid(), request, calls);
   }
 
   // Raw baseline: an echo process that reads a request of the same size and writes a reply of
@@ -354,21 +359,7 @@ int CallRoundTrip(const std::string& binary, int calls) {
   close(listener);
   {
     Client client(ConnectUnix(raw_path));
-    uint32_t id = 0;
-    auto one = [&] {
-      ++id;
-      std::memcpy(request.data() + engine::kFrameHeaderSize + 1, &id, 4);
-      if (!WriteAll(client.fd(), request.data(), request.size()) || !client.Next(body))
-        return false;
-      return FrameId(body) == id;
-    };
-    one();
-    const Switches before = ReadSwitches(echo);
-    const long migrations = ReadMigrations(echo);
-    auto samples = Time(calls, one);
-    const Switches after = ReadSwitches(echo);
-    Print("raw_unix", Summarise(samples), calls);
-    PrintSwitches("raw_unix_switches", echo, before, after, migrations, calls + kWarmUp);
+    MeasureCalls("raw_unix", client.fd(), echo, request, calls);
   }
   Stop(echo);
   RemoveDir(dir);
