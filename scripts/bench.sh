@@ -50,6 +50,14 @@ command -v taskset >/dev/null || pin=()
 "${pin[@]}" "$build/bench/roundtrip" udp "$host" "$udp_calls" >"$work/udp_pinned.txt"
 "$build/bench/roundtrip" startup "$host" 21 >"$work/startup.txt"
 
+# The services' own benchmarks print their ratios against the bare library they wrap (symbol
+# rendering against librsvg, ...); those this tree builds are run as they are.
+for target in bench_ui; do
+  if cmake --build --preset default --target "$target" >"$work/$target-build.log" 2>&1; then
+    "$build/bench/$target" --benchmark_min_time="$min_time"
+  fi
+done
+
 # Idle host: CPU time and wake-ups (context switches of all its threads) over a quiet window.
 runtime="$work/runtime"
 mkdir -m 0700 "$runtime"
