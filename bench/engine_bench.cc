@@ -1,5 +1,7 @@
 // Round trip of a trivial method call through the socket engine, beside a raw Unix-socket
-// ping-pong of the same byte sizes between two threads.
+// ping-pong of the same byte sizes between two threads. For profiling the engine in one
+// process only: a thread baseline moves with where the scheduler puts the threads, so the
+// figures make bench reports come from roundtrip.cc, between separate processes.
 //
 // The engine must live on the process's main thread (replies leave from there), so main()
 // starts it, runs the benchmarks on a worker thread that plays the client, and iterates the

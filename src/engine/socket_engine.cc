@@ -46,6 +46,7 @@ std::string Errno(const std::string& what) { return what + ": " + std::strerror(
 struct FdSource {
   GSource base;
   gpointer tag;
+  GIOCondition events;  // what the tag watches now; GLib wakes its context on every change
   std::function<void(GIOCondition)>* handler;
 };
 
@@ -65,6 +66,10 @@ GSource* WatchFd(int fd, GIOCondition events, std::function<void(GIOCondition)> 
   auto* s = reinterpret_cast<FdSource*>(source);
   s->handler = new std::function<void(GIOCondition)>(std::move(handler));
   s->tag = g_source_add_unix_fd(source, fd, events);
+  s->events = events;
+  // Otherwise GLib takes the fd out of its poll set around every dispatch and puts it back,
+  // each time waking its own context: a second poll iteration for every message.
+  g_source_set_can_recurse(source, TRUE);
   g_source_attach(source, g_main_context_default());
   return source;
 }
@@ -415,8 +420,8 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     }
     auto* s = reinterpret_cast<FdSource*>(client.watch);
     const GIOCondition base = GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR);
-    g_source_modify_unix_fd(client.watch, s->tag,
-                            client.output.empty() ? base : GIOCondition(base | G_IO_OUT));
+    const GIOCondition want = client.output.empty() ? base : GIOCondition(base | G_IO_OUT);
+    if (want != s->events) g_source_modify_unix_fd(client.watch, s->tag, s->events = want);
   }
 
   // Closing from inside a send path would pull the client out from under its caller; the
