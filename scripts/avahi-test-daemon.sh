@@ -13,6 +13,8 @@
 # /run/avahi-daemon (a host daemon or a stale pid file cannot collide). Clients reach it over the
 # bus socket, which crosses namespaces; published services resolve to 127.0.0.1.
 # AVAHI_CI_NETNS=0 runs it in the host namespace instead (allow-interfaces=lo).
+# AVAHI_CI_TWO_LINKS=1 (with the namespace) adds a veth pair, cv0 10.77.0.1 and cv1 10.77.0.2,
+# and IPv6: every published service is then seen on several interfaces and protocols.
 set -euo pipefail
 
 DIR=${AVAHI_CI_DIR:-/tmp/corvane-avahi}
@@ -78,12 +80,16 @@ EOF
 start_avahi() {
   alive "$DIR/avahi.pid" avahi-daemon && return 0
   rm -f "$DIR/avahi.pid"
+  local links=0 ipv6=no interfaces=lo
+  if [ "$USE_NETNS" = 1 ] && [ "${AVAHI_CI_TWO_LINKS:-0}" = 1 ]; then
+    links=1 ipv6=yes interfaces=lo,cv0,cv1
+  fi
   cat >"$DIR/avahi-daemon.conf" <<EOF
 [server]
 host-name=$HOST
 use-ipv4=yes
-use-ipv6=no
-allow-interfaces=lo
+use-ipv6=$ipv6
+allow-interfaces=$interfaces
 enable-dbus=yes
 ratelimit-interval-usec=1000000
 ratelimit-burst=1000
@@ -106,8 +112,13 @@ EOF
       ip link set lo up && ip link set lo multicast on &&
       mount -t tmpfs -o mode=0755 corvane-avahi /run/avahi-daemon || exit 1
     fi
+    if [ "$4" = 1 ]; then
+      ip link add cv0 type veth peer name cv1 &&
+        ip addr add 10.77.0.1/24 dev cv0 && ip addr add 10.77.0.2/24 dev cv1 &&
+        ip link set cv0 up && ip link set cv1 up || exit 1
+    fi
     exec avahi-daemon -f "$2" --no-drop-root --no-chroot --no-rlimits
-  ' sh "$DIR/avahi.pid" "$DIR/avahi-daemon.conf" "$USE_NETNS" \
+  ' sh "$DIR/avahi.pid" "$DIR/avahi-daemon.conf" "$USE_NETNS" "$links" \
     >"$DIR/avahi.log" 2>&1 </dev/null &
 }
 

@@ -1,6 +1,7 @@
 // BonjourBridge with its Avahi backend against a real avahi-daemon on a private bus, which the
 // test fixture starts (scripts/avahi-test-daemon.sh). Services are published with avahi-publish.
 // Other test processes share the daemon, so every assertion is about this test's own names.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -113,6 +114,41 @@ TEST_F(AvahiRestartTest, ServicesAreFoundAgainAfterTheDaemonOrTheBusComesBack) {
     ASSERT_TRUE(client_.WaitFor("found", name, round + 1)) << stop;
   }
   EXPECT_EQ(client_.List().size(), 1u);
+}
+
+// Its own daemon pair in a namespace with a second and third link and IPv6, so that every
+// instance is seen on several interfaces and over both protocols.
+class AvahiTwoLinksTest : public AvahiTest {
+ protected:
+  AvahiTwoLinksTest() : AvahiTest("/tmp/corvane-avahi-links-" + std::to_string(getpid())) {
+    setenv("AVAHI_CI_TWO_LINKS", "1", 1);
+  }
+  void TearDown() override {
+    Script("stop");
+    unsetenv("AVAHI_CI_TWO_LINKS");
+    std::filesystem::remove_all(dir_);
+  }
+};
+
+TEST_F(AvahiTwoLinksTest, AnInstanceSeenManyTimesIsFoundOnceAtAnIPv4HostAndLostOnce) {
+  const std::string name = Unique("Z21 links");
+  ASSERT_EQ(client_.Call("start", Types({"_z21._udp."})).value, Value(true));
+  auto publisher = std::make_unique<Child>(PublishCommand(name, "_z21._udp", 21105));
+  ASSERT_TRUE(client_.WaitFor("found", name));
+  // Every sighting has had time to resolve (the daemon answers its own records at once).
+  client_.WaitFor("found", name, 2, std::chrono::seconds(3));
+  const std::vector<Event> found = client_.Events(name);
+  ASSERT_EQ(found.size(), 1u) << "one instance, one \"found\"";
+  const Event& z21 = found.front();
+  in_addr v4{};
+  EXPECT_EQ(inet_pton(AF_INET, z21.host.c_str(), &v4), 1) << z21.host;
+  EXPECT_EQ(z21.addresses, std::vector<std::string>{z21.host});
+
+  publisher.reset();
+  ASSERT_TRUE(client_.WaitFor("lost", name));
+  client_.WaitFor("lost", name, 2, std::chrono::seconds(2));
+  EXPECT_EQ(client_.Count("found", name), 1u);
+  EXPECT_EQ(client_.Count("lost", name), 1u);
 }
 
 }  // namespace

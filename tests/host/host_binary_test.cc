@@ -144,7 +144,10 @@ TEST_F(HostBinaryTest, ServesAPrivateSocketUntilStoppedAndHasItToItself) {
 // Without XDG_RUNTIME_DIR the socket folder is /tmp/corvane-UID, a name anyone can take first.
 // Each case runs in a private mount namespace with its own /tmp, so no real /tmp is touched.
 TEST_F(HostBinaryTest, AFallbackFolderThatIsNotPrivatelyOursIsRefused) {
-  if (geteuid() != 0 || !g_find_program_in_path("unshare")) GTEST_SKIP() << "needs root";
+  gchar* unshare = g_find_program_in_path("unshare");
+  const bool can_unshare = unshare != nullptr;
+  g_free(unshare);
+  if (geteuid() != 0 || !can_unshare) GTEST_SKIP() << "needs root and unshare";
   if (RunToEnd({"--print-registrations"}).code != 0) GTEST_SKIP() << "host does not run";
   const std::string folder = "/tmp/corvane-" + std::to_string(geteuid());
   const struct {

@@ -318,7 +318,11 @@ TEST_F(RobustnessTest, AClientThatNeverReadsCostsBoundedMemory) {
   const long peak_kb = host_->StatusKb("VmHWM");
   std::printf("non-reading client: %zu calls sent, host peak RSS %ld kB -> %ld kB (+%ld kB)\n",
               sent, before_kb, peak_kb, peak_kb - before_kb);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // A sanitizer's quarantine and shadow memory make the host's size meaningless here.
+#else
   EXPECT_LT(peak_kb - before_kb, 64 * 1024) << "one client that does not read cost too much";
+#endif
   EXPECT_TRUE(host_->alive()) << host_->LogTail();
 }
 
