@@ -12,6 +12,7 @@
 #include "channel/log.h"
 #include "cloud/file_transfer.h"
 #include "cloud/folder_watcher.h"
+#include "cloud/paths.h"
 
 namespace corvane::cloud {
 
@@ -447,21 +448,17 @@ void ICloudBridge::IdentityChecked(const ContainerLocation& location) {
   // noticed; a file whose folder does not exist yet is watched from the folder above.
   std::vector<std::string> paths;
   auto watch = [&paths](const std::string& path) {
-    gchar* parent = g_path_get_dirname(path.c_str());
-    gchar* grandparent = g_path_get_dirname(parent);
-    if (g_file_test(parent, G_FILE_TEST_IS_DIR))
+    const std::string parent = Dirname(path);
+    if (g_file_test(parent.c_str(), G_FILE_TEST_IS_DIR)) {
       paths.push_back(path);
-    else if (g_file_test(grandparent, G_FILE_TEST_IS_DIR))
-      paths.push_back(grandparent);
-    g_free(grandparent);
-    g_free(parent);
+    } else if (g_file_test(Dirname(parent).c_str(), G_FILE_TEST_IS_DIR)) {
+      paths.push_back(Dirname(parent));
+    }
   };
   for (const auto& file : options_.store->ConfigurationFiles()) watch(file);
   int above = 0;
   for (std::string folder = location.folder; above < 2 && folder.size() > 1;) {
-    gchar* parent = g_path_get_dirname(folder.c_str());
-    folder = parent;
-    g_free(parent);
+    folder = Dirname(folder);
     if (g_file_test(folder.c_str(), G_FILE_TEST_IS_DIR)) paths.push_back(folder), ++above;
   }
   identity_watcher_->WatchExactly(paths);
