@@ -481,7 +481,10 @@ void ICloudBridge::Read(const Value& arguments, std::unique_ptr<MethodResult> re
   const std::string* to = args.string("to");
   if (!path || !to) return result->Success(BadTransferArguments());
   OnIo([path = *path, to = *to, result = std::move(result)](Core& core) mutable {
-    if (!core.Inside(path)) return result->Success(OutsideReply(path));
+    // A link that a sync peer left in the container must not lead a read out of it either.
+    if (!core.Inside(path) || !core.Inside(RealPath(path))) {
+      return result->Success(OutsideReply(path));
+    }
     result->Success(TransferReply(CopyOut(path, to)));
   });
 }

@@ -164,6 +164,10 @@ TEST_F(TransferTest, NothingOutsideTheContainerIsRemovedMovedOrWritten) {
     EXPECT_EQ(Call("setUbiquitous", Args2("from", docs_ + "/in.corvane", "to", victim)),
               Value(false));
   }
+  fs::create_symlink(local_ + "/keep", docs_ + "/linked.corvane");
+  EXPECT_EQ(
+      Flag(Call("read", Args2("path", docs_ + "/linked.corvane", "to", local_ + "/copy")), "ok"),
+      false);
   EXPECT_EQ(ReadFile(local_ + "/keep"), "keep");
   EXPECT_EQ(ReadFile(docs_ + "/in.corvane"), "in");
   EXPECT_FALSE(fs::exists(local_ + "/copy"));
