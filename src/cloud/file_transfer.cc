@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "cloud/cloud_store.h"
+#include "cloud/paths.h"
 
 namespace corvane::cloud {
 
@@ -21,20 +22,6 @@ namespace {
 constexpr mode_t kNewFileMode = 0644;
 
 std::string Failure(const std::string& path, int error) { return path + ": " + g_strerror(error); }
-
-std::string Dirname(const std::string& path) {
-  gchar* dir = g_path_get_dirname(path.c_str());
-  std::string result(dir);
-  g_free(dir);
-  return result;
-}
-
-std::string Basename(const std::string& path) {
-  gchar* base = g_path_get_basename(path.c_str());
-  std::string result(base);
-  g_free(base);
-  return result;
-}
 
 // An advisory lock on an existing file, held while the object lives. A path that does not exist
 // (yet) takes no lock: there is nothing another process could be reading.
@@ -174,8 +161,7 @@ bool IsInsideFolder(const std::string& given, const std::string& folder) {
   std::string resolved = real;
   free(real);
   resolved += (resolved == "/" ? "" : "/") + rest;
-  return resolved.size() > folder.size() + 1 && resolved.compare(0, folder.size(), folder) == 0 &&
-         resolved[folder.size()] == '/';
+  return resolved != folder && IsSameOrBelow(resolved, folder);
 }
 
 bool CreateParentFolder(const std::string& path, std::string* message) {

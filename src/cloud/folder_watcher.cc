@@ -2,6 +2,8 @@
 
 #include <gio/gio.h>
 
+#include <algorithm>
+
 namespace corvane::cloud {
 
 FolderWatcher::FolderWatcher(std::chrono::milliseconds interval, Batch on_batch,
@@ -14,9 +16,15 @@ FolderWatcher::~FolderWatcher() {
 }
 
 size_t FolderWatcher::WatchExactly(const std::vector<std::string>& paths, size_t* failed) {
+  if (failed) *failed = 0;
+  // The common case while watching: the same folders as before.
+  if (paths.size() == monitors_.size() &&
+      std::all_of(paths.begin(), paths.end(),
+                  [this](const std::string& p) { return monitors_.count(p) > 0; })) {
+    return 0;
+  }
   std::map<std::string, GFileMonitor*> kept;
   size_t added = 0;
-  if (failed) *failed = 0;
   for (const auto& path : paths) {
     if (kept.count(path)) continue;
     auto existing = monitors_.find(path);

@@ -11,6 +11,7 @@
 
 #include "cloud/cloud_store.h"
 #include "cloud/conflict_names.h"
+#include "cloud/paths.h"
 #include "cloud/syncthing_state.h"
 
 namespace corvane::cloud {
@@ -20,31 +21,6 @@ namespace {
 bool IsDirectory(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-std::string RealPath(const std::string& path) {
-  char* real = realpath(path.c_str(), nullptr);
-  if (!real) return path;
-  std::string result(real);
-  free(real);
-  return result;
-}
-
-bool IsInside(const std::string& path, const std::string& folder) {
-  return path == folder ||
-         (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-          path[folder.size()] == '/');
-}
-
-std::string Basename(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-std::string Dirname(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 class SyncedFolderStore final : public CloudStore {
@@ -60,7 +36,7 @@ class SyncedFolderStore final : public CloudStore {
       // The folder is probably inside a client's sync root: that client's account owns it.
       size_t best = 0;
       for (const auto& root : roots) {
-        if (IsInside(chosen.folder, root.folder) && root.folder.size() >= best) {
+        if (IsSameOrBelow(chosen.folder, root.folder) && root.folder.size() >= best) {
           best = root.folder.size();
           chosen.kind = root.kind;
           chosen.account = root.account;
@@ -167,7 +143,7 @@ class SyncedFolderStore final : public CloudStore {
     const std::string real = RealPath(path);
     for (const auto& folder : setup->folders) {
       const std::string root = RealPath(folder.path);
-      if (IsInside(real, root) || IsInside(path, root)) {
+      if (IsSameOrBelow(real, root) || IsSameOrBelow(path, root)) {
         return SyncthingState(*setup, folder.id, root);
       }
     }

@@ -38,7 +38,8 @@ bool LoopbackAddress(const std::string& address, sockaddr_in* out) {
   const size_t colon = address.rfind(':');
   if (colon == std::string::npos) return false;
   std::string host = address.substr(0, colon);
-  if (host == "localhost") host = "127.0.0.1";
+  // A listener on every address is reachable on loopback too.
+  if (host == "localhost" || host == "0.0.0.0" || host.empty()) host = "127.0.0.1";
   const long port = std::strtol(address.c_str() + colon + 1, nullptr, 10);
   sockaddr_in a{};
   a.sin_family = AF_INET;

@@ -52,34 +52,35 @@ const std::vector<ClientSetup>& Clients() {
   return clients;
 }
 
-TEST_F(CloudTest, StatusWithoutAUsableContainerKey) {
-  // "$(" is an unexpanded build setting: no container, and no "container" in the reply.
-  for (std::optional<std::string> key :
-       {std::optional<std::string>(), std::optional<std::string>(""),
-        std::optional<std::string>("iCloud.$(PRODUCT_BUNDLE_IDENTIFIER)")}) {
+TEST_F(CloudTest, StatusWhenUnavailable) {
+  const Value no_container = Map({{"available", Value(false)}, {"reason", Value("noContainer")}});
+  const Value with_id = Map({{"available", Value(false)},
+                             {"reason", Value("noContainer")},
+                             {"container", Value(kContainer)}});
+  const Value no_account = Map({{"available", Value(false)},
+                                {"reason", Value("noAccount")},
+                                {"container", Value(kContainer)}});
+  struct Case {
+    std::optional<std::string> key;
+    std::optional<std::string> folder;  // in the settings file; nothing: not configured
+    Value status;
+  } cases[] = {
+      // An unexpanded build setting ("$(") counts as no container, without "container".
+      {std::nullopt, "present", no_container},
+      {"", "present", no_container},
+      {"iCloud.$(PRODUCT_BUNDLE_IDENTIFIER)", "present", no_container},
+      {kContainer, std::nullopt, no_account},
+      {kContainer, "unmounted/" + std::string(kContainer), with_id},
+  };
+  fs::create_directories(root_.path() + "/present");
+  for (const auto& c : cases) {
+    fs::remove(paths_.SettingsFile());
+    if (c.folder) ConfigureFolder(root_.path() + "/" + *c.folder, false);
     auto options = MakeOptions();
-    options.container_key = key;
-    ConfigureFolder(root_.path() + "/folder");
+    options.container_key = c.key;
     Start(std::move(options));
-    const Value status = Call("status");
-    EXPECT_EQ(status, Map({{"available", Value(false)}, {"reason", Value("noContainer")}}))
-        << key.value_or("<no key>");
+    EXPECT_EQ(Call("status"), c.status) << c.key.value_or("<no key>");
   }
-}
-
-TEST_F(CloudTest, StatusWithNothingConfiguredIsNoAccount) {
-  Start();
-  EXPECT_EQ(Call("status"), Map({{"available", Value(false)},
-                                 {"reason", Value("noAccount")},
-                                 {"container", Value(kContainer)}}));
-}
-
-TEST_F(CloudTest, StatusOfAConfiguredFolderThatIsMissingIsNoContainer) {
-  ConfigureFolder(root_.path() + "/unmounted/" + kContainer, false);
-  Start();
-  EXPECT_EQ(Call("status"), Map({{"available", Value(false)},
-                                 {"reason", Value("noContainer")},
-                                 {"container", Value(kContainer)}}));
   EXPECT_FALSE(fs::exists(root_.path() + "/unmounted"));  // nothing created for it
 }
 

@@ -1,8 +1,6 @@
 // Transfers between the container and local disk: replacement, parent folders, failures that
-// leave everything as it was, readers that never see half a file, and waiting downloads.
-#include <atomic>
-#include <thread>
-
+// leave everything as it was, and readers that never see half a file. Downloads that wait are
+// in the Syncthing state test, where a client has files still to come.
 #include "cloud_fixture.h"
 
 namespace corvane::cloud::testing {
@@ -166,6 +164,10 @@ TEST_F(TransferTest, NothingOutsideTheContainerIsRemovedMovedOrWritten) {
     EXPECT_EQ(Call("setUbiquitous", Args2("from", docs_ + "/in.corvane", "to", victim)),
               Value(false));
   }
+  fs::create_symlink(local_ + "/keep", docs_ + "/linked.corvane");
+  EXPECT_EQ(
+      Flag(Call("read", Args2("path", docs_ + "/linked.corvane", "to", local_ + "/copy")), "ok"),
+      false);
   EXPECT_EQ(ReadFile(local_ + "/keep"), "keep");
   EXPECT_EQ(ReadFile(docs_ + "/in.corvane"), "in");
   EXPECT_FALSE(fs::exists(local_ + "/copy"));
@@ -176,100 +178,6 @@ TEST_F(TransferTest, NothingOutsideTheContainerIsRemovedMovedOrWritten) {
             Value(false));
   EXPECT_EQ(Call("delete", Map({{"path", Value(docs_ + "/out")}})), Value(true));
   EXPECT_EQ(ReadFile(local_ + "/keep"), "keep");
-}
-
-// A sync client that has yet to fetch one file, until the test lets it arrive.
-class PendingStore : public CloudStore {
- public:
-  PendingStore(std::unique_ptr<CloudStore> inner, std::string pending)
-      : inner_(std::move(inner)), pending_(std::move(pending)) {}
-  std::atomic<bool> arrived{false};
-  std::atomic<int> started{0};
-
-  ContainerLocation Locate(const std::string& id) override { return inner_->Locate(id); }
-  std::vector<std::string> ConfigurationFiles() override { return inner_->ConfigurationFiles(); }
-  std::optional<ItemState> ClientState(const std::string& path) override {
-    if (path != pending_ || arrived) return inner_->ClientState(path);
-    ItemState state;
-    state.downloaded = false;
-    state.downloading = true;
-    return state;
-  }
-  std::map<std::string, ItemState> ClientStates(const std::string& folder) override {
-    return inner_->ClientStates(folder);
-  }
-  bool StartDownloading(const std::string& path, std::string* error) override {
-    ++started;
-    return path == pending_ || inner_->StartDownloading(path, error);
-  }
-  std::vector<ConflictVersion> ConflictVersions(const std::string& path) override {
-    return inner_->ConflictVersions(path);
-  }
-
- private:
-  std::unique_ptr<CloudStore> inner_;
-  std::string pending_;
-};
-
-class DownloadTest : public CloudTest {
- protected:
-  void SetUp() override {
-    docs_ = StartWithContainer();
-    auto options = MakeOptions();
-    store_ =
-        std::make_shared<PendingStore>(MakeSyncedFolderStore(paths_), docs_ + "/remote.corvane");
-    options.store = store_;
-    Start(std::move(options));
-    Call("status");
-  }
-  Value Download(const std::string& name, Value timeout = Value()) {
-    ValueMap args = *Map({{"path", Value(docs_ + "/" + name)}}).map_if();
-    if (!timeout.is_null()) args.Append(Value("timeoutMs"), timeout);
-    return Call("download", Value(std::move(args)));
-  }
-  std::string docs_;
-  std::shared_ptr<PendingStore> store_;
-};
-
-TEST_F(DownloadTest, PlainFilesAndTimeOuts) {
-  WriteFile(docs_ + "/here.corvane", "x");
-  EXPECT_EQ(Download("here.corvane"), Value(true));
-  EXPECT_EQ(store_->started, 0);  // current already: nothing to start
-  EXPECT_EQ(Download("missing.corvane"), Value(false));
-  EXPECT_EQ(Download("remote.corvane", Value::Integer(0)), Value(false));
-  EXPECT_EQ(Download("remote.corvane", Value::Integer(150)), Value(false));
-  EXPECT_EQ(store_->started, 3);
-}
-
-TEST_F(DownloadTest, AWaitingDownloadEndsWhenTheFileArrives) {
-  // "timeoutMs" as a string means the default minute, not zero: the call is still waiting
-  // when the file arrives.
-  Replies waiting = Send(
-      "download", Map({{"path", Value(docs_ + "/remote.corvane")}, {"timeoutMs", Value("5")}}));
-  dispatch::RunMainUntil([&] { return store_->started > 0; }, 5s);
-  Settle(100ms);
-  EXPECT_TRUE(waiting->empty());
-  // Other calls are served meanwhile.
-  EXPECT_EQ(Flag(Call("status"), "available"), true);
-  EXPECT_EQ(Call("versions", Map({{"path", Value(docs_ + "/remote.corvane")}})),
-            Map({{"conflicts", Value(ValueList())}}));
-  store_->arrived = true;
-  WriteFile(docs_ + "/remote.corvane", "arrived");
-  dispatch::RunMainUntil([&] { return !waiting->empty(); }, 5s);
-  ASSERT_EQ(waiting->size(), 1u);
-  EXPECT_EQ(waiting->front().value, Value(true));
-}
-
-TEST_F(DownloadTest, ShutDownAnswersAWaitingDownload) {
-  // Ten minutes to wait: the service going away ends the wait, and the call still gets its
-  // one answer (the file is not there).
-  Replies waiting = Send("download", Map({{"path", Value(docs_ + "/remote.corvane")},
-                                          {"timeoutMs", Value::Integer(600000)}}));
-  dispatch::RunMainUntil([&] { return store_->started > 0; }, 5s);
-  bridge_.reset();
-  dispatch::RunMainUntil([&] { return !waiting->empty(); }, 5s);
-  ASSERT_EQ(waiting->size(), 1u);
-  EXPECT_EQ(waiting->front().value, Value(false));
 }
 
 }  // namespace

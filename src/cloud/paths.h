@@ -1,0 +1,15 @@
+// Path helpers shared by the cloud store and the file operations.
+#pragma once
+
+#include <string>
+
+namespace corvane::cloud {
+
+std::string Dirname(const std::string& path);
+std::string Basename(const std::string& path);
+// The path with every link resolved; the path itself when it cannot be resolved.
+std::string RealPath(const std::string& path);
+// `path` is `folder` or below it, compared by name only.
+bool IsSameOrBelow(const std::string& path, const std::string& folder);
+
+}  // namespace corvane::cloud
