@@ -2,24 +2,11 @@
 
 #include <algorithm>
 
+#include "channel/event_channel.h"
 #include "channel/standard_codec.h"
 #include "dispatch/queue.h"
 
 namespace corvane::engine {
-
-namespace {
-
-enum class StreamCall { kNone, kListen, kCancel };
-
-StreamCall ClassifyStreamCall(const Bytes& message) {
-  auto call = channel::DecodeMethodCall(message);
-  if (!call) return StreamCall::kNone;
-  if (call.value->method == "listen") return StreamCall::kListen;
-  if (call.value->method == "cancel") return StreamCall::kCancel;
-  return StreamCall::kNone;
-}
-
-}  // namespace
 
 void Engine::Send(const std::string& channel, Bytes message, ReplyHandler on_reply) {
   auto transmit = [this, channel](Bytes message, ReplyHandler on_reply) {
@@ -86,39 +73,35 @@ void Engine::DispatchFrom(const Engine* side, const std::string& channel, Bytes 
     DispatchToHandler(channel, std::move(message), std::move(deliver));
     return;
   }
-  const StreamCall kind = ClassifyStreamCall(message);
-  if (kind == StreamCall::kListen) {
-    auto& sides = stream_sides_[channel];
-    const bool alone = sides.empty() || (sides.size() == 1 && sides.count(side) != 0);
-    sides.insert(side);
-    if (!alone) {
-      // The service already streams to another side; this side now hears the same events.
+  // Each side (this engine, each mirror) counts as one listener of an event channel.
+  const auto id = reinterpret_cast<ListenerTable::ClientId>(side);
+  ListenerTable::Action action = ListenerTable::Action::kForward;
+  const ListenerTable::StreamCall kind = ListenerTable::Classify(message);
+  if (kind == ListenerTable::StreamCall::kListen) {
+    action = stream_sides_.OnListen(channel, id);
+    if (action == ListenerTable::Action::kForward) {
+      deliver = [this, id, channel, deliver = std::move(deliver)](Bytes reply) mutable {
+        auto decoded = channel::DecodeEnvelope(reply);
+        stream_sides_.ListenAnswered(
+            channel, id, decoded && decoded.value->kind == channel::MethodReply::Kind::kSuccess);
+        deliver(std::move(reply));
+      };
+    }
+  } else if (kind == ListenerTable::StreamCall::kCancel) {
+    action = stream_sides_.OnCancel(channel, id);
+  }
+  switch (action) {
+    case ListenerTable::Action::kForward:
+      DispatchToHandler(channel, std::move(message), std::move(deliver));
+      return;
+    case ListenerTable::Action::kAnswerSuccess:
       deliver(channel::EncodeSuccessEnvelope(channel::Value()));
       return;
-    }
-    // A refused listen leaves this side out.
-    deliver = [this, side, channel, deliver = std::move(deliver)](Bytes reply) mutable {
-      auto decoded = channel::DecodeEnvelope(reply);
-      if (!decoded || decoded.value->kind != channel::MethodReply::Kind::kSuccess) {
-        auto it = stream_sides_.find(channel);
-        if (it != stream_sides_.end()) it->second.erase(side);
-      }
-      deliver(std::move(reply));
-    };
-  } else if (kind == StreamCall::kCancel) {
-    auto it = stream_sides_.find(channel);
-    if (it != stream_sides_.end() && !it->second.empty()) {
-      if (it->second.erase(side) == 0) {
-        deliver(channel::EncodeErrorEnvelope({"error", "No active stream to cancel", {}, {}}));
-        return;
-      }
-      if (!it->second.empty()) {
-        deliver(channel::EncodeSuccessEnvelope(channel::Value()));
-        return;
-      }
-    }
+    case ListenerTable::Action::kAnswerNoStream:
+      deliver(channel::EncodeErrorEnvelope(
+          {channel::kNoStreamErrorCode, channel::kNoStreamErrorMessage, {}, {}}));
+      return;
   }
-  DispatchToHandler(channel, std::move(message), std::move(deliver));
 }
 
 void Engine::DispatchToHandler(const std::string& channel, Bytes message,

@@ -4,15 +4,14 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "channel/binary_messenger.h"
+#include "engine/listener_table.h"
 
 namespace corvane::engine {
 
@@ -63,7 +62,7 @@ class Engine : public BinaryMessenger {
   Engine* primary_ = nullptr;  // set on a mirror
   std::vector<std::unique_ptr<Engine>> mirrors_;
   // Which sides listen on which event channel; main thread only, used once mirrored.
-  std::map<std::string, std::set<const Engine*>> stream_sides_;
+  ListenerTable stream_sides_;
 };
 
 }  // namespace corvane::engine
