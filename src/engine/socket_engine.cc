@@ -136,6 +136,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   uint32_t next_message_id = 1;
   std::map<uint64_t, std::unique_ptr<Client>> clients;
   std::map<uint32_t, PendingCall> pending;
+  size_t output_memory = 0;  // what every client's output queue holds
   ListenerTable listeners;
   ThrottledWarning refused_warning;
   ThrottledWarning descriptor_warning;
@@ -403,9 +404,21 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   void Queue(Client& client, FrameBytes&& frame) {
     if (client.closing) return;
     const bool was_empty = client.output.empty();
+    const size_t before = client.output.memory();
     if (!client.output.Push(std::forward<FrameBytes>(frame))) {
       client_warning.Log("closing client %llu: it is not reading (%zu bytes waiting)",
                          static_cast<unsigned long long>(client.serial), client.output.pending());
+      DropLater(client);
+      return;
+    }
+    output_memory += client.output.memory() - before;
+    // Many slow clients together must not add up to what one may not hold: past the total,
+    // a client holding more than its share is closed.
+    if (output_memory > options.max_total_output &&
+        client.output.memory() > options.max_total_output / clients.size()) {
+      client_warning.Log("closing client %llu: clients hold %zu bytes of output, it %zu",
+                         static_cast<unsigned long long>(client.serial), output_memory,
+                         client.output.memory());
       DropLater(client);
       return;
     }
@@ -413,7 +426,10 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   }
 
   void Flush(Client& client) {
-    if (client.output.Flush(client.fd) == OutputQueue::FlushResult::kError) {
+    const size_t before = client.output.memory();
+    const OutputQueue::FlushResult result = client.output.Flush(client.fd);
+    output_memory -= before - client.output.memory();
+    if (result == OutputQueue::FlushResult::kError) {
       // A broken pipe is noticed by the read side as well; stop writing here.
       DropLater(client);
       return;
@@ -441,6 +457,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     if (it == clients.end()) return;
     std::unique_ptr<Client> client = std::move(it->second);
     clients.erase(it);
+    output_memory -= client->output.memory();
     client->frame_deadline.Cancel();
     dispatch::DestroySource(client->watch);
     close(client->fd);

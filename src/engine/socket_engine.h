@@ -19,6 +19,9 @@ struct SocketEngineOptions {
   // A client that stops reading is closed once what waits for it takes this much memory, so
   // replies and events cannot pile up without bound. One frame of any size is always taken.
   size_t max_pending_output = 16u << 20;
+  // What all clients' waiting output may take together; past it, a client holding more than
+  // its share is closed.
+  size_t max_total_output = 128u << 20;
   // A client that starts a frame and does not finish it within this time is closed, so a
   // trickle cannot hold a buffer and a client slot for ever.
   std::chrono::milliseconds frame_timeout{10000};

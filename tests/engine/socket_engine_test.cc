@@ -240,7 +240,7 @@ TEST_F(SocketEngineTest, LargeFramesPassWhole) {
 }
 
 TEST_F(SocketEngineTest, ClientThatStopsReadingIsClosedNotBuffered) {
-  Start({.max_pending_output = 256 * 1024});
+  Start({.path = {}, .max_pending_output = 256 * 1024});
   auto sleeper = Connect();
   auto reader = Connect();
   Turn();
@@ -253,6 +253,29 @@ TEST_F(SocketEngineTest, ClientThatStopsReadingIsClosedNotBuffered) {
   }
   Turn();
   EXPECT_EQ(engine_->client_count(), 1u);
+  ASSERT_TRUE(reader->SendCall(4, "test/echo", "x", Value("alive")));
+  EXPECT_EQ(Decode(reader->WaitReply(4, 5000, true)).value, Value("alive"));
+}
+
+// Slow clients each within their own bound still may not add up past the total.
+TEST_F(SocketEngineTest, SlowClientsTogetherAreBoundedToo) {
+  Start({.path = {}, .max_pending_output = 8u << 20, .max_total_output = 2u << 20});
+  std::vector<std::unique_ptr<WireClient>> sleepers;
+  for (int i = 0; i < 4; ++i) {
+    sleepers.push_back(Connect());
+    const int buffer = 4096;
+    setsockopt(sleepers.back()->fd(), SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
+  }
+  auto reader = Connect();
+  Turn();
+  // 3 MiB for each client: within one client's bound, four times past the total.
+  const channel::Bytes event = channel::EncodeSuccessEnvelope(Value(channel::Bytes(64 * 1024)));
+  for (int i = 0; i < 48; ++i) {
+    engine_->Send("test/events", event);
+    reader->Receive(1000, true);  // the reader keeps up
+  }
+  Turn();
+  EXPECT_EQ(engine_->client_count(), 1u) << "slow clients together held more than the total";
   ASSERT_TRUE(reader->SendCall(4, "test/echo", "x", Value("alive")));
   EXPECT_EQ(Decode(reader->WaitReply(4, 5000, true)).value, Value("alive"));
 }
@@ -361,7 +384,7 @@ TEST_F(SocketEngineTest, EventsReachTheClientsThatListenAndTheServiceSeesFirstAn
 
 // A frame must arrive whole within the frame time-out; a slow but complete one is served.
 TEST_F(SocketEngineTest, AFrameThatNeverCompletesClosesItsClient) {
-  Start({.frame_timeout = 300ms});
+  Start({.path = {}, .frame_timeout = 300ms});
   auto trickle = Connect();
   auto slow = Connect();
   Bytes frame = EncodeMessageFrame(1, "test/echo", channel::EncodeMethodCall({"x", Value(1)}));
