@@ -206,6 +206,7 @@ ClientPaths ClientPaths::FromEnvironment() {
   paths.home = g_get_home_dir();
   paths.config_home = EnvOr("XDG_CONFIG_HOME", paths.home + "/.config");
   paths.state_home = EnvOr("XDG_STATE_HOME", paths.home + "/.local/state");
+  paths.runtime_dir = EnvOr("XDG_RUNTIME_DIR", "");
   return paths;
 }
 

@@ -21,6 +21,7 @@ struct ClientPaths {
   std::string home;
   std::string config_home;  // $XDG_CONFIG_HOME or ~/.config
   std::string state_home;   // $XDG_STATE_HOME or ~/.local/state
+  std::string runtime_dir;  // $XDG_RUNTIME_DIR: where the desktop clients' sockets are
 
   static ClientPaths FromEnvironment();
   std::string SettingsFile() const;
