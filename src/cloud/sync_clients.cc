@@ -218,7 +218,9 @@ std::optional<std::string> ConfiguredFolder(const ClientPaths& paths,
   std::optional<std::string> folder;
   if (g_key_file_load_from_file(file, paths.SettingsFile().c_str(), G_KEY_FILE_NONE, nullptr)) {
     gchar* value = g_key_file_get_string(file, kSettingsGroup, container_id.c_str(), nullptr);
-    if (value && *value) folder = WithoutTrailingSlash(ExpandHome(paths, Trim(value)));
+    // Only an absolute folder (or one below "~/") means the same wherever the host starts.
+    std::string path = value ? ExpandHome(paths, Trim(value)) : "";
+    if (!path.empty() && path[0] == '/') folder = WithoutTrailingSlash(path);
     g_free(value);
   }
   g_key_file_free(file);

@@ -47,7 +47,7 @@ struct SyncthingSetup {
   std::string own_device;  // digest of the device certificate; "" when unreadable
 };
 
-// The folder the settings file gives for `container_id`, as written (a leading "~/" expanded).
+// The folder the settings file gives for `container_id`: an absolute path, or one below "~/".
 std::optional<std::string> ConfiguredFolder(const ClientPaths& paths,
                                             const std::string& container_id);
 
