@@ -50,8 +50,9 @@ class CloudStore {
 
   // The client's report on one file; nothing when it has none.
   virtual std::optional<ItemState> ClientState(const std::string& path) = 0;
-  // Reports for every file below `folder` that the client knows something about, by path.
-  virtual std::map<std::string, ItemState> ClientStates(const std::string& folder) = 0;
+  // Reports on the files `paths` below `folder` that the client knows something about.
+  virtual std::map<std::string, ItemState> ClientStates(const std::string& folder,
+                                                        const std::vector<std::string>& paths) = 0;
   // Asks the client to fetch `path`; false with `error` when there is nothing to fetch.
   virtual bool StartDownloading(const std::string& path, std::string* error) = 0;
 

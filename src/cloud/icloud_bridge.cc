@@ -378,8 +378,13 @@ void ICloudBridge::Snapshot() {
   if (!sink_ || !watcher_ || documents_.empty()) return;
   OnIo([weak = weak_from_this(), documents = documents_](Core& core) {
     DocumentScan scan = ScanDocuments(documents);
-    auto states =
-        scan.ok ? core.store->ClientStates(documents) : std::map<std::string, ItemState>();
+    std::map<std::string, ItemState> states;
+    if (scan.ok) {
+      std::vector<std::string> paths;
+      paths.reserve(scan.items.size());
+      for (const auto& item : scan.items) paths.push_back(documents + "/" + item.relative);
+      states = core.store->ClientStates(documents, paths);
+    }
     OnMain(weak, [documents, scan = std::move(scan),
                   states = std::move(states)](ICloudBridge& self) mutable {
       self.ShowScan(documents, std::move(scan), std::move(states));

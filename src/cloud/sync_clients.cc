@@ -206,6 +206,7 @@ ClientPaths ClientPaths::FromEnvironment() {
   paths.home = g_get_home_dir();
   paths.config_home = EnvOr("XDG_CONFIG_HOME", paths.home + "/.config");
   paths.state_home = EnvOr("XDG_STATE_HOME", paths.home + "/.local/state");
+  paths.runtime_dir = EnvOr("XDG_RUNTIME_DIR", "");
   return paths;
 }
 
@@ -217,7 +218,9 @@ std::optional<std::string> ConfiguredFolder(const ClientPaths& paths,
   std::optional<std::string> folder;
   if (g_key_file_load_from_file(file, paths.SettingsFile().c_str(), G_KEY_FILE_NONE, nullptr)) {
     gchar* value = g_key_file_get_string(file, kSettingsGroup, container_id.c_str(), nullptr);
-    if (value && *value) folder = WithoutTrailingSlash(ExpandHome(paths, Trim(value)));
+    // Only an absolute folder (or one below "~/") means the same wherever the host starts.
+    std::string path = value ? ExpandHome(paths, Trim(value)) : "";
+    if (!path.empty() && path[0] == '/') folder = WithoutTrailingSlash(path);
     g_free(value);
   }
   g_key_file_free(file);

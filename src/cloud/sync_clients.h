@@ -21,6 +21,7 @@ struct ClientPaths {
   std::string home;
   std::string config_home;  // $XDG_CONFIG_HOME or ~/.config
   std::string state_home;   // $XDG_STATE_HOME or ~/.local/state
+  std::string runtime_dir;  // $XDG_RUNTIME_DIR: where the desktop clients' sockets are
 
   static ClientPaths FromEnvironment();
   std::string SettingsFile() const;
@@ -46,7 +47,7 @@ struct SyncthingSetup {
   std::string own_device;  // digest of the device certificate; "" when unreadable
 };
 
-// The folder the settings file gives for `container_id`, as written (a leading "~/" expanded).
+// The folder the settings file gives for `container_id`: an absolute path, or one below "~/".
 std::optional<std::string> ConfiguredFolder(const ClientPaths& paths,
                                             const std::string& container_id);
 

@@ -11,6 +11,7 @@
 
 #include "cloud/cloud_store.h"
 #include "cloud/conflict_names.h"
+#include "cloud/desktop_client_state.h"
 #include "cloud/paths.h"
 #include "cloud/syncthing_state.h"
 
@@ -66,15 +67,19 @@ class SyncedFolderStore final : public CloudStore {
   }
 
   std::optional<ItemState> ClientState(const std::string& path) override {
-    auto syncthing = Syncthing(path);
-    if (!syncthing) return std::nullopt;
-    return syncthing->FileState(path);
+    if (auto syncthing = Syncthing(path)) return syncthing->FileState(path);
+    if (auto desktop = DesktopClient(path)) {
+      auto states = desktop->States({path});
+      if (auto it = states.find(path); it != states.end()) return it->second;
+    }
+    return std::nullopt;
   }
 
-  std::map<std::string, ItemState> ClientStates(const std::string& folder) override {
-    auto syncthing = Syncthing(folder);
-    if (!syncthing) return {};
-    return syncthing->FolderStates(folder);
+  std::map<std::string, ItemState> ClientStates(const std::string& folder,
+                                                const std::vector<std::string>& paths) override {
+    if (auto syncthing = Syncthing(folder)) return syncthing->FolderStates(folder);
+    if (auto desktop = DesktopClient(folder)) return desktop->States(paths);
+    return {};
   }
 
   bool StartDownloading(const std::string& path, std::string* error) override {
@@ -146,6 +151,23 @@ class SyncedFolderStore final : public CloudStore {
       if (IsSameOrBelow(real, root) || IsSameOrBelow(path, root)) {
         return SyncthingState(*setup, folder.id, root);
       }
+    }
+    return std::nullopt;
+  }
+
+  // The Nextcloud or ownCloud client whose sync root holds `path`, when its socket exists.
+  std::optional<DesktopClientState> DesktopClient(const std::string& path) {
+    if (paths_.runtime_dir.empty()) return std::nullopt;
+    const std::string real = RealPath(path);
+    for (const auto& root : DetectSyncRoots(paths_)) {
+      const char* app = root.kind == SyncClientKind::kNextcloud  ? "Nextcloud"
+                        : root.kind == SyncClientKind::kOwncloud ? "ownCloud"
+                                                                 : nullptr;
+      if (!app || !IsSameOrBelow(real, RealPath(root.folder))) continue;
+      const std::string socket = paths_.runtime_dir + "/" + app + "/socket";
+      struct stat st;
+      if (stat(socket.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) return std::nullopt;
+      return DesktopClientState(socket);
     }
     return std::nullopt;
   }

@@ -92,6 +92,7 @@ class CloudTest : public ::testing::Test {
     paths_.home = root_.path() + "/home";
     paths_.config_home = paths_.home + "/.config";
     paths_.state_home = paths_.home + "/.local/state";
+    paths_.runtime_dir = root_.path() + "/run";
     fs::create_directories(paths_.config_home + "/corvane");
   }
   ~CloudTest() override { bridge_.reset(); }
