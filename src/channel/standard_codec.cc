@@ -276,6 +276,13 @@ class Reader {
   uint8_t peek() const { return *cur_; }  // only when !at_end()
 
   bool Fail(const char* what) { return FailAt(what, position()); }
+
+  // Takes `n` elements from the message's budget.
+  bool Spend(size_t n) {
+    if (n > elements_left_) return Fail("too many elements in one message");
+    elements_left_ -= n;
+    return true;
+  }
   bool FailAt(const char* what, size_t offset) {
     if (!error_) {
       error_ = what;
@@ -360,6 +367,7 @@ class Reader {
   const uint8_t* end_;
   const char* error_ = nullptr;
   size_t error_offset_ = 0;
+  size_t elements_left_ = kMaxDecodedElements;
 };
 
 // Decodes into `out`, constructing the value where it stays.
@@ -418,6 +426,7 @@ bool Reader::ReadValue(Value& out, int depth) {
       // Every element takes at least one byte, so a larger count is a lie; checking first
       // keeps a hostile count from reserving gigabytes.
       if (n > remaining()) return Fail("list longer than the data");
+      if (!Spend(n)) return false;
       ValueList& list = d.emplace<ValueList>();
       list.resize(n);
       for (auto& item : list) {
@@ -430,6 +439,7 @@ bool Reader::ReadValue(Value& out, int depth) {
       size_t n;
       if (!Size(n)) return false;
       if (n > remaining() / 2) return Fail("map longer than the data");
+      if (!Spend(2 * n)) return false;
       std::vector<MapEntry>& entries = CodecAccess::entries(d.emplace<ValueMap>());
       entries.resize(n);
       for (auto& entry : entries) {

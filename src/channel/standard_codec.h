@@ -57,5 +57,8 @@ Decoded<MethodReply> DecodeEnvelope(std::span<const uint8_t> bytes);
 // Deepest nesting of lists and maps accepted when decoding; deeper input is rejected rather
 // than allowed to exhaust the stack.
 inline constexpr int kMaxNestingDepth = 128;
+// Elements of all lists and maps in one message. A one-byte element decodes into a value of
+// some 40 bytes, so without a budget a 32 MiB frame of nulls would cost over a gigabyte.
+inline constexpr size_t kMaxDecodedElements = size_t{1} << 20;
 
 }  // namespace corvane::channel

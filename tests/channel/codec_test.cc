@@ -158,6 +158,20 @@ TEST(StandardCodec, RejectsNestingDeeperThanTheLimit) {
   EXPECT_TRUE(DecodeMessage(ok));
 }
 
+// Elements are budgeted per message, split over lists or not, so a frame of nulls cannot cost
+// forty times its size in memory.
+TEST(StandardCodec, RejectsMoreElementsThanTheBudget) {
+  auto list_of_nulls = [](size_t lists, size_t each) {
+    Value outer{ValueList(lists, Value(ValueList(each)))};
+    return EncodeMessage(outer);
+  };
+  const size_t half = kMaxDecodedElements / 2;
+  EXPECT_TRUE(DecodeMessage(list_of_nulls(1, half - 1)));
+  auto over = DecodeMessage(list_of_nulls(2, half));
+  ASSERT_FALSE(over);
+  EXPECT_EQ(over.error, "too many elements in one message");
+}
+
 // The writer copies short payloads by words, larger ones by memcpy and large ones by a bulk
 // append, and grows its buffer in steps: each length here crosses one of those edges.
 TEST(StandardCodec, PayloadsOfEveryLengthEncodeExactly) {
