@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstring>
+
 #include "host/support.h"
 #include "support/wire_client.h"
 
@@ -45,6 +47,22 @@ class FlutterRunnerTest : public ::testing::Test {
     EXPECT_EQ(decoded.value->kind, channel::MethodReply::Kind::kSuccess);
   }
 
+  // Whether `pid` has its SIGTERM handler installed, waiting up to 10 s.
+  static bool CatchesSigterm(const char* pid) {
+    const std::string status = std::string("/proc/") + pid + "/status";
+    for (int i = 0; i < 400; ++i) {
+      gchar* text = nullptr;
+      if (g_file_get_contents(status.c_str(), &text, nullptr, nullptr)) {
+        const char* caught = strstr(text, "SigCgt:");
+        const bool yes = caught && (g_ascii_strtoull(caught + 7, nullptr, 16) >> (SIGTERM - 1)) & 1;
+        g_free(text);
+        if (yes) return true;
+      }
+      g_usleep(25'000);
+    }
+    return false;
+  }
+
   testing::TempDir dir_;
 };
 
@@ -61,7 +79,8 @@ TEST_F(FlutterRunnerTest, ServesTheSocketOnlyWhenAskedTo) {
 
   GSubprocess* quiet = Start({"--headless"}, nullptr);
   ASSERT_NE(quiet, nullptr);
-  g_usleep(300'000);
+  // Up once it handles SIGTERM; a socket would be there by then.
+  ASSERT_TRUE(CatchesSigterm(g_subprocess_get_identifier(quiet)));
   EXPECT_FALSE(g_file_test((dir_ / "corvane/engine.sock").c_str(), G_FILE_TEST_EXISTS));
   g_subprocess_send_signal(quiet, SIGTERM);
   EXPECT_EQ(testing::Finish(quiet).code, 0);
