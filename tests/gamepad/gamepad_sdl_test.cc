@@ -169,14 +169,16 @@ TEST_F(GamepadSdlTest, CurrentIsTheLastAttachedUntilAnotherIsUsed) {
 TEST_F(GamepadSdlTest, PatternReachesTheMotorsInOrder) {
   VirtualPad& pad = Attach("Pad", 0x045E, 0x028E);
   Attach("Other Pad");
-  ASSERT_EQ(
-      client_.Haptic("Microsoft - Xbox 360", Pulses({{0, 1, 0}, {100, 0.5, 1}, {200, 2.5, 0.5}})),
-      Value(true));
-  // The first pulse starts inside the call.
+  ASSERT_EQ(client_.Haptic("Microsoft - Xbox 360",
+                           Pulses({{0, 1, 0}, {100, 0.5, 1}, {200, 2.5, 0.5}, {300, 0.5, 0.25}})),
+            Value(true));
+  // The first pulse starts inside the call; sharpness moves strength from the low motor to the
+  // high one.
   EXPECT_EQ(pad.rumbles, (std::vector<Rumble>{{0xFFFF, 0}}));
-  dispatch::RunMainUntil([&] { return pad.rumbles.size() >= 6; }, 5s);
-  EXPECT_EQ(pad.rumbles, (std::vector<Rumble>{
-                             {0xFFFF, 0}, {0, 0}, {0, 0x8000}, {0, 0}, {0xFFFF, 0xFFFF}, {0, 0}}));
+  const std::vector<Rumble> expected = {{0xFFFF, 0},      {0, 0}, {0, 0x8000},      {0, 0},
+                                        {0xFFFF, 0xFFFF}, {0, 0}, {0x8000, 0x4000}, {0, 0}};
+  dispatch::RunMainUntil([&] { return pad.rumbles.size() >= expected.size(); }, 5s);
+  EXPECT_EQ(pad.rumbles, expected);
 }
 
 TEST_F(GamepadSdlTest, ANewPatternTakesOverTheMotors) {
