@@ -77,7 +77,7 @@ class GamepadPowerSupplyTest : public ::testing::Test {
   fs::path root_;
 };
 
-TEST_F(GamepadPowerSupplyTest, FindsTheBatteryOfTheControllersOwnDevice) {
+TEST_F(GamepadPowerSupplyTest, FindsTheBatteryOfTheControllersOwnDeviceOnly) {
   for (const char* node : {"/dev/input/event7", "/dev/hidraw2"}) {
     SCOPED_TRACE(node);
     auto battery = Read(node);
@@ -88,9 +88,7 @@ TEST_F(GamepadPowerSupplyTest, FindsTheBatteryOfTheControllersOwnDevice) {
   auto other = Read("/dev/input/event8");
   ASSERT_TRUE(other);
   EXPECT_DOUBLE_EQ(other->level, 0.10);
-}
-
-TEST_F(GamepadPowerSupplyTest, NothingForUnknownNodesOrOnlySystemBatteries) {
+  // Nothing for unknown nodes, or when only the system has a battery.
   EXPECT_FALSE(Read("/dev/input/event99"));
   EXPECT_FALSE(Read(""));
   EXPECT_FALSE(Read("/dev/input/.."));
