@@ -111,21 +111,20 @@ class CameraTest : public ::testing::Test {
     dispatch::RunMainUntil([&] { return done; }, 5s);
   }
 
-  static Value OpenArgs(const std::string& token, const std::string& device,
-                        int64_t timeout_ms = 1000, int64_t max_bytes = 16 * 1024 * 1024) {
-    ValueMap m;
-    m.Append(Value("token"), Value(token));
-    m.Append(Value("deviceId"), Value(device));
-    m.Append(Value("timeoutMs"), Value::Integer(timeout_ms));
-    m.Append(Value("maxFrameBytes"), Value::Integer(max_bytes));
-    return Value(std::move(m));
-  }
   static Value TokenArgs(const std::string& token) {
     ValueMap m;
     m.Append(Value("token"), Value(token));
     return Value(std::move(m));
   }
 
+  static Value OpenArgs(const std::string& token, const std::string& device,
+                        int64_t timeout_ms = 1000, int64_t max_bytes = 16 * 1024 * 1024) {
+    Value args = TokenArgs(token);
+    args.mutable_map_if()->Set("deviceId", Value(device));
+    args.mutable_map_if()->Set("timeoutMs", Value::Integer(timeout_ms));
+    args.mutable_map_if()->Set("maxFrameBytes", Value::Integer(max_bytes));
+    return args;
+  }
   Answer Open(const std::string& token, const std::string& device, int64_t timeout_ms = 1000,
               int64_t max_bytes = 16 * 1024 * 1024) {
     return Call("open", OpenArgs(token, device, timeout_ms, max_bytes));
@@ -147,12 +146,6 @@ class CameraTest : public ::testing::Test {
     const Value* sequence = answer.reply.value.map_if()->Find("sequence");
     return sequence && sequence->integer() ? *sequence->integer() : -1;
   }
-  static const channel::Bytes* Jpeg(const Answer& answer) {
-    if (!answer.ok() || !answer.reply.value.map_if()) return nullptr;
-    const Value* bytes = answer.reply.value.map_if()->Find("bytes");
-    return bytes ? bytes->bytes_if() : nullptr;
-  }
-
   dispatch::ManualClock clock_;
   std::shared_ptr<TestCaptureBackend> backend_;
   engine::LoopbackEngine engine1_;

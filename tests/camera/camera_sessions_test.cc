@@ -30,46 +30,34 @@ TEST_F(CameraTest, SupportedAnswersTrueEvenWhileHiddenAndOtherNamesAreNotImpleme
   }
 }
 
-TEST_F(CameraTest, ListFollowsAccessAndNeverPrompts) {
+TEST_F(CameraTest, ListFollowsAccessNeverPromptsAndKeepsTheFirstSixtyFour) {
   struct Case {
     Authorization access;
+    size_t devices;
     const char* code;  // empty: lists
-  } cases[] = {{Authorization::kNotDetermined, ""},
-               {Authorization::kAuthorized, ""},
-               {Authorization::kDenied, "permission"},
-               {Authorization::kRestricted, "permission"}};
+  } cases[] = {{Authorization::kNotDetermined, 70, ""},
+               {Authorization::kAuthorized, 0, ""},
+               {Authorization::kDenied, 1, "permission"},
+               {Authorization::kRestricted, 1, "permission"}};
   visible_ = false;  // only "open" looks at visibility
   for (const Case& c : cases) {
+    std::vector<CameraDevice> devices;
+    for (size_t i = 0; i < c.devices; ++i) devices.push_back({"id" + std::to_string(i), "n"});
+    backend_->SetDevices(devices);
     backend_->SetAuthorization(c.access);
     Answer answer = Call("list");
-    ASSERT_TRUE(answer.arrived);
     EXPECT_EQ(answer.code(), c.code);
     if (*c.code) continue;
     const auto* list = answer.reply.value.list_if();
     ASSERT_NE(list, nullptr);
-    ASSERT_EQ(list->size(), 5u);
-    ValueMap first;
-    first.Append(Value("id"), Value("cam-a"));
-    first.Append(Value("name"), Value("Camera A"));
-    EXPECT_EQ((*list)[0], Value(first));
+    ASSERT_EQ(list->size(), std::min<size_t>(c.devices, 64));
+    if (list->empty()) continue;
+    ValueMap last;
+    last.Append(Value("id"), Value("id63"));
+    last.Append(Value("name"), Value("n"));
+    EXPECT_EQ(list->back(), Value(last)) << "the first 64, in order";
   }
   EXPECT_EQ(backend_->access_requests(), 0);
-}
-
-TEST_F(CameraTest, ListKeepsTheFirstSixtyFourInOrderAndMayBeEmpty) {
-  std::vector<CameraDevice> many;
-  for (int i = 0; i < 70; ++i) many.push_back({"id" + std::to_string(i), "n"});
-  backend_->SetDevices(many);
-  Answer answer = Call("list");
-  const auto* list = answer.reply.value.list_if();
-  ASSERT_NE(list, nullptr);
-  ASSERT_EQ(list->size(), 64u);
-  EXPECT_EQ(*(*list)[63].map_if()->Find("id"), Value("id63"));
-
-  backend_->SetDevices({});
-  answer = Call("list");
-  ASSERT_TRUE(answer.ok());
-  EXPECT_EQ(answer.reply.value, Value(channel::ValueList()));
 }
 
 TEST_F(CameraTest, OpenChecksArgumentsInOrder) {
@@ -88,8 +76,6 @@ TEST_F(CameraTest, OpenChecksArgumentsInOrder) {
       {"no token", Without(good, "token"), false, "configuration"},
       {"token not text", With(good, "token", Value::Integer(5)), false, "configuration"},
       {"token not a UUID, hidden", With(good, "token", Value("not-a-uuid")), true, "configuration"},
-      {"token with braces", With(good, "token", Value(std::string("{") + kToken1 + "}")), false,
-       "configuration"},
       {"hidden beats bad device", With(good, "deviceId", Value("")), true, "suspended"},
       {"no device", Without(good, "deviceId"), false, "configuration"},
       {"device not text", With(good, "deviceId", Value::Integer(1)), false, "configuration"},
@@ -109,11 +95,11 @@ TEST_F(CameraTest, OpenChecksArgumentsInOrder) {
       {"max bytes 63", With(good, "maxFrameBytes", Value::Integer(63)), false, "configuration"},
       {"max bytes 16 MiB + 1", With(good, "maxFrameBytes", Value::Integer(16777217)), false,
        "configuration"},
-      {"max bytes huge", With(good, "maxFrameBytes", Value(int64_t{1} << 40)), false,
-       "configuration"},
       {"no max bytes", Without(good, "maxFrameBytes"), false, "configuration"},
       // Valid, but the device is not connected: the arguments passed every check.
       {"device of 1024 units", With(good, "deviceId", Value(emoji_1024)), false, "deviceMissing"},
+      {"lowest bounds", OpenArgs(kToken1, "cam-b", 100, 64), false, ""},
+      {"highest bounds", OpenArgs(kToken1, "cam-c", 60000, 16 * 1024 * 1024), false, ""},
   };
   for (const Case& c : cases) {
     visible_ = !c.hidden;
@@ -124,13 +110,6 @@ TEST_F(CameraTest, OpenChecksArgumentsInOrder) {
     EXPECT_TRUE(answer.reply.error.details.is_null()) << c.name;
     Close(kToken1);
   }
-}
-
-TEST_F(CameraTest, OpenAcceptsTheBoundsOfEveryRange) {
-  EXPECT_TRUE(Open(kToken1, "cam-a", 100, 64).ok());
-  EXPECT_TRUE(Open(kToken2, "cam-b", 60000, 16 * 1024 * 1024).ok());
-  EXPECT_TRUE(backend_->streaming("cam-a"));
-  EXPECT_TRUE(backend_->streaming("cam-b"));
 }
 
 TEST_F(CameraTest, TokensDevicesAndTheFourSessionLimitAreBusyUntilClosed) {
@@ -267,10 +246,7 @@ TEST_F(CameraTest, WindowAndApplicationHappeningsEndOrSuspendTheWindowsSessions)
   }
 }
 
-TEST_F(CameraTest, HiddenApplicationRefusesOpenAndDestroyedCameraEndsItsSessions) {
-  visible_ = false;
-  EXPECT_EQ(Open(kToken1, "cam-a").code(), "suspended");
-  visible_ = true;
+TEST_F(CameraTest, DestroyedCameraEndsItsSessions) {
   ASSERT_TRUE(Open(kToken1, "cam-a").ok());
   window1_.reset();
   EXPECT_TRUE(backend_->WaitStreaming("cam-a", false));

@@ -64,7 +64,7 @@ class WindowWatchTest : public ::testing::Test {
   int minimised_ = 0, closed_ = 0, hidden_ = 0, sleeping_ = 0, terminating_ = 0;
 };
 
-TEST_F(WindowWatchTest, MinimisingOnlyItsOwnWindowCounts) {
+TEST_F(WindowWatchTest, OnlyItsOwnWindowMinimisesAndHiddenNeedsEveryWindowUnmapped) {
   gtk_widget_show(other_);
   Settle();
   Iconify(other_, true);
@@ -72,12 +72,8 @@ TEST_F(WindowWatchTest, MinimisingOnlyItsOwnWindowCounts) {
   EXPECT_EQ(minimised_, 0);
   Iconify(window_, true);
   EXPECT_EQ(minimised_, 1);
-}
 
-TEST_F(WindowWatchTest, HiddenOnlyWhenEveryWindowIsUnmapped) {
   EXPECT_TRUE(WindowWatch::ApplicationVisible());
-  gtk_widget_show(other_);
-  Settle();
   gtk_widget_hide(window_);
   EXPECT_EQ(hidden_, 0) << "another window still shows";
   EXPECT_TRUE(WindowWatch::ApplicationVisible());
@@ -87,25 +83,21 @@ TEST_F(WindowWatchTest, HiddenOnlyWhenEveryWindowIsUnmapped) {
   gtk_widget_hide(window_);
   EXPECT_EQ(hidden_, 1);
   EXPECT_FALSE(WindowWatch::ApplicationVisible());
+
+  // A watch that has gone hears nothing of its window.
+  watch_.reset();
+  gtk_widget_destroy(window_);
+  window_ = nullptr;
+  EXPECT_EQ(closed_, 0);
 }
 
-TEST_F(WindowWatchTest, ClosingTheWindowAndQuittingAreReportedAndNothingAfterTheWatchIsGone) {
+TEST_F(WindowWatchTest, ClosingTheWindowAndQuittingAreReported) {
   watch_->HandleWillTerminate();
   EXPECT_EQ(terminating_, 1);
   gtk_widget_destroy(window_);
   window_ = nullptr;
   EXPECT_EQ(closed_, 1);
   EXPECT_EQ(sleeping_, 0) << "no system bus here";
-
-  // A watch that has gone hears nothing of its window.
-  GtkWidget* second = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-  GtkWidget* view = gtk_drawing_area_new();
-  gtk_container_add(GTK_CONTAINER(second), view);
-  int closed = 0;
-  auto watch = WindowWatch::Start(view, {{}, [&closed] { ++closed; }, {}, {}, {}});
-  watch.reset();
-  gtk_widget_destroy(second);
-  EXPECT_EQ(closed, 0);
 }
 
 TEST(WindowWatchHeadless, WithoutAViewOnlyQuittingIsHeard) {

@@ -161,15 +161,7 @@ std::vector<uint8_t> WithoutHuffmanTables(const std::vector<uint8_t>& jpeg) {
 
 TEST(V4l2Frames, MjpegBuffersDecodeWithOrWithoutHuffmanTables) {
   const int w = 640, h = 480;
-  std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      uint8_t* p = &rgb[(static_cast<size_t>(y) * w + x) * 3];
-      p[0] = static_cast<uint8_t>(x * 255 / (w - 1));
-      p[1] = static_cast<uint8_t>(y * 255 / (h - 1));
-      p[2] = 0x60;
-    }
-  }
+  const std::vector<uint8_t> rgb = corvane::testing::Gradient(w, h, w * 3);
   const std::vector<uint8_t> mjpeg = imaging::EncodeJpeg(rgb.data(), w, h, w * 3, 90);
   ASSERT_FALSE(mjpeg.empty());
   const std::vector<uint8_t> bare = WithoutHuffmanTables(mjpeg);

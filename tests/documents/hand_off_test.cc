@@ -4,7 +4,6 @@
 #include <glib/gstdio.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,62 +18,37 @@ namespace corvane::documents {
 namespace {
 
 using Args = std::vector<std::string>;
-using channel::Value;
-using testing::Outcome;
 using Paths = std::vector<std::string>;
+using testing::Outcome;
 
 constexpr const char* kChannel = "io.corvane/open_projects";
 
-// dbus-daemon on a socket in `dir`; it prints its address once it accepts connections.
-class SessionBus {
- public:
-  explicit SessionBus(const std::string& dir) {
-    process_ =
-        testing::Spawn(g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
-                           G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE)),
-                       {"dbus-daemon", "--session", "--nofork",
-                        "--address=unix:path=" + dir + "/bus", "--print-address=1"});
-    if (!process_) return;
-    GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process_));
-    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(out), FALSE);
-    gchar* line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
-    if (line) address_ = line;
-    g_free(line);
-    g_object_unref(out);
-  }
-  SessionBus(const SessionBus&) = delete;
-  SessionBus& operator=(const SessionBus&) = delete;
-  ~SessionBus() {
-    if (!process_) return;
-    g_subprocess_force_exit(process_);
-    g_subprocess_wait(process_, nullptr, nullptr);
-    g_object_unref(process_);
-  }
-  const std::string& address() const { return address_; }
-
- private:
-  GSubprocess* process_ = nullptr;
-  std::string address_;
+// What "takePending" handed over.
+struct HandOver {
+  Paths paths;
+  bool rejected = false;
 };
 
 class DocumentsHandOffTest : public ::testing::Test {
  protected:
-  DocumentsHandOffTest() : bus_(dir_.path()) {}
+  DocumentsHandOffTest() : bus_(g_test_dbus_new(G_TEST_DBUS_NONE)) { g_test_dbus_up(bus_); }
+  ~DocumentsHandOffTest() override {
+    g_test_dbus_down(bus_);
+    g_object_unref(bus_);
+  }
 
-  // Run in the test's folder, so relative documents land there; the default socket path lies
-  // in the folder too.
+  // Runs in the test's folder, so relative documents and the default socket land there.
   GSubprocess* Spawn(Args args, GSubprocessFlags flags, const std::string& display = {}) {
     GSubprocessLauncher* launcher = g_subprocess_launcher_new(flags);
     g_subprocess_launcher_set_cwd(launcher, dir_.path().c_str());
-    if (display.empty()) {
-      g_subprocess_launcher_unsetenv(launcher, "DISPLAY");
-    } else {
+    g_subprocess_launcher_unsetenv(launcher, "DISPLAY");
+    g_subprocess_launcher_unsetenv(launcher, "WAYLAND_DISPLAY");
+    if (!display.empty()) {
       g_subprocess_launcher_setenv(launcher, "DISPLAY", display.c_str(), TRUE);
       g_subprocess_launcher_setenv(launcher, "NO_AT_BRIDGE", "1", TRUE);
     }
-    g_subprocess_launcher_unsetenv(launcher, "WAYLAND_DISPLAY");
-    g_subprocess_launcher_setenv(launcher, "DBUS_SESSION_BUS_ADDRESS", bus_.address().c_str(),
-                                 TRUE);
+    g_subprocess_launcher_setenv(launcher, "DBUS_SESSION_BUS_ADDRESS",
+                                 g_test_dbus_get_bus_address(bus_), TRUE);
     g_subprocess_launcher_setenv(launcher, "XDG_RUNTIME_DIR", dir_.path().c_str(), TRUE);
     args.insert(args.begin(), CORVANE_HOST_BINARY);
     return testing::Spawn(launcher, args);
@@ -93,7 +67,7 @@ class DocumentsHandOffTest : public ::testing::Test {
     return process;
   }
 
-  // A launch that should end by itself; reports how long it took.
+  // A launch that should end by itself; records how long it took.
   Outcome Launch(Args args) {
     const gint64 start = g_get_monotonic_time();
     Outcome outcome = testing::Finish(Spawn(std::move(args), testing::kAllPipes));
@@ -118,10 +92,6 @@ class DocumentsHandOffTest : public ::testing::Test {
     return false;
   }
 
-  struct HandOver {
-    Paths paths;
-    bool rejected = false;
-  };
   static std::optional<HandOver> TakePending(testing::WireClient& client) {
     static uint32_t id = 100;
     if (!client.SendCall(++id, kChannel, "takePending")) return std::nullopt;
@@ -129,32 +99,30 @@ class DocumentsHandOffTest : public ::testing::Test {
     if (!bytes) return std::nullopt;
     auto reply = channel::DecodeEnvelope(*bytes);
     const channel::ValueMap* map = reply ? reply.value->value.map_if() : nullptr;
-    const Value* paths = map ? map->Find("paths") : nullptr;
-    const Value* rejected = map ? map->Find("rejected") : nullptr;
+    const channel::Value* paths = map ? map->Find("paths") : nullptr;
+    const channel::Value* rejected = map ? map->Find("rejected") : nullptr;
     if (!paths || !paths->list_if() || !rejected || !rejected->bool_if()) return std::nullopt;
-    HandOver hand_over;
-    for (const Value& p : *paths->list_if()) {
+    HandOver hand_over{{}, *rejected->bool_if()};
+    for (const auto& p : *paths->list_if()) {
       hand_over.paths.push_back(p.string_if() ? *p.string_if() : "?");
     }
-    hand_over.rejected = *rejected->bool_if();
     return hand_over;
   }
 
   testing::TempDir dir_;
-  SessionBus bus_;
+  GTestDBus* bus_;
 };
 
 TEST_F(DocumentsHandOffTest, SecondLaunchHandsItsDocumentsToTheRunningHost) {
-  ASSERT_FALSE(bus_.address().empty()) << "dbus-daemon did not start";
   testing::XvfbServer xvfb;
   ASSERT_TRUE(xvfb.ok()) << "Xvfb did not start";
   const std::string socket = dir_ / "run/engine.sock";
   // The running host headless and with a window; the second launch has no display either way.
   for (const std::string& display : {std::string(), xvfb.display()}) {
     SCOPED_TRACE(display.empty() ? "headless" : "windowed");
-    GSubprocess* host = StartHost(display.empty() ? Args{"--headless", "--engine-socket", socket}
-                                                  : Args{"--engine-socket", socket},
-                                  display);
+    Args args = {"--engine-socket", socket};
+    if (display.empty()) args.push_back("--headless");
+    GSubprocess* host = StartHost(args, display);
     ASSERT_NE(host, nullptr);
     testing::WireClient client;
     ASSERT_TRUE(client.Connect(socket));
@@ -169,22 +137,18 @@ TEST_F(DocumentsHandOffTest, SecondLaunchHandsItsDocumentsToTheRunningHost) {
     EXPECT_TRUE(hand_over->rejected);
 
     // Without documents a second launch only activates the running host.
-    Outcome plain = Launch({"--engine-socket", socket});
-    EXPECT_EQ(plain.code, 0) << plain.err;
+    EXPECT_EQ(Launch({"--engine-socket", socket}).code, 0);
     hand_over = TakePending(client);
     ASSERT_TRUE(hand_over.has_value());
     EXPECT_EQ(hand_over->paths, Paths{});
     EXPECT_FALSE(hand_over->rejected);
-
     EXPECT_EQ(Stop(host), 0);
   }
 }
 
 // Documents given to the first launch wait for "takePending"; each socket is its own instance.
 TEST_F(DocumentsHandOffTest, FirstLaunchDocumentsAndOneInstancePerSocket) {
-  ASSERT_FALSE(bus_.address().empty());
   // The default socket (in the test's runtime folder), so the bundle's own application id.
-  const std::string default_socket = dir_ / "corvane/engine.sock";
   const std::string other_socket = dir_ / "two/engine.sock";
   GSubprocess* first = StartHost({"--headless", "a.corvane", "file:///x/B.CORVANEPACK", "notes.txt",
                                   "https://example.org/c.corvane"});
@@ -197,9 +161,8 @@ TEST_F(DocumentsHandOffTest, FirstLaunchDocumentsAndOneInstancePerSocket) {
   // The default socket spelt out differently is still the first host.
   EXPECT_EQ(Launch({"--engine-socket", "./corvane/..//corvane/engine.sock", "d.corvane"}).code, 0);
 
-  testing::WireClient one;
-  testing::WireClient two;
-  ASSERT_TRUE(one.Connect(default_socket));
+  testing::WireClient one, two;
+  ASSERT_TRUE(one.Connect(dir_ / "corvane/engine.sock"));
   ASSERT_TRUE(two.Connect(other_socket));
   auto to_first = TakePending(one);
   auto to_second = TakePending(two);
@@ -213,7 +176,6 @@ TEST_F(DocumentsHandOffTest, FirstLaunchDocumentsAndOneInstancePerSocket) {
 }
 
 TEST_F(DocumentsHandOffTest, ClosingTheLastWindowQuitsTheHost) {
-  ASSERT_FALSE(bus_.address().empty());
   testing::XvfbServer xvfb;
   ASSERT_TRUE(xvfb.ok()) << "Xvfb did not start";
   const std::string socket = dir_ / "engine.sock";

@@ -12,63 +12,61 @@
 namespace corvane::gamepad::testing {
 namespace {
 
+using Calls = std::vector<std::string>;
+using Localities = std::vector<HapticsLocality>;
+const double kNaN = std::numeric_limits<double>::quiet_NaN();
+const double kInf = std::numeric_limits<double>::infinity();
+
 // What every engine of the test was asked to do, in order.
 struct EngineLog {
   int created = 0;
-  std::vector<std::string> calls;  // "start 1", "play 1", "stop 2", ...
+  Calls calls;  // "start 1", "play 1", "stop 2", ...
   std::vector<HapticPattern> played;
 };
 
 class FakeEngine final : public HapticDevice {
  public:
-  FakeEngine(EngineLog& log, int id, std::vector<bool>& play_results, bool start_ok)
-      : log_(log), id_(id), play_results_(play_results), start_ok_(start_ok) {}
+  FakeEngine(EngineLog& log, std::vector<bool>& play_results, bool start_ok)
+      : start_ok(start_ok),
+        log_(log),
+        id_(" " + std::to_string(++log.created)),
+        play_results_(play_results) {}
 
   void SetStoppedHandler(Handler h) override { stopped = std::move(h); }
   void SetResetHandler(Handler h) override { reset = std::move(h); }
-  bool Start() override {
-    log_.calls.push_back("start " + std::to_string(id_));
-    return start_ok_;
-  }
-  void Stop() override { log_.calls.push_back("stop " + std::to_string(id_)); }
+  bool Start() override { return log_.calls.push_back("start" + id_), start_ok; }
+  void Stop() override { log_.calls.push_back("stop" + id_); }
   bool Play(const HapticPattern& pattern) override {
-    log_.calls.push_back("play " + std::to_string(id_));
-    bool ok = true;
-    if (!play_results_.empty()) {
-      ok = play_results_.front();
-      play_results_.erase(play_results_.begin());
-    }
+    log_.calls.push_back("play" + id_);
+    const bool ok = play_results_.empty() || play_results_.front();
+    if (!play_results_.empty()) play_results_.erase(play_results_.begin());
     if (ok) log_.played.push_back(pattern);
     return ok;
   }
 
   Handler stopped, reset;
+  bool start_ok;
 
  private:
   EngineLog& log_;
-  int id_;
+  std::string id_;
   std::vector<bool>& play_results_;
-
- public:
-  bool start_ok_;
 };
 
 class FakeController final : public GameController {
  public:
-  explicit FakeController(std::string category, std::optional<std::string> vendor = {})
-      : category(std::move(category)), vendor(std::move(vendor)) {}
+  FakeController(EngineLog& log, std::string category, std::optional<std::string> vendor)
+      : category(std::move(category)), vendor(std::move(vendor)), log_(log) {}
 
   bool has_extended_gamepad() const override { return gamepad; }
   std::string product_category() const override { return category; }
   std::optional<std::string> vendor_name() const override { return vendor; }
   std::optional<Battery> battery() const override { return power; }
-  std::optional<std::vector<HapticsLocality>> haptic_localities() const override {
-    return localities;
-  }
+  std::optional<Localities> haptic_localities() const override { return localities; }
   std::unique_ptr<HapticDevice> CreateHapticEngine(HapticsLocality locality) override {
     asked_locality = locality;
-    if (!log || !can_create) return nullptr;
-    auto engine = std::make_unique<FakeEngine>(*log, ++log->created, play_results, start_ok);
+    if (!can_create) return nullptr;
+    auto engine = std::make_unique<FakeEngine>(log_, play_results, start_ok);
     last_engine = engine.get();
     return engine;
   }
@@ -77,14 +75,16 @@ class FakeController final : public GameController {
   std::optional<std::string> vendor;
   bool gamepad = true;
   std::optional<Battery> power;
-  std::optional<std::vector<HapticsLocality>> localities =
-      std::vector<HapticsLocality>{HapticsLocality::kDefault, HapticsLocality::kHandles};
+  std::optional<Localities> localities =
+      Localities{HapticsLocality::kDefault, HapticsLocality::kHandles};
   bool can_create = true;
   bool start_ok = true;
   std::vector<bool> play_results;  // consumed one per play; true once empty
   std::optional<HapticsLocality> asked_locality;
-  EngineLog* log = nullptr;
   FakeEngine* last_engine = nullptr;  // owned by the bridge
+
+ private:
+  EngineLog& log_;
 };
 
 class FakeBackend final : public ControllerBackend {
@@ -101,6 +101,20 @@ class FakeBackend final : public ControllerBackend {
   DisconnectHandler on_disconnect;
 };
 
+// An entry of "controllers", keys in their order.
+ValueMap Entry(const std::string& name, const std::string& category, double level,
+               const char* state, bool haptics, bool current, const char* vendor = nullptr) {
+  ValueMap m;
+  m.Append(Value("name"), Value(name));
+  m.Append(Value("productCategory"), Value(category));
+  m.Append(Value("batteryLevel"), Value(level));
+  m.Append(Value("batteryState"), Value(state));
+  m.Append(Value("haptics"), Value(haptics));
+  m.Append(Value("current"), Value(current));
+  if (vendor) m.Append(Value("vendorName"), Value(vendor));
+  return m;
+}
+
 class GamepadBridgeTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -111,14 +125,16 @@ class GamepadBridgeTest : public ::testing::Test {
 
   std::shared_ptr<FakeController> Attach(std::string category,
                                          std::optional<std::string> vendor = {}) {
-    auto c = std::make_shared<FakeController>(std::move(category), std::move(vendor));
-    c->log = &log_;
+    auto c = std::make_shared<FakeController>(log_, std::move(category), std::move(vendor));
     backend_->controllers.push_back(c);
     return c;
   }
 
+  // The engine calls since the last look.
+  Calls TakeCalls() { return std::exchange(log_.calls, {}); }
+
   // Lets tasks posted to the main thread run.
-  void Drain() {
+  static void Drain() {
     bool done = false;
     dispatch::MainQueue().Async([&] { done = true; });
     dispatch::RunMainUntil([&] { return done; }, 5s);
@@ -132,82 +148,42 @@ class GamepadBridgeTest : public ::testing::Test {
 
 const Value kOnePulse = Pulses({{0, 0.5, 0.5}});
 
-// --- "controllers" ----------------------------------------------------------------------------
-
-TEST_F(GamepadBridgeTest, EntryHasEveryKeyInOrderAndVendorOnlyWhenReported) {
+TEST_F(GamepadBridgeTest, EntriesListGamepadsWithClampedBatteryAndKnownHaptics) {
+  EXPECT_TRUE(client_.Controllers().empty());
   auto xbox = Attach("Xbox One", "Microsoft");
   xbox->power = Battery{0.5, BatteryState::kCharging};
-  auto plain = Attach("Virtual Pad");
-  plain->localities.reset();
   backend_->current = xbox;
-
-  const auto entries = client_.Controllers();
-  ASSERT_EQ(entries.size(), 2u);
-  ValueMap expected_xbox;
-  expected_xbox.Append(Value("name"), Value("Microsoft - Xbox One"));
-  expected_xbox.Append(Value("productCategory"), Value("Xbox One"));
-  expected_xbox.Append(Value("batteryLevel"), Value(0.5));
-  expected_xbox.Append(Value("batteryState"), Value("charging"));
-  expected_xbox.Append(Value("haptics"), Value(true));
-  expected_xbox.Append(Value("current"), Value(true));
-  expected_xbox.Append(Value("vendorName"), Value("Microsoft"));
-  EXPECT_EQ(entries[0], expected_xbox);
-
-  ValueMap expected_plain;
-  expected_plain.Append(Value("name"), Value("Virtual Pad"));
-  expected_plain.Append(Value("productCategory"), Value("Virtual Pad"));
-  expected_plain.Append(Value("batteryLevel"), Value(-1.0));
-  expected_plain.Append(Value("batteryState"), Value("unknown"));
-  expected_plain.Append(Value("haptics"), Value(false));
-  expected_plain.Append(Value("current"), Value(false));
-  EXPECT_EQ(entries[1], expected_plain);
-}
-
-TEST_F(GamepadBridgeTest, BatteryLevelIsClampedAndStateMapped) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  const double inf = std::numeric_limits<double>::infinity();
+  Attach("Remote")->gamepad = false;
   struct Case {
     std::optional<Battery> battery;
+    std::optional<Localities> localities;
     double level;
     const char* state;
+    bool haptics;
+  } cases[] = {
+      {std::nullopt, std::nullopt, -1.0, "unknown", false},
+      {Battery{kNaN, BatteryState::kCharging}, Localities{}, -1.0, "charging", false},
+      {Battery{kInf, BatteryState::kFull}, Localities{HapticsLocality::kHandles}, -1.0, "full",
+       true},
+      {Battery{1.2, BatteryState::kFull}, Localities{HapticsLocality::kDefault}, 1.0, "full", true},
+      {Battery{-0.5, BatteryState::kDischarging}, {}, 0.0, "discharging", false},
+      {Battery{0.42, BatteryState::kUnknown}, {}, 0.42, "unknown", false},
+      {Battery{0.3, static_cast<BatteryState>(7)}, {}, 0.3, "unknown", false},
   };
-  const std::vector<Case> cases = {
-      {std::nullopt, -1.0, "unknown"},
-      {Battery{nan, BatteryState::kCharging}, -1.0, "charging"},
-      {Battery{inf, BatteryState::kFull}, -1.0, "full"},
-      {Battery{1.2, BatteryState::kFull}, 1.0, "full"},
-      {Battery{-0.5, BatteryState::kDischarging}, 0.0, "discharging"},
-      {Battery{0.0, BatteryState::kDischarging}, 0.0, "discharging"},
-      {Battery{0.42, BatteryState::kUnknown}, 0.42, "unknown"},
-      {Battery{0.3, static_cast<BatteryState>(7)}, 0.3, "unknown"},
-  };
-  for (const Case& c : cases) Attach("Pad")->power = c.battery;
+  for (const Case& c : cases) {
+    auto pad = Attach("Pad");
+    pad->power = c.battery;
+    pad->localities = c.localities;
+  }
   const auto entries = client_.Controllers();
-  ASSERT_EQ(entries.size(), cases.size());
-  for (size_t i = 0; i < cases.size(); ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(*entries[i].Find("batteryLevel"), Value(cases[i].level));
-    EXPECT_EQ(*entries[i].Find("batteryState"), Value(cases[i].state));
+  ASSERT_EQ(entries.size(), std::size(cases) + 1) << "the remote is no gamepad";
+  EXPECT_EQ(entries[0],
+            Entry("Microsoft - Xbox One", "Xbox One", 0.5, "charging", true, true, "Microsoft"));
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const Case& c = cases[i];
+    EXPECT_EQ(entries[i + 1], Entry("Pad", "Pad", c.level, c.state, c.haptics, false)) << i;
   }
 }
-
-TEST_F(GamepadBridgeTest, OnlyGamepadsAreListedAndHapticsNeedsAKnownLocality) {
-  EXPECT_TRUE(client_.Controllers().empty());
-  Attach("Remote")->gamepad = false;
-  Attach("Both");
-  Attach("Handles")->localities = std::vector<HapticsLocality>{HapticsLocality::kHandles};
-  Attach("Neither")->localities = std::vector<HapticsLocality>{};
-
-  const auto entries = client_.Controllers();
-  std::vector<std::pair<std::string, bool>> seen;
-  for (const auto& e : entries) {
-    seen.emplace_back(*e.Find("name")->string_if(), *e.Find("haptics")->bool_if());
-  }
-  EXPECT_EQ(seen, (std::vector<std::pair<std::string, bool>>{
-                      {"Both", true}, {"Handles", true}, {"Neither", false}}));
-}
-
-// --- finding the controller -------------------------------------------------------------------
 
 TEST_F(GamepadBridgeTest, NameFindsTheFirstOfItsNameElseCurrentElseTheOnlyGamepad) {
   auto first = Attach("DualSense", "Sony");
@@ -215,16 +191,14 @@ TEST_F(GamepadBridgeTest, NameFindsTheFirstOfItsNameElseCurrentElseTheOnlyGamepa
   auto other = Attach("Xbox One", "Microsoft");
   auto remote = Attach("Remote");
   remote->gamepad = false;
-  const std::string dualsense = "Sony - DualSense";
+  const std::string dualsense = "Sony - DualSense", unknown = "Nobody - Nothing";
 
   EXPECT_EQ(bridge_->FindController(&dualsense), first);
-  const std::string unknown = "Nobody - Nothing";
   EXPECT_EQ(bridge_->FindController(&unknown), nullptr) << "three gamepads, no current";
   backend_->current = remote;  // current even though it is not a gamepad
   EXPECT_EQ(bridge_->FindController(&unknown), remote);
   EXPECT_EQ(bridge_->FindController(nullptr), remote);
   EXPECT_EQ(bridge_->FindController(&dualsense), first) << "a matching name beats current";
-
   backend_->current = nullptr;
   backend_->controllers = {remote, other};
   EXPECT_EQ(bridge_->FindController(&unknown), other) << "the only gamepad";
@@ -242,13 +216,14 @@ TEST_F(GamepadBridgeTest, NameFindsTheFirstOfItsNameElseCurrentElseTheOnlyGamepa
 TEST_F(GamepadBridgeTest, NoControllerOrNoHapticsAnswersFalse) {
   EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(false));
   auto pad = Attach("Pad");
-  pad->localities = std::vector<HapticsLocality>{};
-  EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(false));
-  pad->localities.reset();
-  EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(false));
+  for (const auto& localities :
+       {std::optional<Localities>(Localities{}), std::optional<Localities>()}) {
+    pad->localities = localities;
+    EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(false));
+  }
   EXPECT_EQ(log_.created, 0);
 
-  pad->localities = std::vector<HapticsLocality>{HapticsLocality::kHandles};
+  pad->localities = Localities{HapticsLocality::kHandles};
   pad->can_create = false;
   EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(false));
   EXPECT_EQ(pad->asked_locality, HapticsLocality::kHandles);
@@ -258,17 +233,12 @@ TEST_F(GamepadBridgeTest, NoControllerOrNoHapticsAnswersFalse) {
   EXPECT_FALSE(bridge_->HasEngine(pad)) << "an engine that did not start is not kept";
 }
 
-// --- pulses -----------------------------------------------------------------------------------
-
 TEST_F(GamepadBridgeTest, EveryInvalidPulseListAnswersFalseAndPlaysNothing) {
   Attach("Pad");
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  const double inf = std::numeric_limits<double>::infinity();
   ValueList too_many;
-  for (int i = 0; i < 33; ++i)
+  for (int i = 0; i < 33; ++i) {
     too_many.push_back(Value(ValueList{Value::Integer(i), Value(0.5), Value(0.5)}));
-  ValueList mixed_types = {Value(ValueList{Value::Integer(0), Value("loud"), Value(0.5)})};
-  ValueList pulse_not_list = {Value(0.5)};
+  }
   const std::vector<std::pair<const char*, Value>> cases = {
       {"missing", Value()},
       {"not a list", Value("0,1,1")},
@@ -278,16 +248,16 @@ TEST_F(GamepadBridgeTest, EveryInvalidPulseListAnswersFalseAndPlaysNothing) {
       {"two numbers", Pulses({{0, 1}})},
       {"offset -1", Pulses({{-1, 1, 1}})},
       {"offset 10001", Pulses({{10001, 1, 1}})},
-      {"NaN intensity", Pulses({{0, nan, 1}})},
-      {"infinite sharpness", Pulses({{0, 1, -inf}})},
-      {"infinite offset", Pulses({{inf, 1, 1}})},
-      {"text among numbers", Value(mixed_types)},
-      {"pulse not a list", Value(pulse_not_list)},
+      {"NaN intensity", Pulses({{0, kNaN, 1}})},
+      {"infinite sharpness", Pulses({{0, 1, -kInf}})},
+      {"infinite offset", Pulses({{kInf, 1, 1}})},
+      {"text among numbers",
+       Value(ValueList{Value(ValueList{Value(0.0), Value("loud"), Value(0.5)})})},
+      {"pulse not a list", Value(ValueList{Value(0.5)})},
       {"one bad among good", Pulses({{0, 1, 1}, {100, 1, 1}, {200, 1}})},
   };
   for (const auto& [what, pulses] : cases) {
-    SCOPED_TRACE(what);
-    EXPECT_EQ(client_.Haptic(std::nullopt, pulses), Value(false));
+    EXPECT_EQ(client_.Haptic(std::nullopt, pulses), Value(false)) << what;
   }
   EXPECT_EQ(log_.created, 0);
   EXPECT_TRUE(log_.played.empty());
@@ -312,73 +282,51 @@ TEST_F(GamepadBridgeTest, PulsesAreClampedAndTakenInAnyNumericForm) {
   EXPECT_EQ(p[2].time_s, 0.005);
 }
 
-// --- engines ----------------------------------------------------------------------------------
-
-TEST_F(GamepadBridgeTest, OneEngineIsKeptPerControllerAcrossCalls) {
+TEST_F(GamepadBridgeTest, EnginesAreKeptPerControllerAndAFailedPlayIsRetriedOnce) {
   auto a = Attach("A");
-  auto b = Attach("B");
-  EXPECT_EQ(client_.Haptic("A", kOnePulse), Value(true));
+  Attach("B");
   EXPECT_EQ(client_.Haptic("A", kOnePulse), Value(true));
   EXPECT_EQ(client_.Haptic("B", kOnePulse), Value(true));
-  EXPECT_EQ(log_.calls,
-            (std::vector<std::string>{"start 1", "play 1", "play 1", "start 2", "play 2"}));
-}
-
-TEST_F(GamepadBridgeTest, AFailedPlayIsRetriedOnceOnAFreshEngine) {
-  auto pad = Attach("Pad");
-  pad->play_results = {false, true};
-  EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(true));
-  EXPECT_EQ(log_.calls,
-            (std::vector<std::string>{"start 1", "play 1", "stop 1", "start 2", "play 2"}));
-  EXPECT_TRUE(bridge_->EngineRunning(pad));
+  a->play_results = {false, true};
+  EXPECT_EQ(client_.Haptic("A", kOnePulse), Value(true));
+  EXPECT_EQ(TakeCalls(), (Calls{"start 1", "play 1", "start 2", "play 2", "play 1", "stop 1",
+                                "start 3", "play 3"}));
+  EXPECT_TRUE(bridge_->EngineRunning(a));
 
   // Both attempts fail: false, and the broken engine is gone.
-  log_.calls.clear();
-  pad->play_results = {false, false};
-  EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(false));
-  EXPECT_EQ(log_.calls,
-            (std::vector<std::string>{"play 2", "stop 2", "start 3", "play 3", "stop 3"}));
-  EXPECT_FALSE(bridge_->HasEngine(pad));
-
-  log_.calls.clear();
-  EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(true));
-  EXPECT_EQ(log_.calls, (std::vector<std::string>{"start 4", "play 4"}));
+  a->play_results = {false, false};
+  EXPECT_EQ(client_.Haptic("A", kOnePulse), Value(false));
+  EXPECT_EQ(TakeCalls(), (Calls{"play 3", "stop 3", "start 4", "play 4", "stop 4"}));
+  EXPECT_FALSE(bridge_->HasEngine(a));
+  EXPECT_EQ(client_.Haptic("A", kOnePulse), Value(true));
+  EXPECT_EQ(TakeCalls(), (Calls{"start 5", "play 5"}));
 }
 
-TEST_F(GamepadBridgeTest, EngineStoppedBySystemIsReplacedOnTheNextCall) {
+TEST_F(GamepadBridgeTest, StoppedAndResetEnginesAreReplacedAndLateHandlersIgnored) {
   auto pad = Attach("Pad");
   ASSERT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(true));
-  FakeEngine* first = pad->last_engine;
-  // Handlers may come from any thread.
-  std::thread([stopped = first->stopped] { stopped(); }).join();
+  // Stopped by the system, from another thread: the next call makes a new engine.
+  std::thread(pad->last_engine->stopped).join();
   Drain();
   EXPECT_FALSE(bridge_->HasEngine(pad));
-  EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(true));
-  EXPECT_EQ(log_.created, 2);
-}
-
-TEST_F(GamepadBridgeTest, LateHandlersOfAReplacedEngineLeaveTheNewOneAlone) {
-  auto pad = Attach("Pad");
-  pad->play_results = {false, true};
   ASSERT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(true));
-  ASSERT_EQ(log_.created, 2);
   FakeEngine* current = pad->last_engine;
   auto stale_stop = current->stopped;  // kept for after engine 2 is replaced
-  log_.calls.clear();
+  TakeCalls();
   // A reset of the current engine restarts it in place; a failed restart marks it not running.
   current->reset();
   Drain();
-  EXPECT_EQ(log_.calls, (std::vector<std::string>{"start 2"}));
+  EXPECT_EQ(TakeCalls(), Calls{"start 2"});
   EXPECT_TRUE(bridge_->EngineRunning(pad));
-  current->start_ok_ = false;
+  current->start_ok = false;
   current->reset();
   Drain();
   EXPECT_TRUE(bridge_->HasEngine(pad));
   EXPECT_FALSE(bridge_->EngineRunning(pad));
   // Not running: the next call replaces it rather than trying it again.
-  log_.calls.clear();
+  TakeCalls();
   EXPECT_EQ(client_.Haptic(std::nullopt, kOnePulse), Value(true));
-  EXPECT_EQ(log_.calls, (std::vector<std::string>{"stop 2", "start 3", "play 3"}));
+  EXPECT_EQ(TakeCalls(), (Calls{"stop 2", "start 3", "play 3"}));
   // Engine 2's stopped handler, arriving now, must not remove engine 3.
   stale_stop();
   Drain();
@@ -390,15 +338,15 @@ TEST_F(GamepadBridgeTest, DisconnectAndBridgeEndStopTheirEngines) {
   auto b = Attach("B");
   ASSERT_EQ(client_.Haptic("A", kOnePulse), Value(true));
   ASSERT_EQ(client_.Haptic("B", kOnePulse), Value(true));
-  log_.calls.clear();
+  TakeCalls();
   backend_->controllers = {b};
   backend_->on_disconnect(a);
   EXPECT_FALSE(bridge_->HasEngine(a));
-  EXPECT_EQ(log_.calls, (std::vector<std::string>{"stop 1"}));
+  EXPECT_EQ(TakeCalls(), Calls{"stop 1"});
 
   auto reset_after_end = b->last_engine->reset;
   bridge_.reset();
-  EXPECT_EQ(log_.calls, (std::vector<std::string>{"stop 1", "stop 2"}));
+  EXPECT_EQ(TakeCalls(), Calls{"stop 2"});
   reset_after_end();  // posts to a bridge that is gone: nothing happens
   Drain();
 }

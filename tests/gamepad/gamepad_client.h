@@ -54,16 +54,7 @@ class GamepadClient {
     return entries;
   }
 
-  std::vector<std::string> Names() {
-    std::vector<std::string> names;
-    for (const ValueMap& entry : Controllers()) {
-      const Value* name = entry.Find("name");
-      names.push_back(name && name->string_if() ? *name->string_if() : "?");
-    }
-    return names;
-  }
-
-  // "haptic"'s answer: true, false, or "?" as text when it was anything but a boolean.
+  // "haptic"'s answer, which must be a boolean.
   Value Haptic(Value args) {
     MethodReply reply = Call("haptic", std::move(args));
     EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess);

@@ -1,4 +1,4 @@
-// The SDL backend's pure parts: how pulses become motor steps, and the kernel's battery nodes,
+// The SDL backend's pure parts: how pulses merge into motor steps, and the kernel's battery nodes,
 // read from a sysfs tree the test builds.
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -16,24 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 
 // --- rumble steps -----------------------------------------------------------------------------
-
-TEST(GamepadRumbleSchedule, SharpnessMovesStrengthFromLowToHighMotor) {
-  struct Case {
-    float intensity, sharpness;
-    uint16_t low, high;
-  };
-  const Case cases[] = {
-      {1.0f, 0.0f, 0xFFFF, 0},       {1.0f, 1.0f, 0, 0xFFFF}, {1.0f, 0.5f, 0xFFFF, 0xFFFF},
-      {0.5f, 0.25f, 0x8000, 0x4000}, {0.0f, 0.5f, 0, 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.intensity << "/" << c.sharpness);
-    const RumbleStep step = RumbleFor(HapticPulse{0.25, c.intensity, c.sharpness});
-    EXPECT_EQ(step.at_ms, 250u);
-    EXPECT_NEAR(step.low, c.low, 1);
-    EXPECT_NEAR(step.high, c.high, 1);
-  }
-}
 
 TEST(GamepadRumbleSchedule, PulsesStopBetweenAndMergeWithinTheMotorsResolution) {
   // 0 and 10 ms merge (stronger of each motor), 30 ms follows before the 40 ms pulse is over
@@ -95,7 +77,7 @@ class GamepadPowerSupplyTest : public ::testing::Test {
   fs::path root_;
 };
 
-TEST_F(GamepadPowerSupplyTest, FindsTheBatteryOfTheControllersOwnDevice) {
+TEST_F(GamepadPowerSupplyTest, FindsTheBatteryOfTheControllersOwnDeviceOnly) {
   for (const char* node : {"/dev/input/event7", "/dev/hidraw2"}) {
     SCOPED_TRACE(node);
     auto battery = Read(node);
@@ -106,9 +88,7 @@ TEST_F(GamepadPowerSupplyTest, FindsTheBatteryOfTheControllersOwnDevice) {
   auto other = Read("/dev/input/event8");
   ASSERT_TRUE(other);
   EXPECT_DOUBLE_EQ(other->level, 0.10);
-}
-
-TEST_F(GamepadPowerSupplyTest, NothingForUnknownNodesOrOnlySystemBatteries) {
+  // Nothing for unknown nodes, or when only the system has a battery.
   EXPECT_FALSE(Read("/dev/input/event99"));
   EXPECT_FALSE(Read(""));
   EXPECT_FALSE(Read("/dev/input/.."));
