@@ -64,6 +64,34 @@ std::string ConflictId(size_t position, int64_t modified_ms) {
 // Names of files that come and go while a sync client or this service works, never documents.
 bool IsTransientName(const std::string& name) { return !name.empty() && name[0] == '.'; }
 
+// One map per document, built in place: with ten thousand documents this is the listing's hot
+// path.
+ValueList ItemMaps(const std::string& documents, std::vector<DocumentItem>& found,
+                   const std::map<std::string, ItemState>& states) {
+  ValueList items;
+  items.reserve(found.size());
+  const ItemState on_disk;
+  for (DocumentItem& item : found) {
+    std::string path = documents + "/" + item.relative;
+    auto known = states.find(path);
+    const ItemState& state = known != states.end() ? known->second : on_disk;
+    ValueMap map;
+    map.reserve(10);
+    map.Append(Value("path"), Value(std::move(path)));
+    map.Append(Value("relative"), Value(std::move(item.relative)));
+    map.Append(Value("size"), Value(item.size));
+    map.Append(Value("modifiedMs"), Value(item.modified_ms));
+    map.Append(Value("downloaded"), Value(state.downloaded));
+    map.Append(Value("downloading"), Value(state.downloading));
+    map.Append(Value("uploaded"), Value(state.uploaded));
+    map.Append(Value("uploading"), Value(state.uploading));
+    map.Append(Value("conflict"), Value(state.conflict || item.has_conflicts));
+    if (state.error) map.Append(Value("error"), Value(*state.error));
+    items.emplace_back(std::move(map));
+  }
+  return items;
+}
+
 // PRETTY_HOSTNAME from a machine-info file (shell-style assignments, optionally quoted).
 std::string PrettyHostName(const std::string& file) {
   std::ifstream in(file);
@@ -376,6 +404,8 @@ void ICloudBridge::SetDocuments(const std::string& documents) {
 
 void ICloudBridge::Snapshot() {
   if (!sink_ || !watcher_ || documents_.empty()) return;
+  // The listing and its maps are made on the io queue; the main thread only watches the
+  // folders found and sends the event.
   OnIo([weak = weak_from_this(), documents = documents_](Core& core) {
     DocumentScan scan = ScanDocuments(documents);
     std::map<std::string, ItemState> states;
@@ -385,45 +415,28 @@ void ICloudBridge::Snapshot() {
       for (const auto& item : scan.items) paths.push_back(documents + "/" + item.relative);
       states = core.store->ClientStates(documents, paths);
     }
-    OnMain(weak, [documents, scan = std::move(scan),
-                  states = std::move(states)](ICloudBridge& self) mutable {
-      self.ShowScan(documents, std::move(scan), std::move(states));
+    ValueList items = ItemMaps(documents, scan.items, states);
+    std::vector<std::string> folders =
+        scan.ok ? std::move(scan.folders) : std::vector<std::string>{documents};
+    OnMain(weak, [documents, folders = std::move(folders),
+                  items = std::move(items)](ICloudBridge& self) mutable {
+      self.ShowItems(documents, folders, std::move(items));
     });
   });
 }
 
-void ICloudBridge::ShowScan(const std::string& documents, DocumentScan scan,
-                            std::map<std::string, ItemState> states) {
+void ICloudBridge::ShowItems(const std::string& documents, const std::vector<std::string>& folders,
+                             ValueList items) {
   if (!watcher_ || documents != documents_) return;  // stopped or moved meanwhile
   // Folders that appeared since the last scan are watched from now on; anything created in
   // them before their watch began is caught by one more scan.
-  const size_t added =
-      watcher_->WatchExactly(scan.ok ? scan.folders : std::vector<std::string>{documents});
+  const size_t added = watcher_->WatchExactly(folders);
   if (added > 0 && watcher_gathered_) watcher_->Poke();
   watcher_gathered_ = true;
-  ValueList items;
-  items.reserve(scan.items.size());
-  const ItemState on_disk;
-  for (DocumentItem& item : scan.items) {
-    std::string path = documents + "/" + item.relative;
-    auto known = states.find(path);
-    const ItemState& state = known != states.end() ? known->second : on_disk;
-    // Built in place: ten thousand documents make this the listing's hot path.
-    ValueMap map;
-    map.reserve(10);
-    map.Append(Value("path"), Value(std::move(path)));
-    map.Append(Value("relative"), Value(std::move(item.relative)));
-    map.Append(Value("size"), Value(item.size));
-    map.Append(Value("modifiedMs"), Value(item.modified_ms));
-    map.Append(Value("downloaded"), Value(state.downloaded));
-    map.Append(Value("downloading"), Value(state.downloading));
-    map.Append(Value("uploaded"), Value(state.uploaded));
-    map.Append(Value("uploading"), Value(state.uploading));
-    map.Append(Value("conflict"), Value(state.conflict || item.has_conflicts));
-    if (state.error) map.Append(Value("error"), Value(*state.error));
-    items.emplace_back(std::move(map));
-  }
-  Emit(Fields({{"type", Value("items")}, {"items", Value(std::move(items))}}));
+  ValueMap event;
+  event.Append(Value("type"), Value("items"));
+  event.Append(Value("items"), Value(std::move(items)));
+  Emit(std::move(event));
 }
 
 void ICloudBridge::Emit(ValueMap event) {

@@ -84,8 +84,8 @@ class ICloudBridge : public std::enable_shared_from_this<ICloudBridge> {
 
   // Watching (main thread).
   void Snapshot();
-  void ShowScan(const std::string& documents, DocumentScan scan,
-                std::map<std::string, ItemState> states);
+  void ShowItems(const std::string& documents, const std::vector<std::string>& folders,
+                 channel::ValueList items);
   void SetDocuments(const std::string& documents);
   void Emit(channel::ValueMap event);
 
