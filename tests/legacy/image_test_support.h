@@ -214,64 +214,13 @@ inline std::vector<uint8_t> WithJpegSize(std::vector<uint8_t> jpeg, uint16_t w, 
   return jpeg;
 }
 
-// A little-endian `tiff` with its width and height tags rewritten to `w` x `h`.
-inline std::vector<uint8_t> WithTiffSize(std::vector<uint8_t> tiff, uint32_t w, uint32_t h) {
-  auto at = [&](size_t i, int n) {
-    uint32_t v = 0;
-    for (int k = n - 1; k >= 0; --k) v = v << 8 | tiff[i + k];
-    return v;
-  };
-  const uint32_t ifd = at(4, 4);
-  for (uint32_t i = 0, n = at(ifd, 2); i < n; ++i) {
-    const size_t entry = ifd + 2 + i * 12;
-    const uint32_t tag = at(entry, 2), type = at(entry + 2, 2);
-    if (tag != 256 && tag != 257) continue;
-    const uint32_t v = tag == 256 ? w : h;
-    for (int k = 0; k < (type == 3 ? 2 : 4); ++k)
-      tiff[entry + 8 + k] = static_cast<uint8_t>(v >> (8 * k));
-  }
-  return tiff;
-}
-
 // `jpeg` with an EXIF block saying how to turn it for display (1 upright .. 8).
 inline std::vector<uint8_t> WithExifOrientation(const std::vector<uint8_t>& jpeg,
-                                                uint16_t orientation) {
-  const std::vector<uint8_t> app1 = {0xFF,
-                                     0xE1,
-                                     0,
-                                     34,
-                                     'E',
-                                     'x',
-                                     'i',
-                                     'f',
-                                     0,
-                                     0,  // APP1, length, "Exif"
-                                     'I',
-                                     'I',
-                                     42,
-                                     0,
-                                     8,
-                                     0,
-                                     0,
-                                     0,  // little-endian TIFF, IFD at 8
-                                     1,
-                                     0,  // one entry
-                                     0x12,
-                                     0x01,
-                                     3,
-                                     0,
-                                     1,
-                                     0,
-                                     0,
-                                     0,  // Orientation, SHORT, count 1
-                                     static_cast<uint8_t>(orientation),
-                                     0,
-                                     0,
-                                     0,  // its value
-                                     0,
-                                     0,
-                                     0,
-                                     0};  // no next IFD
+                                                uint8_t orientation) {
+  // APP1 "Exif", a little-endian TIFF block with one entry: Orientation (SHORT, count 1).
+  const std::string app1 =
+      std::string("\xFF\xE1\0\042Exif\0\0II*\0\010\0\0\0\001\0\022\001\003\0\001\0\0\0", 28) +
+      static_cast<char>(orientation) + std::string(7, '\0');
   std::vector<uint8_t> out(jpeg.begin(), jpeg.begin() + 2);
   out.insert(out.end(), app1.begin(), app1.end());
   out.insert(out.end(), jpeg.begin() + 2, jpeg.end());

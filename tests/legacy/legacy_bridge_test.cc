@@ -66,7 +66,7 @@ TEST_F(BridgeTest, AContainerThatIsNotAFolderIsNoRoot) {
 }
 
 TEST_F(BridgeTest, StoreWrittenByPlistlibIsRead) {
-  const fs::path script = dir_.path() / "write.py";
+  const fs::path script = dir_ / "write.py";
   WriteFile(script, std::string(R"(import plistlib, sys, datetime
 store = {"z21.port": 21105, "z21.when": datetime.datetime(2024, 6, 1, 12, 0, 0),
          "switchboard.grid": [[1, 2], {"w": 1.5}], "corvane.apple.x": 1, "AppleLanguages": ["nl"]}
@@ -118,7 +118,7 @@ TEST_F(BridgeTest, BackupCreatesFoldersAndWritesWhatPlistlibReads) {
                    {"corvane.when", Date(0)},
                    {"z21.blob", Data("ab")}}),
              Format::kXml);
-  const fs::path backup = dir_.path() / "new/nested/folders/prefs.plist";
+  const fs::path backup = dir_ / "new/nested/folders/prefs.plist";
   EXPECT_EQ(Success("backupDefaults", Map({{"path", Value(backup.string())}})), Value(true));
   struct stat st {};
   ASSERT_EQ(stat(backup.c_str(), &st), 0);
@@ -134,12 +134,12 @@ TEST_F(BridgeTest, BackupCreatesFoldersAndWritesWhatPlistlibReads) {
 
 TEST_F(BridgeTest, BackupNeverReplacesWhatIsThere) {
   WriteStore(Dict({{"z21.host", Str("h")}}));
-  const fs::path file = dir_.path() / "existing.plist";
+  const fs::path file = dir_ / "existing.plist";
   WriteFile(file, std::string("the user's own file"));
-  const fs::path folder = dir_.path() / "a-folder";
+  const fs::path folder = dir_ / "a-folder";
   fs::create_directories(folder);
-  const fs::path link = dir_.path() / "dangling";
-  fs::create_symlink(dir_.path() / "nowhere", link);
+  const fs::path link = dir_ / "dangling";
+  fs::create_symlink(dir_ / "nowhere", link);
 
   for (const fs::path& path : {file, folder, link}) {
     const MethodReply reply = Call("backupDefaults", Map({{"path", Value(path.string())}}));
@@ -149,15 +149,14 @@ TEST_F(BridgeTest, BackupNeverReplacesWhatIsThere) {
   }
   const std::vector<uint8_t> kept = ReadFile(file);
   EXPECT_EQ(std::string(kept.begin(), kept.end()), "the user's own file");
-  EXPECT_FALSE(fs::exists(dir_.path() / "nowhere")) << "the link was not followed";
+  EXPECT_FALSE(fs::exists(dir_ / "nowhere")) << "the link was not followed";
 }
 
 TEST_F(BridgeTest, BackupThatCannotBeWrittenAnswersFalse) {
   // A path below a plain file can never be created.
-  WriteFile(dir_.path() / "plain", std::string("x"));
-  EXPECT_EQ(
-      Success("backupDefaults", Map({{"path", Value((dir_.path() / "plain/b.plist").string())}})),
-      Value(false));
+  WriteFile(dir_ / "plain", std::string("x"));
+  EXPECT_EQ(Success("backupDefaults", Map({{"path", Value((dir_ / "plain/b.plist").string())}})),
+            Value(false));
 }
 
 TEST_F(BridgeTest, RacingBackupsToOnePathHaveExactlyOneWinner) {
@@ -165,7 +164,7 @@ TEST_F(BridgeTest, RacingBackupsToOnePathHaveExactlyOneWinner) {
   // Two bridges on two engines (two queues, as two host processes would have) ...
   engine::LoopbackEngine other_engine;
   auto other = LegacySwiftUIBridge::Create(other_engine, environment_);
-  const fs::path target = dir_.path() / "race/backup.plist";
+  const fs::path target = dir_ / "race/backup.plist";
   const Value args = Map({{"path", Value(target.string())}});
   Replies first = CallLater("backupDefaults", args);
   auto second = std::make_shared<std::vector<MethodReply>>();
@@ -184,7 +183,7 @@ TEST_F(BridgeTest, RacingBackupsToOnePathHaveExactlyOneWinner) {
   // Rounds of writers released together, so that some reach the exclusive create between
   // another's existence check and its write.
   for (int round = 0; round < 20; ++round) {
-    const fs::path contested = dir_.path() / ("threads/" + std::to_string(round) + ".plist");
+    const fs::path contested = dir_ / ("threads/" + std::to_string(round) + ".plist");
     std::atomic<int> written{0}, existed{0}, waiting{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) {

@@ -3,6 +3,7 @@
 #include "legacy/legacy_preferences.h"
 
 #include <cmath>
+#include <sstream>
 
 #include "legacy_fixture.h"
 
@@ -10,33 +11,18 @@ namespace corvane::legacy::testing {
 namespace {
 
 TEST(LegacyKeyFilter, DecidesEachRuleInOrder) {
-  const struct {
-    const char* key;
-    bool legacy;
-  } cases[] = {
-      {"z21.host", true},
-      {"corvane.demo.isEnabled", true},
-      {"switchboard.layout", true},
-      {"unifiedThrottle.speedSteps", true},
-      {"AppleLanguages", true},
-      {"locoStripMaxRows", true},
-      {"settingsLocoListLayoutMode", true},
-      // Excluded prefixes win over the included ones they overlap with.
-      {"flutter.z21.host", false},
-      {"corvane.apple.usb.lastDevice", false},
-      {"flutter.", false},
-      // Near misses: case, missing dot, the prefix alone inside a name.
-      {"Z21.host", false},
-      {"z21", false},
-      {"corvane", false},
-      {"corvane.apple", true},  // not "corvane.apple." itself
-      {"applelanguages", false},
-      {"AppleLanguagesX", false},
-      {"locoStripMaxRows2", false},
-      {"my.z21.host", false},
-      {"", false},
-  };
-  for (const auto& c : cases) EXPECT_EQ(IsLegacyKey(c.key), c.legacy) << c.key;
+  // "corvane.apple" is not the excluded "corvane.apple." itself.
+  std::istringstream legacy(
+      "z21.host corvane.demo.isEnabled switchboard.layout unifiedThrottle.speedSteps "
+      "AppleLanguages locoStripMaxRows settingsLocoListLayoutMode corvane.apple");
+  // Excluded prefixes win over included ones they overlap with; then near misses: case, a
+  // missing dot, the prefix alone or inside a name.
+  std::istringstream not_legacy(
+      "flutter.z21.host corvane.apple.usb.lastDevice flutter. Z21.host z21 corvane "
+      "applelanguages AppleLanguagesX locoStripMaxRows2 my.z21.host");
+  for (std::string key; legacy >> key;) EXPECT_TRUE(IsLegacyKey(key)) << key;
+  for (std::string key; not_legacy >> key;) EXPECT_FALSE(IsLegacyKey(key)) << key;
+  EXPECT_FALSE(IsLegacyKey(""));
 }
 
 class StoreFormatTest : public ::testing::TestWithParam<Format> {
@@ -100,38 +86,45 @@ TEST_P(StoreFormatTest, ConvertsEveryKindOfValue) {
 }
 
 TEST_P(StoreFormatTest, ProbeCountsAndFlags) {
-  LegacyPreferences prefs = Read(Dict({
-      {"AppleLanguages", Array({Str("nl"), Str("en")})},
-      {"z21.a", Data("12345")},
-      {"z21.b", Data("678")},
-      {"flutter.c", Data("not counted")},
-      {"corvane.demo.isEnabled", Bool(true)},
-      {"z21.icloud.enabled", Int(1)},  // not a boolean: false
-      {"z21.appLanguageOverride", Str("de")},
-  }));
-  const ValueMap probe = prefs.Probe();
-  EXPECT_EQ(*probe.Find("hasLegacyData"), Value(true));
-  EXPECT_EQ(probe.Find("keyCount")->integer(), 5);
-  EXPECT_EQ(probe.Find("byteCount")->integer(), 8);
-  EXPECT_EQ(*probe.Find("storeDemo"), Value(true));
-  EXPECT_EQ(*probe.Find("icloudKeyValue"), Value(false));
-  EXPECT_EQ(*probe.Find("language"), Value("de"));
-}
-
-TEST_P(StoreFormatTest, LanguagesAloneAreNoLegacyData) {
-  LegacyPreferences prefs = Read(Dict({{"AppleLanguages", Array({Str("nl")})},
-                                       {"z21.appLanguageOverride", Str("")},
-                                       {"flutter.z21.host", Str("x")}}));
-  const ValueMap probe = prefs.Probe();
-  EXPECT_EQ(*probe.Find("hasLegacyData"), Value(true)) << "the empty override is a legacy key";
-  EXPECT_EQ(probe.Find("language"), nullptr) << "but no language";
-
-  LegacyPreferences only = Read(Dict({{"AppleLanguages", Array({Str("nl")})}}));
-  const ValueMap alone = only.Probe();
-  EXPECT_EQ(*alone.Find("hasLegacyData"), Value(false));
-  EXPECT_EQ(alone.Find("keyCount")->integer(), 0);
-  EXPECT_EQ(alone.Find("language"), nullptr);
-  EXPECT_EQ(only.Values().size(), 1u) << "readDefaults still returns it";
+  const Value no_language;
+  const struct {
+    const char* why;
+    plist_t store;
+    bool has_data;
+    int64_t keys, bytes;
+    bool demo, icloud;
+    Value language;
+    size_t values;  // what readDefaults returns
+  } cases[] = {
+      {"every flag",
+       Dict({{"AppleLanguages", Array({Str("nl"), Str("en")})},
+             {"z21.a", Data("12345")},
+             {"z21.b", Data("678")},
+             {"flutter.c", Data("not counted")},
+             {"corvane.demo.isEnabled", Bool(true)},
+             {"z21.icloud.enabled", Int(1)},  // not a boolean: false
+             {"z21.appLanguageOverride", Str("de")}}),
+       true, 5, 8, true, false, Value("de"), 6},
+      {"an empty override is a legacy key, but no language",
+       Dict({{"AppleLanguages", Array({Str("nl")})},
+             {"z21.appLanguageOverride", Str("")},
+             {"flutter.z21.host", Str("x")}}),
+       true, 1, 0, false, false, no_language, 2},
+      {"languages alone are no legacy data", Dict({{"AppleLanguages", Array({Str("nl")})}}), false,
+       0, 0, false, false, no_language, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.why);
+    LegacyPreferences prefs = Read(c.store);
+    const ValueMap probe = prefs.Probe();
+    EXPECT_EQ(*probe.Find("hasLegacyData"), Value(c.has_data));
+    EXPECT_EQ(probe.Find("keyCount")->integer(), c.keys);
+    EXPECT_EQ(probe.Find("byteCount")->integer(), c.bytes);
+    EXPECT_EQ(*probe.Find("storeDemo"), Value(c.demo));
+    EXPECT_EQ(*probe.Find("icloudKeyValue"), Value(c.icloud));
+    EXPECT_EQ(probe.Find("language") ? *probe.Find("language") : Value(), c.language);
+    EXPECT_EQ(prefs.Values().size(), c.values);
+  }
 }
 
 TEST_P(StoreFormatTest, DeepNestingReadsAsNullBelowTheLimit) {
@@ -169,45 +162,44 @@ INSTANTIATE_TEST_SUITE_P(BinaryAndXml, StoreFormatTest,
                          });
 
 // Every one of these is "no legacy data": no keys, and a probe that still answers.
+std::vector<uint8_t> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
+std::string Repeat(const std::string& text, int times) {
+  std::string out;
+  while (times-- > 0) out += text;
+  return out;
+}
+
 TEST(LegacyStore, UnreadableStoresHoldNoKeys) {
-  const std::vector<uint8_t> good = Serialize(Dict({{"z21.a", Int(1)}}), Format::kBinary);
+  const std::vector<uint8_t> good = Serialize(Dict({{"z21.ab", Int(1)}}), Format::kBinary);
   const std::vector<uint8_t> xml_good = Serialize(Dict({{"z21.a", Int(1)}}), Format::kXml);
-  std::vector<std::pair<std::string, std::vector<uint8_t>>> cases = {
+  // libplist aborts the process when asked for a key holding a NUL: such a store is unreadable.
+  std::vector<uint8_t> nul_key = good;
+  const auto key =
+      std::search(nul_key.begin(), nul_key.end(), std::begin("z21.ab"), std::end("z21.ab") - 1);
+  ASSERT_NE(key, nul_key.end());
+  key[4] = 0;
+  const std::string xml_head = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>z21.";
+  const std::pair<std::string, std::vector<uint8_t>> cases[] = {
       {"empty", {}},
-      {"garbage", {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'}},
+      {"garbage", Bytes("not a plist")},
       {"binary truncated", std::vector<uint8_t>(good.begin(), good.end() - 10)},
       {"binary header only", std::vector<uint8_t>(good.begin(), good.begin() + 8)},
       {"xml truncated",
        std::vector<uint8_t>(xml_good.begin(), xml_good.begin() + xml_good.size() / 2)},
       {"array root", Serialize(Array({Str("z21.a")}), Format::kBinary)},
       {"string root", Serialize(Str("z21.a"), Format::kXml)},
+      {"binary key with a NUL", nul_key},
+      {"xml key with a NUL", Bytes(xml_head + '\0' + "</key><true/></dict></plist>")},
+      {"xml key with &#0;", Bytes(xml_head + "&#0;</key><true/></dict></plist>")},
+      {"xml key with &#x000;", Bytes(xml_head + "&#x000;</key><true/></dict></plist>")},
+      {"xml nested past the parser's limit",
+       Bytes(xml_head + "a</key>" + Repeat("<array>", kMaxPropertyListDepth + 1) +
+             Repeat("</array>", kMaxPropertyListDepth + 1) + "</dict></plist>")},
   };
   for (auto& [name, bytes] : cases) {
     LegacyPreferences prefs = LegacyPreferences::Parse(bytes.data(), bytes.size());
     EXPECT_EQ(prefs.size(), 0u) << name;
     EXPECT_EQ(*prefs.Probe().Find("hasLegacyData"), Value(false)) << name;
-  }
-}
-
-TEST(LegacyStore, KeysWithANulAreRefusedBeforeLibplistAssertsOnThem) {
-  // libplist aborts the process when asked for such a key; the store counts as unreadable.
-  std::vector<uint8_t> binary = Serialize(Dict({{"z21.ab", Int(1)}}), Format::kBinary);
-  const auto key =
-      std::search(binary.begin(), binary.end(), std::begin("z21.ab"), std::end("z21.ab") - 1);
-  ASSERT_NE(key, binary.end());
-  key[4] = 0;
-  const std::string xml_raw =
-      std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>z21.") + '\0' +
-      "</key><true/></dict></plist>";
-  const std::vector<std::string> xml = {
-      xml_raw,
-      "<plist version=\"1.0\"><dict><key>z21.&#0;</key><true/></dict></plist>",
-      "<plist version=\"1.0\"><dict><key>z21.&#x000;</key><true/></dict></plist>",
-  };
-  EXPECT_EQ(LegacyPreferences::Parse(binary.data(), binary.size()).size(), 0u);
-  for (const std::string& text : xml) {
-    const auto* p = reinterpret_cast<const uint8_t*>(text.data());
-    EXPECT_EQ(LegacyPreferences::Parse(p, text.size()).size(), 0u) << text;
   }
 }
 
@@ -259,35 +251,20 @@ std::vector<uint8_t> SharedReferenceList(int levels) {
   return out;
 }
 
-TEST(LegacyStore, SharedReferencesAreCountedBeforeParsing) {
+TEST(LegacyStore, ReferenceBombsCyclesAndDanglingReferencesAreRefused) {
   const std::vector<uint8_t> small = SharedReferenceList(4);
   EXPECT_TRUE(BinaryPropertyListWithinBounds(small.data(), small.size()));
-  Plist parsed = ParsePropertyList(small.data(), small.size());
-  ASSERT_TRUE(parsed) << "the walk must accept what libplist reads";
+  ASSERT_TRUE(ParsePropertyList(small.data(), small.size())) << "what libplist reads passes";
 
   // 2^40 leaves from a 150-byte file: refused without libplist ever expanding it.
-  const std::vector<uint8_t> bomb = SharedReferenceList(40);
-  EXPECT_FALSE(BinaryPropertyListWithinBounds(bomb.data(), bomb.size()));
-  EXPECT_FALSE(ParsePropertyList(bomb.data(), bomb.size()));
-}
-
-TEST(LegacyStore, CyclesAndDanglingReferencesAreRefused) {
   std::vector<uint8_t> cycle = SharedReferenceList(3);
   cycle[8 + 3 * 2 + 1] = 0;  // the last array points back at the root
-  EXPECT_FALSE(BinaryPropertyListWithinBounds(cycle.data(), cycle.size()));
   std::vector<uint8_t> dangling = SharedReferenceList(3);
   dangling[9] = 200;  // no such object
-  EXPECT_FALSE(BinaryPropertyListWithinBounds(dangling.data(), dangling.size()));
-}
-
-TEST(LegacyStore, XmlNestedPastTheParserLimitIsRefused) {
-  std::string xml = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>z21.a</key>";
-  for (int i = 0; i < kMaxPropertyListDepth + 1; ++i) xml += "<array>";
-  for (int i = 0; i < kMaxPropertyListDepth + 1; ++i) xml += "</array>";
-  xml += "</dict></plist>";
-  const auto* p = reinterpret_cast<const uint8_t*>(xml.data());
-  EXPECT_FALSE(ParsePropertyList(p, xml.size()));
-  EXPECT_EQ(LegacyPreferences::Parse(p, xml.size()).size(), 0u);
+  for (const auto& bytes : {SharedReferenceList(40), cycle, dangling}) {
+    EXPECT_FALSE(BinaryPropertyListWithinBounds(bytes.data(), bytes.size()));
+    EXPECT_FALSE(ParsePropertyList(bytes.data(), bytes.size()));
+  }
 }
 
 }  // namespace
