@@ -30,29 +30,6 @@ GdkPixbuf* ConvertAndLoad(const std::vector<uint8_t>& image) {
   return pb;
 }
 
-TEST(ImageConverter, EverySavedFormatKeepsItsPixels) {
-  // Left half red, right half blue.
-  GdkPixbuf* source = MakePixbuf(48, 32, false, [](int x, int) { return x < 24 ? kRed : kBlue; });
-  for (const char* format : {"png", "jpeg", "tiff", "webp", "bmp"}) {
-    SCOPED_TRACE(format);
-    const std::vector<uint8_t> bytes = Save(source, format);
-    if (bytes.empty()) continue;  // no writer here
-    if (format == std::string("bmp")) {
-      // Decodable, but not a format migration takes: refused before any loader sees it.
-      EXPECT_EQ(ConvertToJpeg(bytes.data(), bytes.size()).status, ConversionStatus::kNotAnImage);
-      continue;
-    }
-    GdkPixbuf* out = ConvertAndLoad(bytes);
-    if (!out) continue;
-    EXPECT_EQ(gdk_pixbuf_get_width(out), 48);
-    EXPECT_EQ(gdk_pixbuf_get_height(out), 32);
-    EXPECT_TRUE(Near(PixelAt(out, 4, 16), kRed));
-    EXPECT_TRUE(Near(PixelAt(out, 44, 16), kBlue));
-    g_object_unref(out);
-  }
-  g_object_unref(source);
-}
-
 TEST(ImageConverter, ConvertedPixelsAreWhatTheSourceShows) {
   // Opaque red | fully transparent (black underneath) | half-transparent blue.
   GdkPixbuf* alpha = MakePixbuf(48, 16, true, [](int x, int) -> Rgba {
@@ -84,6 +61,8 @@ TEST(ImageConverter, ConvertedPixelsAreWhatTheSourceShows) {
        16,
        32,
        {{{8, 4}, kRed}, {{8, 28}, kBlue}}},
+      {"TIFF", Save(wide, "tiff"), 32, 16, {{{4, 8}, kRed}, {{28, 8}, kBlue}}},
+      {"WebP", Save(wide, "webp"), 32, 16, {{{4, 8}, kRed}, {{28, 8}, kBlue}}},
       // The decoder hands back a partial image for a file that ends early; the rows it never
       // received must be white, not whatever the memory held before.
       {"rows missing from a short file",
@@ -96,6 +75,7 @@ TEST(ImageConverter, ConvertedPixelsAreWhatTheSourceShows) {
   g_object_unref(wide);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.why);
+    if (c.image.empty()) continue;  // no writer for it on this machine
     GdkPixbuf* out = ConvertAndLoad(c.image);
     ASSERT_TRUE(out);
     EXPECT_EQ(gdk_pixbuf_get_width(out), c.width);
@@ -109,6 +89,9 @@ TEST(ImageConverter, ConvertedPixelsAreWhatTheSourceShows) {
 
 TEST(ImageConverter, NonImagesAndBrokenImagesAreRefused) {
   const std::vector<uint8_t> png = GreyPng(8, 8);
+  GdkPixbuf* pixbuf = MakePixbuf(8, 8, false, [](int, int) { return kRed; });
+  const std::vector<uint8_t> bmp = Save(pixbuf, "bmp");
+  g_object_unref(pixbuf);
   const struct {
     const char* name;
     std::vector<uint8_t> bytes;
@@ -121,6 +104,8 @@ TEST(ImageConverter, NonImagesAndBrokenImagesAreRefused) {
       {"jpeg marker then garbage",
        {0xFF, 0xD8, 0xFF, 0x00, 0x13, 0x37},
        ConversionStatus::kUndecodable},
+      // Decodable, but not a format migration takes: refused before any loader sees it.
+      {"bmp", bmp, ConversionStatus::kNotAnImage},
       {"mp4 brand",
        {0, 0, 0, 24, 'f', 't', 'y', 'p', 'i', 's', 'o', 'm'},
        ConversionStatus::kNotAnImage},
@@ -142,9 +127,8 @@ long PeakRssKb() {
 TEST(ImageConverter, OversizedImagesAreRefusedFromTheirHeader) {
   // Headers that claim more than any decoder should be allowed to allocate ...
   const std::vector<uint8_t> png = GreyPng(100000, 100000, 1);
-  const std::array<Rgba, 4> palette = {kRed, kGreen, kBlue, kWhite};
   const auto gif = FourColourGif(
-      65535, 65535, palette, [](int, int) { return 0; }, false);
+      65535, 65535, {kRed, kGreen, kBlue, kWhite}, [](int, int) { return 0; }, false);
   // ... and a complete, valid image just over a (lowered) limit: decoding 3000x3000 would take
   // 27 MB, which the peak resident size would show. (Each test runs in a process of its own.)
   const std::vector<uint8_t> big = GreyPng(3000, 3000);
