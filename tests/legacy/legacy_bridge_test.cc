@@ -40,15 +40,16 @@ TEST_F(BridgeTest, ReadsTheStoreInTheEarlierEditionsContainer) {
                    {"flutter.z21.host", Str("ignored")},
                    {"z21.appLanguageOverride", Str("nl")},
                    {"corvane.thumbnail", Data("12345")}}));
-  const Value probe = Success("probe");
-  EXPECT_EQ(*Field(probe, "hasLegacyData"), Value(true));
-  EXPECT_EQ(Field(probe, "keyCount")->integer(), 3);
-  EXPECT_EQ(Field(probe, "byteCount")->integer(), 5);
-  EXPECT_EQ(*Field(probe, "language"), Value("nl"));
-  const Value values = Success("readDefaults");
-  EXPECT_EQ(*Field(values, "z21.host"), Value("10.0.0.2"));
-  EXPECT_EQ(*Field(values, "corvane.thumbnail"), Value(channel::Bytes{'1', '2', '3', '4', '5'}));
-  EXPECT_EQ(Field(values, "flutter.z21.host"), nullptr);
+  EXPECT_EQ(Success("probe"), Map({{"hasLegacyData", Value(true)},
+                                   {"keyCount", Value::Integer(3)},
+                                   {"byteCount", Value::Integer(5)},
+                                   {"storeDemo", Value(false)},
+                                   {"icloudKeyValue", Value(false)},
+                                   {"language", Value("nl")}}));
+  EXPECT_EQ(Success("readDefaults"),
+            Map({{"z21.host", Value("10.0.0.2")},
+                 {"z21.appLanguageOverride", Value("nl")},
+                 {"corvane.thumbnail", Value(channel::Bytes{'1', '2', '3', '4', '5'})}}));
 }
 
 TEST_F(BridgeTest, RunningAsTheEarlierEditionReadsItsOwnHome) {
@@ -60,25 +61,6 @@ TEST_F(BridgeTest, RunningAsTheEarlierEditionReadsItsOwnHome) {
   const Value values = Success("readDefaults");
   EXPECT_EQ(*Field(values, "z21.own"), Value(true));
   EXPECT_EQ(Field(values, "z21.container"), nullptr);
-}
-
-TEST_F(BridgeTest, BackupWithoutAPathIsAnErrorCarryingTheArguments) {
-  const Value cases[] = {
-      Value(),
-      Value("/tmp/x"),
-      Value(channel::ValueList{Value("/tmp/x")}),
-      Map({}),
-      Map({{"path", Value("")}}),
-      Map({{"path", Value::Integer(3)}}),
-      Map({{"Path", Value("/tmp/x")}}),
-  };
-  for (const Value& args : cases) {
-    const MethodReply reply = Call("backupDefaults", args);
-    ASSERT_EQ(reply.kind, Kind::kError);
-    EXPECT_EQ(reply.error.code, "legacy_backup");
-    EXPECT_EQ(reply.error.message, "Missing path");
-    EXPECT_EQ(reply.error.details, args);
-  }
 }
 
 TEST_F(BridgeTest, BackupCreatesFoldersAndWritesWhatPlistlibReads) {
@@ -101,7 +83,7 @@ TEST_F(BridgeTest, BackupCreatesFoldersAndWritesWhatPlistlibReads) {
   EXPECT_EQ(std::system(check.c_str()), 0) << "plistlib reads back exactly the legacy keys";
 }
 
-TEST_F(BridgeTest, BackupNeverReplacesWhatIsThere) {
+TEST_F(BridgeTest, BackupErrorsNeverReplaceWhatIsThere) {
   WriteStore(Dict({{"z21.host", Str("h")}}));
   const fs::path file = dir_ / "existing.plist";
   WriteFile(file, std::string("the user's own file"));
@@ -110,18 +92,37 @@ TEST_F(BridgeTest, BackupNeverReplacesWhatIsThere) {
   const fs::path link = dir_ / "dangling";
   fs::create_symlink(dir_ / "nowhere", link);
 
-  for (const fs::path& path : {file, folder, link}) {
-    const MethodReply reply = Call("backupDefaults", Map({{"path", Value(path.string())}}));
-    ASSERT_EQ(reply.kind, Kind::kError) << path;
+  const auto at = [](const fs::path& path) { return Map({{"path", Value(path.string())}}); };
+  const struct {
+    Value args;
+    const char* message;
+  } cases[] = {
+      {Value(), "Missing path"},
+      {Value("/tmp/x"), "Missing path"},
+      {Value(channel::ValueList{Value("/tmp/x")}), "Missing path"},
+      {Map({}), "Missing path"},
+      {Map({{"path", Value("")}}), "Missing path"},
+      {Map({{"path", Value::Integer(3)}}), "Missing path"},
+      {Map({{"Path", Value("/tmp/x")}}), "Missing path"},
+      {at(file), "Backup already exists"},
+      {at(folder), "Backup already exists"},
+      {at(link), "Backup already exists"},
+  };
+  for (const auto& c : cases) {
+    const MethodReply reply = Call("backupDefaults", c.args);
+    ASSERT_EQ(reply.kind, Kind::kError) << c.message;
     EXPECT_EQ(reply.error.code, "legacy_backup");
-    EXPECT_EQ(reply.error.message, "Backup already exists");
+    EXPECT_EQ(reply.error.message, c.message);
+    // A missing path carries the arguments as received.
+    if (c.message == std::string("Missing path")) {
+      EXPECT_EQ(reply.error.details, c.args);
+    }
   }
   const std::vector<uint8_t> kept = ReadFile(file);
   EXPECT_EQ(std::string(kept.begin(), kept.end()), "the user's own file");
   EXPECT_FALSE(fs::exists(dir_ / "nowhere")) << "the link was not followed";
   // A path below a plain file can never be created: false, no error.
-  EXPECT_EQ(Success("backupDefaults", Map({{"path", Value((file / "b.plist").string())}})),
-            Value(false));
+  EXPECT_EQ(Success("backupDefaults", at(file / "b.plist")), Value(false));
 }
 
 TEST_F(BridgeTest, RacingBackupsToOnePathHaveExactlyOneWinner) {
