@@ -286,9 +286,8 @@ TEST_F(MenuTest, AClickedItemRepliesItsActionAtThePoint) {
   GdkRGBA text{};
   GtkStyleContext* style = gtk_widget_get_style_context(Named(Entry(menu, 0), "title"));
   gtk_style_context_get_color(style, gtk_style_context_get_state(style), &text);
-  const uint32_t text_rgb = static_cast<uint32_t>(text.red * 255 + 0.5) << 16 |
-                            static_cast<uint32_t>(text.green * 255 + 0.5) << 8 |
-                            static_cast<uint32_t>(text.blue * 255 + 0.5);
+  const auto byte = [](double v) { return static_cast<uint32_t>(v * 255 + 0.5); };
+  const uint32_t text_rgb = byte(text.red) << 16 | byte(text.green) << 8 | byte(text.blue);
   auto text_pixels = [&] {
     GdkPixbuf* shot = gdk_pixbuf_get_from_window(gtk_widget_get_window(symbol), 0, 0,
                                                  gtk_widget_get_allocated_width(symbol),
