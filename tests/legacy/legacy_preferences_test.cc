@@ -208,28 +208,18 @@ TEST(LegacyStore, MalformedUtf8BecomesReplacementCharacters) {
 // twice, so the file is tiny but names a tree of 2^levels leaves.
 std::vector<uint8_t> SharedReferenceList(int levels) {
   std::vector<uint8_t> out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-  std::vector<uint64_t> offsets;
-  const int objects = levels + 1;
-  for (int i = 0; i < levels; ++i) {
-    offsets.push_back(out.size());
-    out.insert(out.end(), {0xA2, static_cast<uint8_t>(i + 1), static_cast<uint8_t>(i + 1)});
-  }
-  offsets.push_back(out.size());
-  out.push_back(0x10);  // integer 7
-  out.push_back(7);
-  const uint64_t table = out.size();
-  for (uint64_t o : offsets) {
-    out.push_back(static_cast<uint8_t>(o >> 8));
-    out.push_back(static_cast<uint8_t>(o));
-  }
-  uint8_t trailer[32] = {};
-  trailer[6] = 2;  // offset size
-  trailer[7] = 1;  // reference size
-  trailer[15] = static_cast<uint8_t>(objects);
-  trailer[23] = 0;  // root
-  trailer[30] = static_cast<uint8_t>(table >> 8);
-  trailer[31] = static_cast<uint8_t>(table);
-  out.insert(out.end(), trailer, trailer + 32);
+  for (int i = 1; i <= levels; ++i) out.insert(out.end(), {0xA2, uint8_t(i), uint8_t(i)});
+  out.insert(out.end(), {0x10, 7});  // the leaf: integer 7
+  const size_t table = out.size();
+  // Two-byte offsets: each array is three bytes long.
+  for (int i = 0; i <= levels; ++i) out.insert(out.end(), {0, uint8_t(8 + 3 * i)});
+  std::vector<uint8_t> trailer(32, 0);
+  trailer[6] = 2;                     // offset size
+  trailer[7] = 1;                     // reference size
+  trailer[15] = uint8_t(levels + 1);  // objects; the root is object 0
+  trailer[30] = uint8_t(table >> 8);
+  trailer[31] = uint8_t(table);
+  out.insert(out.end(), trailer.begin(), trailer.end());
   return out;
 }
 
