@@ -121,32 +121,22 @@ inline std::vector<uint8_t> GreyPng(uint32_t w, uint32_t h, int64_t rows = -1) {
   return out;
 }
 
-// A GIF with a four-colour palette; `index(x, y)` picks each pixel's colour. The LZW stream
-// restarts every two pixels so every code stays three bits wide. Without pixels, only the
-// headers are real.
+// A GIF with a four-colour palette; `index(x, y)` picks each pixel's colour. A clear code
+// before every pixel keeps every code three bits wide. Without pixels, only the headers are
+// real.
 inline std::vector<uint8_t> FourColourGif(uint16_t w, uint16_t h,
                                           const std::array<Rgba, 4>& palette,
                                           const std::function<int(int, int)>& index,
                                           bool with_pixels = true) {
-  std::vector<uint8_t> out = {'G', 'I', 'F', '8', '9', 'a'};
-  auto put16 = [&](uint16_t v) {
-    out.push_back(static_cast<uint8_t>(v));
-    out.push_back(static_cast<uint8_t>(v >> 8));
-  };
-  put16(w);
-  put16(h);
-  out.insert(out.end(), {0x81, 0, 0});  // global table of 4 entries
+  const auto lo = [](uint16_t v) { return static_cast<uint8_t>(v); };
+  const auto hi = [](uint16_t v) { return static_cast<uint8_t>(v >> 8); };
+  // Header, screen with a global table of 4 entries, the table, then an image of the same size
+  // with a minimum code size of 2.
+  std::vector<uint8_t> out = {'G', 'I', 'F', '8', '9', 'a', lo(w), hi(w), lo(h), hi(h), 0x81, 0, 0};
   for (const Rgba& c : palette) out.insert(out.end(), {c.r, c.g, c.b});
-  out.push_back(0x2C);
-  put16(0);
-  put16(0);
-  put16(w);
-  put16(h);
-  out.push_back(0);
-  out.push_back(2);  // minimum code size
+  out.insert(out.end(), {0x2C, 0, 0, 0, 0, lo(w), hi(w), lo(h), hi(h), 0, 2});
   if (!with_pixels) {
-    // Clear, then end: a well-formed file that holds no pixels.
-    out.insert(out.end(), {1, 0x2C, 0, 0x3B});
+    out.insert(out.end(), {1, 0x2C, 0, 0x3B});  // clear then end: well-formed, no pixels
     return out;
   }
   std::vector<uint8_t> bits;
@@ -154,19 +144,10 @@ inline std::vector<uint8_t> FourColourGif(uint16_t w, uint16_t h,
   int nbits = 0;
   auto code = [&](int c) {
     acc |= static_cast<uint32_t>(c) << nbits;
-    nbits += 3;
-    while (nbits >= 8) {
-      bits.push_back(static_cast<uint8_t>(acc));
-      acc >>= 8;
-      nbits -= 8;
-    }
+    for (nbits += 3; nbits >= 8; nbits -= 8, acc >>= 8) bits.push_back(static_cast<uint8_t>(acc));
   };
-  int emitted = 0;
   for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      if (emitted++ % 2 == 0) code(4);  // clear
-      code(index(x, y));
-    }
+    for (int x = 0; x < w; ++x) code(4), code(index(x, y));  // clear, pixel
   }
   code(5);  // end of information
   if (nbits > 0) bits.push_back(static_cast<uint8_t>(acc));
@@ -175,8 +156,7 @@ inline std::vector<uint8_t> FourColourGif(uint16_t w, uint16_t h,
     out.push_back(static_cast<uint8_t>(n));
     out.insert(out.end(), bits.begin() + i, bits.begin() + i + n);
   }
-  out.push_back(0);
-  out.push_back(0x3B);
+  out.insert(out.end(), {0, 0x3B});
   return out;
 }
 
@@ -214,64 +194,13 @@ inline std::vector<uint8_t> WithJpegSize(std::vector<uint8_t> jpeg, uint16_t w, 
   return jpeg;
 }
 
-// A little-endian `tiff` with its width and height tags rewritten to `w` x `h`.
-inline std::vector<uint8_t> WithTiffSize(std::vector<uint8_t> tiff, uint32_t w, uint32_t h) {
-  auto at = [&](size_t i, int n) {
-    uint32_t v = 0;
-    for (int k = n - 1; k >= 0; --k) v = v << 8 | tiff[i + k];
-    return v;
-  };
-  const uint32_t ifd = at(4, 4);
-  for (uint32_t i = 0, n = at(ifd, 2); i < n; ++i) {
-    const size_t entry = ifd + 2 + i * 12;
-    const uint32_t tag = at(entry, 2), type = at(entry + 2, 2);
-    if (tag != 256 && tag != 257) continue;
-    const uint32_t v = tag == 256 ? w : h;
-    for (int k = 0; k < (type == 3 ? 2 : 4); ++k)
-      tiff[entry + 8 + k] = static_cast<uint8_t>(v >> (8 * k));
-  }
-  return tiff;
-}
-
 // `jpeg` with an EXIF block saying how to turn it for display (1 upright .. 8).
 inline std::vector<uint8_t> WithExifOrientation(const std::vector<uint8_t>& jpeg,
-                                                uint16_t orientation) {
-  const std::vector<uint8_t> app1 = {0xFF,
-                                     0xE1,
-                                     0,
-                                     34,
-                                     'E',
-                                     'x',
-                                     'i',
-                                     'f',
-                                     0,
-                                     0,  // APP1, length, "Exif"
-                                     'I',
-                                     'I',
-                                     42,
-                                     0,
-                                     8,
-                                     0,
-                                     0,
-                                     0,  // little-endian TIFF, IFD at 8
-                                     1,
-                                     0,  // one entry
-                                     0x12,
-                                     0x01,
-                                     3,
-                                     0,
-                                     1,
-                                     0,
-                                     0,
-                                     0,  // Orientation, SHORT, count 1
-                                     static_cast<uint8_t>(orientation),
-                                     0,
-                                     0,
-                                     0,  // its value
-                                     0,
-                                     0,
-                                     0,
-                                     0};  // no next IFD
+                                                uint8_t orientation) {
+  // APP1 "Exif", a little-endian TIFF block with one entry: Orientation (SHORT, count 1).
+  const std::string app1 =
+      std::string("\xFF\xE1\0\042Exif\0\0II*\0\010\0\0\0\001\0\022\001\003\0\001\0\0\0", 28) +
+      static_cast<char>(orientation) + std::string(7, '\0');
   std::vector<uint8_t> out(jpeg.begin(), jpeg.begin() + 2);
   out.insert(out.end(), app1.begin(), app1.end());
   out.insert(out.end(), jpeg.begin() + 2, jpeg.end());

@@ -3,8 +3,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -13,6 +13,7 @@
 
 #include "channel/standard_codec.h"
 #include "engine/loopback_engine.h"
+#include "host/support.h"
 #include "legacy/legacy_swiftui_bridge.h"
 #include "legacy/property_list.h"
 
@@ -23,23 +24,6 @@ using channel::MethodReply;
 using channel::Value;
 using channel::ValueMap;
 namespace fs = std::filesystem;
-
-// A fresh folder under the system's temporary folder, removed with the object.
-class TempDir {
- public:
-  TempDir() {
-    std::string tmpl = (fs::temp_directory_path() / "corvane-legacy-XXXXXX").string();
-    path_ = mkdtemp(tmpl.data());
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
 
 inline void WriteFile(const fs::path& path, const std::vector<uint8_t>& bytes) {
   fs::create_directories(path.parent_path());
@@ -108,9 +92,9 @@ class BridgeTest : public ::testing::Test {
  protected:
   void SetUp() override {
     environment_.bundle_identifier = "io.corvane.host";
-    environment_.account_home = (dir_.path() / "account").string();
-    environment_.application_home = (dir_.path() / "app-home").string();
-    environment_.data_home = (dir_.path() / "data-home").string();
+    environment_.account_home = (dir_ / "account").string();
+    environment_.application_home = (dir_ / "app-home").string();
+    environment_.data_home = (dir_ / "data-home").string();
     fs::create_directories(environment_.account_home);
   }
   void TearDown() override { bridge_.reset(); }
@@ -153,7 +137,8 @@ class BridgeTest : public ::testing::Test {
     return reply.value;
   }
 
-  TempDir dir_;
+  corvane::testing::TempDir temp_;
+  const fs::path dir_ = temp_.path();
   LegacyEnvironment environment_;
   engine::LoopbackEngine engine_;
   std::shared_ptr<LegacySwiftUIBridge> bridge_;

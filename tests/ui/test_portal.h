@@ -1,5 +1,5 @@
-// A private session bus (dbus-daemon on a socket in a test folder) and a desktop portal on it
-// that serves only the appearance colour scheme, as org.freedesktop.portal.Settings does.
+// A desktop portal on the test's private session bus that serves only the appearance colour
+// scheme, as org.freedesktop.portal.Settings does.
 #pragma once
 
 #include <gio/gio.h>
@@ -9,44 +9,8 @@
 #include <string>
 
 #include "dispatch/queue.h"
-#include "host/support.h"
 
 namespace corvane::ui::testing {
-
-class PrivateBus {
- public:
-  PrivateBus() {
-    const std::string address = "unix:path=" + dir_ / "bus";
-    process_ = corvane::testing::Spawn(
-        g_subprocess_launcher_new(static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE |
-                                                                G_SUBPROCESS_FLAGS_STDERR_SILENCE)),
-        {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + address,
-         "--print-address=1"});
-    if (!process_) return;
-    // The daemon prints its address once it accepts connections.
-    GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process_));
-    gchar* line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
-    if (line && *line) address_ = line;
-    g_free(line);
-    g_object_unref(out);
-  }
-  ~PrivateBus() {
-    if (!process_) return;
-    g_subprocess_force_exit(process_);
-    g_subprocess_wait(process_, nullptr, nullptr);
-    g_object_unref(process_);
-  }
-  PrivateBus(const PrivateBus&) = delete;
-  PrivateBus& operator=(const PrivateBus&) = delete;
-
-  bool ok() const { return !address_.empty(); }
-  const std::string& address() const { return address_; }
-
- private:
-  corvane::testing::TempDir dir_;
-  GSubprocess* process_ = nullptr;
-  std::string address_;
-};
 
 class TestPortal {
  public:
@@ -64,8 +28,15 @@ class TestPortal {
       g_error_free(error);
       return;
     }
-    const char* xml = version1_ ? kVersion1 : kVersion2;
-    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml, nullptr);
+    const std::string read_method =
+        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='v' "
+        "direction='out'/></method>";
+    const std::string xml =
+        "<node><interface name='org.freedesktop.portal.Settings'><method name='Read'>" +
+        read_method + (version1_ ? "" : "<method name='ReadOne'>" + read_method) +
+        "<signal name='SettingChanged'><arg type='s'/><arg type='s'/><arg type='v'/></signal>"
+        "</interface></node>";
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml.c_str(), nullptr);
     static const GDBusInterfaceVTable vtable = {&TestPortal::OnCall, nullptr, nullptr, {}};
     object_ = g_dbus_connection_register_object(connection_, kPath, node->interfaces[0], &vtable,
                                                 this, nullptr, nullptr);
@@ -106,20 +77,6 @@ class TestPortal {
   static constexpr const char* kName = "org.freedesktop.portal.Desktop";
   static constexpr const char* kPath = "/org/freedesktop/portal/desktop";
   static constexpr const char* kInterface = "org.freedesktop.portal.Settings";
-  static constexpr const char* kVersion2 =
-      "<node><interface name='org.freedesktop.portal.Settings'>"
-      "<method name='Read'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-      "<arg type='v' direction='out'/></method>"
-      "<method name='ReadOne'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-      "<arg type='v' direction='out'/></method>"
-      "<signal name='SettingChanged'><arg type='s'/><arg type='s'/><arg type='v'/></signal>"
-      "</interface></node>";
-  static constexpr const char* kVersion1 =
-      "<node><interface name='org.freedesktop.portal.Settings'>"
-      "<method name='Read'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-      "<arg type='v' direction='out'/></method>"
-      "<signal name='SettingChanged'><arg type='s'/><arg type='s'/><arg type='v'/></signal>"
-      "</interface></node>";
 
   static void OnCall(GDBusConnection*, const gchar*, const gchar*, const gchar*,
                      const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation,

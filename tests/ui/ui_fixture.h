@@ -1,10 +1,14 @@
-// The test plays the Flutter side of the native UI services through the loopback engine.
+// The test plays the Flutter side of the native UI services through the loopback engine; the
+// GTK tests get a private X server (and session bus) per test process.
 #pragma once
 
 #include <gdk-pixbuf/gdk-pixbuf.h>
 #include <gtest/gtest.h>
+#include <gtk/gtk.h>
+#include <sys/prctl.h>
 
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,6 +16,7 @@
 #include "channel/standard_codec.h"
 #include "dispatch/queue.h"
 #include "engine/loopback_engine.h"
+#include "host/support.h"
 
 namespace corvane::ui::testing {
 
@@ -21,6 +26,69 @@ using channel::ValueList;
 using channel::ValueMap;
 
 inline Value Map(ValueMap m) { return Value(std::move(m)); }
+
+// A server that prints one line once it serves (Xvfb its display, dbus-daemon its address).
+// The kernel kills it when the test process ends, even by a crash or a timeout, so no server
+// outlives its test.
+class ServerProcess {
+ public:
+  explicit ServerProcess(const std::vector<std::string>& argv) {
+    GSubprocessLauncher* launcher = g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
+        G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE));
+    g_subprocess_launcher_set_child_setup(
+        launcher, +[](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
+    process_ = corvane::testing::Spawn(launcher, argv);
+    if (!process_) return;
+    GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process_));
+    gchar* line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
+    if (line) line_ = line;
+    g_free(line);
+    g_object_unref(out);
+  }
+  ~ServerProcess() {
+    if (!process_) return;
+    g_subprocess_force_exit(process_);
+    g_subprocess_wait(process_, nullptr, nullptr);
+    g_object_unref(process_);
+  }
+  ServerProcess(const ServerProcess&) = delete;
+  ServerProcess& operator=(const ServerProcess&) = delete;
+
+  const std::string& line() const { return line_; }  // empty when it never came up
+
+ private:
+  GSubprocess* process_ = nullptr;
+  std::string line_;
+};
+
+// Xvfb, an empty configuration folder and, when asked, a session bus; GTK initialised on them.
+// Owned by a suite (set up and torn down with it), since GTK binds to one display per process.
+struct GtkSession {
+  explicit GtkSession(bool with_bus) {
+    g_setenv("XDG_CONFIG_HOME", dir.path().c_str(), TRUE);
+    g_unsetenv("GTK_THEME");
+    g_unsetenv("WAYLAND_DISPLAY");
+    g_unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    g_setenv("NO_AT_BRIDGE", "1", TRUE);
+    if (with_bus) {
+      bus = std::make_unique<ServerProcess>(
+          std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--nopidfile",
+                                   "--address=unix:path=" + dir / "bus", "--print-address=1"});
+      // The process's desktop preference asks this bus, and no other, for the portal.
+      if (bus->line().empty()) return;
+      g_setenv("DBUS_SESSION_BUS_ADDRESS", bus->line().c_str(), TRUE);
+    }
+    if (xvfb.line().empty()) return;
+    g_setenv("DISPLAY", (":" + xvfb.line()).c_str(), TRUE);
+    ready = gtk_init_check(nullptr, nullptr);
+  }
+
+  corvane::testing::TempDir dir;
+  ServerProcess xvfb{
+      {"Xvfb", "-displayfd", "1", "-screen", "0", "1280x1024x24", "-nolisten", "tcp"}};
+  std::unique_ptr<ServerProcess> bus;
+  bool ready = false;
+};
 
 // Calls on one channel; replies are collected as they come.
 class ChannelClient {
@@ -52,19 +120,6 @@ class ChannelClient {
   std::string channel_;
 };
 
-// A decoded PNG, or null.
-inline GdkPixbuf* DecodePng(const channel::Bytes& png) {
-  GdkPixbufLoader* loader = gdk_pixbuf_loader_new_with_type("png", nullptr);
-  GdkPixbuf* pixbuf = nullptr;
-  if (gdk_pixbuf_loader_write(loader, png.data(), png.size(), nullptr) &&
-      gdk_pixbuf_loader_close(loader, nullptr)) {
-    pixbuf = gdk_pixbuf_loader_get_pixbuf(loader);
-    if (pixbuf) g_object_ref(pixbuf);
-  }
-  g_object_unref(loader);
-  return pixbuf;
-}
-
 // What a symbol image holds: its size and the colours of its visible pixels.
 struct PixelSummary {
   int width = 0;
@@ -76,10 +131,8 @@ struct PixelSummary {
 };
 
 inline PixelSummary Summarise(GdkPixbuf* pixbuf, uint32_t rgb) {
-  PixelSummary s;
-  s.width = gdk_pixbuf_get_width(pixbuf);
-  s.height = gdk_pixbuf_get_height(pixbuf);
-  s.has_alpha = gdk_pixbuf_get_has_alpha(pixbuf);
+  PixelSummary s{gdk_pixbuf_get_width(pixbuf), gdk_pixbuf_get_height(pixbuf),
+                 static_cast<bool>(gdk_pixbuf_get_has_alpha(pixbuf))};
   if (!s.has_alpha) return s;
   const int stride = gdk_pixbuf_get_rowstride(pixbuf);
   const guchar* data = gdk_pixbuf_read_pixels(pixbuf);
