@@ -154,7 +154,7 @@ TEST_F(ChannelsTest, AnOldSinkNeverReachesTheNewListener) {
   EXPECT_EQ(engine_.off_main_thread_deliveries(), 0);
 }
 
-TEST_F(ChannelsTest, ListenWhileListeningCancelsTheOldStreamFirst) {
+TEST_F(ChannelsTest, ListenWhileListeningCancelsFirstAndARefusedListenHasNoSink) {
   EventChannel events(engine_, "test/events");
   SinkHolder holder;
   events.SetStreamHandler(holder.Handler());
@@ -169,10 +169,8 @@ TEST_F(ChannelsTest, ListenWhileListeningCancelsTheOldStreamFirst) {
   EXPECT_FALSE(events.listening());
   EXPECT_EQ(Call("test/events", "Listen").kind, MethodReply::Kind::kNotImplemented);
   EXPECT_FALSE(events.listening());
-}
 
-TEST_F(ChannelsTest, RefusedListenLeavesNoActiveSink) {
-  EventChannel events(engine_, "test/events");
+  // A refused listen leaves no active sink, even one the handler kept.
   std::unique_ptr<EventSink> kept;
   events.SetStreamHandler(std::make_unique<FunctionStreamHandler>(
       [&](const Value&, std::unique_ptr<EventSink> s) -> std::optional<MethodError> {
