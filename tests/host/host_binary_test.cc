@@ -181,10 +181,10 @@ TEST_F(HostBinaryTest, RefusedStartsExitWithAReasonAndTouchNothing) {
   const std::string notes = dir_ / "notes.txt";
   g_file_set_contents(notes.c_str(), "mine", -1, nullptr);
   const std::pair<Args, int> cases[] = {{{"--info", dir_ / "missing.conf"}, 2},
-                                         {{"--info"}, 2},
-                                         {{"--no-such-option"}, 2},
-                                         {{"--engine-socket="}, 2},
-                                         {{"--headless", "--engine-socket", notes}, 1}};
+                                        {{"--info"}, 2},
+                                        {{"--no-such-option"}, 2},
+                                        {{"--engine-socket="}, 2},
+                                        {{"--headless", "--engine-socket", notes}, 1}};
   for (const auto& [args, code] : cases) {
     Outcome outcome = RunToEnd(args);
     EXPECT_EQ(outcome.code, code) << args.back();
