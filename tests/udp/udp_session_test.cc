@@ -140,7 +140,7 @@ TEST_F(UdpSessionTest, SendsWaitingForAFlowLeaveInOrderAndAreNotLost) {
 }
 
 // A listener session's life: many sources, sends through the outbound cache and broadcast,
-// and its end when the id is opened again as a connected session.
+// its end when the id is opened again as a connected session, and a bind that fails.
 TEST_F(UdpSessionTest, ListenerSession) {
   const uint16_t port = Listen("l");
   ASSERT_NE(port, 0);
@@ -189,9 +189,8 @@ TEST_F(UdpSessionTest, ListenerSession) {
   ASSERT_TRUE(WaitEvent("l", "ready", &ready_at));
   EXPECT_LT(cancelled_at, ready_at) << "the old session ends before the new one is ready";
   EXPECT_FALSE(Events()[ready_at - 1].Find("port")) << "a connection's ready has no port";
-}
 
-TEST_F(UdpSessionTest, ListenerBindFailsOnlyWhenThePortIsHeldWithoutReuse) {
+  // Binding fails only on a port held without address reuse.
   Peer holder, sharer(/*reuse=*/true);
   Call("openListener",
        Map({{"sessionId", Value("busy")}, {"port", Value::Integer(holder.port())}}));
