@@ -161,24 +161,15 @@ TEST(StandardCodec, PayloadsOfEveryLengthEncodeExactly) {
     for (size_t i = 0; i < n; ++i) text[i] = static_cast<char>('a' + i % 26);
     const Bytes bytes(text.begin(), text.end());
     // Tag, size in one, three or five bytes, payload.
-    auto framed = [&](uint8_t tag) {
-      Bytes out{tag};
-      if (n < 254) {
-        out.push_back(static_cast<uint8_t>(n));
-      } else if (n <= 0xffff) {
-        for (uint8_t b : {uint8_t{254}, uint8_t(n), uint8_t(n >> 8)}) out.push_back(b);
-      } else {
-        for (uint8_t b :
-             {uint8_t{255}, uint8_t(n), uint8_t(n >> 8), uint8_t(n >> 16), uint8_t{0}}) {
-          out.push_back(b);
-        }
-      }
-      for (uint8_t b : bytes) out.push_back(b);
-      return out;
-    };
+    const auto b = [n](int shift) { return static_cast<uint8_t>(n >> shift); };
+    const Bytes size = n < 254       ? Bytes{b(0)}
+                       : n <= 0xffff ? Bytes{254, b(0), b(8)}
+                                     : Bytes{255, b(0), b(8), b(16), b(24)};
     for (const auto& [tag, value] :
          {std::pair{uint8_t{7}, Value(text)}, std::pair{uint8_t{8}, Value(bytes)}}) {
-      const Bytes expected = framed(tag);
+      Bytes expected{tag};
+      expected.insert(expected.end(), size.begin(), size.end());
+      expected.insert(expected.end(), bytes.begin(), bytes.end());
       EXPECT_EQ(EncodeMessage(value), expected);
       Decoded<Value> back = DecodeMessage(expected);
       ASSERT_TRUE(back) << back.error;
