@@ -272,19 +272,15 @@ TEST_F(CorvanectlTest, AHostOfAnotherUserIsRefused) {
   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
 }
 
+// The tool's ways in and out of the codec; the values themselves are the JSON mapping's and the
+// codec's own tests.
 TEST(CorvanectlCodec, EncodesAndDecodesKnownBytes) {
-  const std::string kFloat = "06" + std::string(14, '0') + "000000000000f83f";
   const struct {
     Args encode;
     std::string hex;
     std::string decoded;  // what decode prints back
   } cases[] = {
       {{"encode", R"({"a":1})"}, "0d010701610301000000", R"({"a":1})"},
-      {{"encode", "1.5"}, kFloat, "1.5"},
-      {{"encode", R"({"$float32list":[1.5,-2]})"},
-       "0e0200000000c03f000000c0",
-       R"({"$float32list":[1.5,-2]})"},
-      {{"encode", R"({"$map":[[1,null]]})"}, "0d01030100000000", R"({"$map":[[1,null]]})"},
       {{"encode", "--method-call", R"({"method":"m","args":[true]})"},
        "07016d0c0101",
        R"({"method":"m","args":[true]})"},

@@ -86,14 +86,21 @@ TEST(AvahiAbsentTest, WithNoBusReachableEveryCallIsStillAnswered) {
   EXPECT_TRUE(client.Events().empty());
 }
 
-// Its own daemon pair, because taking the shared one away would disturb the other tests.
-class AvahiRestartTest : public AvahiTest {
+// A daemon pair of its own, for what would disturb the other tests on the shared one.
+class PrivateAvahiTest : public AvahiTest {
  protected:
-  AvahiRestartTest() : AvahiTest("/tmp/corvane-avahi-restart-" + std::to_string(getpid())) {}
+  explicit PrivateAvahiTest(const std::string& kind)
+      : AvahiTest("/tmp/corvane-avahi-" + kind + "-" + std::to_string(getpid())) {}
   void TearDown() override {
     Script("stop");
+    unsetenv("AVAHI_CI_TWO_LINKS");
     std::filesystem::remove_all(dir_);
   }
+};
+
+class AvahiRestartTest : public PrivateAvahiTest {
+ protected:
+  AvahiRestartTest() : PrivateAvahiTest("restart") {}
 };
 
 TEST_F(AvahiRestartTest, ServicesAreFoundAgainAfterTheDaemonOrTheBusComesBack) {
@@ -118,16 +125,9 @@ TEST_F(AvahiRestartTest, ServicesAreFoundAgainAfterTheDaemonOrTheBusComesBack) {
 
 // Its own daemon pair in a namespace with a second and third link and IPv6, so that every
 // instance is seen on several interfaces and over both protocols.
-class AvahiTwoLinksTest : public AvahiTest {
+class AvahiTwoLinksTest : public PrivateAvahiTest {
  protected:
-  AvahiTwoLinksTest() : AvahiTest("/tmp/corvane-avahi-links-" + std::to_string(getpid())) {
-    setenv("AVAHI_CI_TWO_LINKS", "1", 1);
-  }
-  void TearDown() override {
-    Script("stop");
-    unsetenv("AVAHI_CI_TWO_LINKS");
-    std::filesystem::remove_all(dir_);
-  }
+  AvahiTwoLinksTest() : PrivateAvahiTest("links") { setenv("AVAHI_CI_TWO_LINKS", "1", 1); }
 };
 
 TEST_F(AvahiTwoLinksTest, AnInstanceSeenManyTimesIsFoundOnceAtAnIPv4HostAndLostOnce) {

@@ -63,7 +63,7 @@ class BonjourBridgeTest : public ::testing::Test {
   BonjourBridge bridge_;
 };
 
-TEST_F(BonjourBridgeTest, StartBrowsesGivenTypesOnceAndMalformedTypesMeanTheSevenDefaults) {
+TEST_F(BonjourBridgeTest, StartBrowsesEachTypeStringOnceAndMalformedTypesMeanTheDefaults) {
   const std::vector<std::string>& defaults = BonjourBridge::DefaultTypes();
   EXPECT_EQ(defaults,
             (std::vector<std::string>{"_z21._udp.", "_z21._tcp.", "_ecos._tcp.", "_dccex._tcp.",
@@ -80,18 +80,13 @@ TEST_F(BonjourBridgeTest, StartBrowsesGivenTypesOnceAndMalformedTypesMeanTheSeve
   }
 
   // Browsers are keyed by the string: another spelling is another browser, the same string
-  // is browsed once; an empty list is no types.
+  // is browsed once; an empty list is no types. Each reports what it finds under its own string.
+  ASSERT_EQ(client_.Listen().kind, MethodReply::Kind::kSuccess);
   EXPECT_EQ(client_.Call("start", Types({"_z21._tcp.", "_z21._tcp", "_z21._tcp."})).value,
             Value(true));
   EXPECT_EQ(client_.Call("start", Types({"_Z21._TCP", "_z21._tcp"})).value, Value(true));
   EXPECT_EQ(client_.Call("start", Types({})).value, Value(true));
   EXPECT_EQ(TakeBrowsed(), (std::vector<std::string>{"_z21._tcp.", "_z21._tcp", "_Z21._TCP"}));
-}
-
-// Each spelling's browser reports the services it finds under its own string.
-TEST_F(BonjourBridgeTest, EachSpellingReportsUnderItsOwnType) {
-  ASSERT_EQ(client_.Listen().kind, MethodReply::Kind::kSuccess);
-  ASSERT_EQ(client_.Call("start", Types({"_z21._tcp.", "_z21._tcp"})).value, Value(true));
   for (const char* type : {"_z21._tcp.", "_z21._tcp"}) {
     Resolve(Sighting{type, "Z", "local", 2, 0}, Endpoint{"10.0.0.5", 21105, ""});
   }
@@ -101,9 +96,9 @@ TEST_F(BonjourBridgeTest, EachSpellingReportsUnderItsOwnType) {
       Event{"found", "Z", "_z21._tcp", "10.0.0.5", 21105, {"10.0.0.5"}}};
   EXPECT_EQ(client_.Events(), both);
   EXPECT_EQ(client_.List(), both);
-}
 
-TEST_F(BonjourBridgeTest, BrowseTypesAreBoundedAndNonNamesSkipped) {
+  // Past the bound no more are browsed; names that cannot be types are skipped.
+  EXPECT_EQ(client_.Call("stop").value, Value(true));
   std::vector<std::string> many = {"", std::string(300, 'x')};
   for (size_t i = 0; i < BonjourBridge::kMaxBrowsers + 10; ++i) {
     many.push_back("_t" + std::to_string(i) + "._udp");

@@ -37,14 +37,9 @@ struct Event {
 };
 
 // Arguments for "start": {"types": types}.
-inline Value TypesArg(Value types) {
-  ValueMap args;
-  args.Set("types", std::move(types));
-  return Value(std::move(args));
-}
+inline Value TypesArg(Value types) { return Value(ValueMap{{Value("types"), std::move(types)}}); }
 inline Value Types(const std::vector<std::string>& types) {
-  ValueList list(types.begin(), types.end());
-  return TypesArg(Value(std::move(list)));
+  return TypesArg(Value(ValueList(types.begin(), types.end())));
 }
 
 inline std::string Text(const Value* v) { return v && v->string_if() ? *v->string_if() : "?"; }

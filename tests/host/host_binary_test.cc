@@ -175,29 +175,28 @@ TEST_F(HostBinaryTest, AFallbackFolderThatIsNotPrivatelyOursIsRefused) {
   }
 }
 
-TEST_F(HostBinaryTest, AFileAtTheSocketPathIsNeverReplaced) {
+// A start that cannot serve exits at once with a reason on standard error: 2 for a bad command
+// line or information file, 1 for a socket path that holds something else, which stays as it was.
+TEST_F(HostBinaryTest, RefusedStartsExitWithAReasonAndTouchNothing) {
   const std::string notes = dir_ / "notes.txt";
   g_file_set_contents(notes.c_str(), "mine", -1, nullptr);
-  Outcome outcome = RunToEnd({"--headless", "--engine-socket", notes});
-  EXPECT_EQ(outcome.code, 1);
-  EXPECT_NE(outcome.err.find(notes + " exists and is not a socket"), std::string::npos)
-      << outcome.err;
+  const std::pair<Args, int> cases[] = {{{"--info", dir_ / "missing.conf"}, 2},
+                                        {{"--info"}, 2},
+                                        {{"--no-such-option"}, 2},
+                                        {{"--engine-socket="}, 2},
+                                        {{"--headless", "--engine-socket", notes}, 1}};
+  for (const auto& [args, code] : cases) {
+    Outcome outcome = RunToEnd(args);
+    EXPECT_EQ(outcome.code, code) << args.back();
+    EXPECT_FALSE(outcome.err.empty()) << args.back();
+    EXPECT_EQ(outcome.out, "") << args.back();
+  }
+  EXPECT_NE(RunToEnd(cases[4].first).err.find(notes + " exists and is not a socket"),
+            std::string::npos);
   gchar* kept = nullptr;
   ASSERT_TRUE(g_file_get_contents(notes.c_str(), &kept, nullptr, nullptr));
   EXPECT_STREQ(kept, "mine");
   g_free(kept);
-}
-
-TEST_F(HostBinaryTest, BadCommandLinesAndInfoFilesExitWithTwo) {
-  for (const Args& args : {Args{"--info", dir_ / "missing.conf"},
-                           {"--info"},
-                           {"--no-such-option"},
-                           {"--engine-socket="}}) {
-    Outcome outcome = RunToEnd(args);
-    EXPECT_EQ(outcome.code, 2) << args.front();
-    EXPECT_FALSE(outcome.err.empty()) << args.front();
-    EXPECT_EQ(outcome.out, "") << args.front();
-  }
   EXPECT_EQ(ModeOf(dir_ / "corvane"), 0u);
 }
 

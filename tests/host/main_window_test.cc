@@ -1,5 +1,6 @@
 // The main window on a real X server (Xvfb started by the test): background colour read back
-// from the screen, following the theme live, and the size from the UI definition.
+// from the screen, following the theme live, and the size from the UI definition. Forcing a look
+// on the window is the appearance service's, and tested there.
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 
@@ -101,9 +102,6 @@ class MainWindowTest : public ::testing::Test {
   void Setting(const char* name, T value) {
     AfterFrame([&] { g_object_set(gtk_settings_get_default(), name, value, nullptr); });
   }
-  void Force(Appearance appearance) {
-    AfterFrame([&] { main_->background().SetAppearance(appearance); });
-  }
 
   // The same colour at the centre (over the content) and near a corner.
   void ExpectBackground(uint32_t expected, const char* when) {
@@ -130,29 +128,7 @@ class MainWindowTest : public ::testing::Test {
   int draws_ = 0;
 };
 
-TEST_F(MainWindowTest, BackgroundFollowsTheThemeLiveInTheSameWindow) {
-  g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
-  Open();
-  ExpectBackground(kDarkBlue, "prefer dark at start");
-  Setting("gtk-application-prefer-dark-theme", FALSE);
-  ExpectBackground(kWhite, "prefer dark switched off");
-  Setting("gtk-theme-name", "Adwaita-dark");
-  ExpectBackground(kDarkBlue, "a -dark theme");
-  Setting("gtk-theme-name", "Adwaita");
-  ExpectBackground(kWhite, "back to Adwaita");
-
-  // What the window-appearance service will do: force a look on this window, then release it.
-  Force(Appearance::kDark);
-  ExpectBackground(kDarkBlue, "forced dark");
-  // The forced window already shows the dark variant: nothing to redraw, so no frame to await.
-  g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
-  Force(Appearance::kLight);
-  ExpectBackground(kWhite, "forced light under a dark preference");
-  Force(Appearance::kSystem);
-  ExpectBackground(kDarkBlue, "following the system again");
-}
-
-TEST_F(MainWindowTest, KeepsTheUiDefinitionSizeAndRegistersWithItsView) {
+TEST_F(MainWindowTest, KeepsTheDefinedSizeRegistersWithItsViewAndFollowsTheThemeLive) {
   EnsureHostResources();
   GtkBuilder* builder = gtk_builder_new_from_resource(kMainWindowUiResource);
   GtkWindow* defined = GTK_WINDOW(gtk_builder_get_object(builder, "main_window"));
@@ -164,16 +140,24 @@ TEST_F(MainWindowTest, KeepsTheUiDefinitionSizeAndRegistersWithItsView) {
   ASSERT_GT(width, 0);
   ASSERT_GT(height, 0);
 
+  g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
   Open();
   EXPECT_EQ(gdk_window_get_width(Gdk()), width);
   EXPECT_EQ(gdk_window_get_height(Gdk()), height);
-
   // The window registers the start-up services with its view, where the appearance service
   // finds this window's background.
   ASSERT_NE(host_.registry(), nullptr);
   EXPECT_EQ(host_.registry()->view(), main_->view());
   EXPECT_EQ(WindowBackground::ForWidget(main_->view()), &main_->background());
   EXPECT_FALSE(host_.registry()->registrations().empty());
+
+  ExpectBackground(kDarkBlue, "prefer dark at start");
+  Setting("gtk-application-prefer-dark-theme", FALSE);
+  ExpectBackground(kWhite, "prefer dark switched off");
+  Setting("gtk-theme-name", "Adwaita-dark");
+  ExpectBackground(kDarkBlue, "a -dark theme");
+  Setting("gtk-theme-name", "Adwaita");
+  ExpectBackground(kWhite, "back to Adwaita");
 }
 
 }  // namespace

@@ -40,18 +40,14 @@ std::vector<std::string> RegisteredChannels() {
   char line[1024];
   while (out && fgets(line, sizeof line, out)) {
     std::stringstream fields(line);
-    std::string registrar, service, list;
-    std::getline(fields, registrar, '\t');
-    std::getline(fields, service, '\t');
-    std::getline(fields, list, '\t');
+    std::string list;
+    for (int field = 0; field < 3; ++field) std::getline(fields, list, '\t');
     std::stringstream names(list);
     for (std::string name; std::getline(names, name, ',');) {
       if (name != "-" && !name.empty()) channels.push_back(name);
     }
   }
-  if (out) {
-    EXPECT_EQ(pclose(out), 0);
-  }
+  EXPECT_TRUE(out && pclose(out) == 0);
   return channels;
 }
 
@@ -136,17 +132,15 @@ class HostProcess {
     return 0;
   }
 
-  // User plus system CPU time so far, in clock ticks.
+  // User plus system CPU time so far, in clock ticks: fields 14 and 15 of /proc/PID/stat.
   long CpuTicks() const {
     std::ifstream in("/proc/" + std::to_string(pid_) + "/stat");
     std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::stringstream fields(all.substr(all.rfind(')') + 2));
-    std::string field;
+    std::stringstream fields(all.substr(all.rfind(')') + 2));  // from field 3 on
+    std::string skip;
     long utime = 0, stime = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-      if (i == 14) utime = std::stol(field);
-      if (i == 15) stime = std::stol(field);
-    }
+    for (int i = 3; i < 14; ++i) fields >> skip;
+    fields >> utime >> stime;
     return utime + stime;
   }
 

@@ -215,23 +215,20 @@ TEST_F(GuardedSendTest, EndingsAfterTheHandOverAreUncertain) {
   Open("s", "127.0.0.1", station_.port());
   holding_->hold_completions = true;
 
-  auto timed = Later(Args("t"));
-  WaitHeld(1);
-  clock_.Advance(500ms);
-  EXPECT_EQ(Await(timed), Status("t", "uncertain", true));
-
-  auto cancelled = Later(Args("c"));
-  WaitHeld(2);
-  Cancel("c");
-  EXPECT_EQ(Await(cancelled), Status("c", "uncertain", true));
-
-  auto closed = Later(Args("x"));
-  WaitHeld(3);
-  Close("s");
-  EXPECT_EQ(Await(closed), Status("x", "uncertain", true));
-
+  const std::pair<const char*, std::function<void()>> endings[] = {
+      {"t", [&] { clock_.Advance(500ms); }},
+      {"c", [&] { Cancel("c"); }},
+      {"x", [&] { Close("s"); }},
+  };
+  std::vector<Replies> calls;
+  for (const auto& [id, end] : endings) {
+    calls.push_back(Later(Args(id)));
+    WaitHeld(calls.size());
+    end();
+    EXPECT_EQ(Await(calls.back()), Status(id, "uncertain", true));
+  }
   holding_->Release();  // the late completions find nothing to answer
-  AwaitAll({timed, cancelled, closed});
+  AwaitAll(calls);
 }
 
 }  // namespace
