@@ -9,13 +9,13 @@ packages=(
   libglib2.0-dev libgtk-3-dev adwaita-icon-theme
   libsdl2-dev
   xvfb xauth
-  libglib2.0-dev libgtk-3-dev adwaita-icon-theme librsvg2-dev
-  xvfb xauth libxtst-dev
+  librsvg2-dev
+  libxtst-dev
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
   desktop-file-utils shared-mime-info libx11-dev
   syncthing curl jq
   libv4l-dev libudev-dev libjpeg62-turbo-dev
-  libplist-dev libgdk-pixbuf-2.0-dev libjpeg62-turbo-dev zlib1g-dev python3
+  libplist-dev libgdk-pixbuf-2.0-dev zlib1g-dev python3
   webp-pixbuf-loader heif-gdk-pixbuf
 )
 
