@@ -4,7 +4,9 @@
 
 #include <gio/gio.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -99,38 +101,50 @@ inline Outcome Finish(GSubprocess* process, const std::string& input = {}) {
   return outcome;
 }
 
-// An X server on a display number Xvfb picks itself, so parallel tests never collide. Stopped
-// when the object goes.
-class XvfbServer {
+// A server that prints one line once it serves (Xvfb its display, dbus-daemon its address).
+// The kernel kills it when the test process ends, even by a crash or a timeout, so no server
+// outlives its test.
+class ServerProcess {
  public:
-  XvfbServer() {
-    // Xvfb writes the display number to standard output once it accepts connections.
-    process_ =
-        Spawn(g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
-                  G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE)),
-              {"Xvfb", "-displayfd", "1", "-screen", "0", "1280x1024x24", "-nolisten", "tcp"});
+  explicit ServerProcess(const std::vector<std::string>& argv) {
+    GSubprocessLauncher* launcher = g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
+        G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE));
+    g_subprocess_launcher_set_child_setup(
+        launcher, +[](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
+    process_ = Spawn(launcher, argv);
     if (!process_) return;
     GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process_));
-    gchar* number = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
-    if (number && *number) display_ = std::string(":") + number;
-    g_free(number);
+    gchar* line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
+    if (line) line_ = line;
+    g_free(line);
     g_object_unref(out);
   }
-  XvfbServer(const XvfbServer&) = delete;
-  XvfbServer& operator=(const XvfbServer&) = delete;
-  ~XvfbServer() {
+  ~ServerProcess() {
     if (!process_) return;
     g_subprocess_force_exit(process_);
     g_subprocess_wait(process_, nullptr, nullptr);
     g_object_unref(process_);
   }
+  ServerProcess(const ServerProcess&) = delete;
+  ServerProcess& operator=(const ServerProcess&) = delete;
 
-  bool ok() const { return !display_.empty(); }
-  const std::string& display() const { return display_; }  // ":N"
+  const std::string& line() const { return line_; }  // empty when it never came up
 
  private:
   GSubprocess* process_ = nullptr;
-  std::string display_;
+  std::string line_;
+};
+
+// A private X server for GTK tests.
+class XvfbServer {
+ public:
+  bool ok() const { return !process_.line().empty(); }
+  std::string display() const { return ":" + process_.line(); }
+
+ private:
+  // Xvfb prints the display number once it accepts connections.
+  ServerProcess process_{
+      {"Xvfb", "-displayfd", "1", "-screen", "0", "1280x1024x24", "-nolisten", "tcp"}};
 };
 
 }  // namespace corvane::testing

@@ -5,10 +5,8 @@
 #include <gdk-pixbuf/gdk-pixbuf.h>
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
-#include <sys/prctl.h>
 
 #include <chrono>
-#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,46 +18,14 @@
 
 namespace corvane::ui::testing {
 
+using corvane::testing::ServerProcess;
+
 using channel::MethodReply;
 using channel::Value;
 using channel::ValueList;
 using channel::ValueMap;
 
 inline Value Map(ValueMap m) { return Value(std::move(m)); }
-
-// A server that prints one line once it serves (Xvfb its display, dbus-daemon its address).
-// The kernel kills it when the test process ends, even by a crash or a timeout, so no server
-// outlives its test.
-class ServerProcess {
- public:
-  explicit ServerProcess(const std::vector<std::string>& argv) {
-    GSubprocessLauncher* launcher = g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
-        G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE));
-    g_subprocess_launcher_set_child_setup(
-        launcher, +[](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
-    process_ = corvane::testing::Spawn(launcher, argv);
-    if (!process_) return;
-    GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process_));
-    gchar* line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
-    if (line) line_ = line;
-    g_free(line);
-    g_object_unref(out);
-  }
-  ~ServerProcess() {
-    if (!process_) return;
-    g_subprocess_force_exit(process_);
-    g_subprocess_wait(process_, nullptr, nullptr);
-    g_object_unref(process_);
-  }
-  ServerProcess(const ServerProcess&) = delete;
-  ServerProcess& operator=(const ServerProcess&) = delete;
-
-  const std::string& line() const { return line_; }  // empty when it never came up
-
- private:
-  GSubprocess* process_ = nullptr;
-  std::string line_;
-};
 
 // Xvfb, an empty configuration folder and, when asked, a session bus; GTK initialised on them.
 // Owned by a suite (set up and torn down with it), since GTK binds to one display per process.
