@@ -162,8 +162,10 @@ TEST_F(HostBinaryTest, AFallbackFolderThatIsNotPrivatelyOursIsRefused) {
     GSubprocessLauncher* launcher = g_subprocess_launcher_new(testing::kAllPipes);
     g_subprocess_launcher_unsetenv(launcher, "XDG_RUNTIME_DIR");
     g_subprocess_launcher_unsetenv(launcher, "DISPLAY");
-    const std::string script = "mount -t tmpfs tmpfs /tmp && " + c.setup + " && exec " +
-                               CORVANE_HOST_BINARY + " --headless";
+    // The binary is opened before the private /tmp hides it (the build may live under /tmp).
+    const std::string script = std::string("exec 3<'") + CORVANE_HOST_BINARY +
+                               "' && mount -t tmpfs tmpfs /tmp && " + c.setup +
+                               " && exec /proc/self/fd/3 --headless";
     Outcome outcome = testing::Finish(testing::Spawn(
         launcher, {"unshare", "-m", "--propagation", "private", "sh", "-c", script}));
     EXPECT_EQ(outcome.code, 1) << c.setup << ": " << outcome.err;
