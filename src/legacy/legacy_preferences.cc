@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cerrno>
 #include <unordered_map>
 
@@ -125,6 +126,22 @@ plist_t CleanCopy(plist_t node) {
   }
 }
 
+// Seconds since 2001 as stored. plist_get_date_val truncates them to 32 bits and drops the sign
+// of the fraction, so the date is read back from its own binary form: after the "bplist00"
+// header comes its one object, marker 0x33 and a big-endian double.
+double DateSeconds(plist_t node) {
+  const std::vector<uint8_t> bin = SerializeBinary(node);
+  constexpr size_t kObject = 8;
+  if (bin.size() >= kObject + 9 && bin[kObject] == 0x33) {
+    uint64_t bits = 0;
+    for (size_t i = 1; i <= 8; ++i) bits = bits << 8 | bin[kObject + i];
+    return std::bit_cast<double>(bits);
+  }
+  int32_t sec = 0, usec = 0;
+  plist_get_date_val(node, &sec, &usec);
+  return sec + usec / 1e6;
+}
+
 bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& out) {
   // Non-blocking, so a FIFO planted at the path cannot hold the queue.
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
@@ -190,9 +207,7 @@ Value ToCodecValue(plist_t node, int depth) {
     }
     case PLIST_DATE: {
       // A tagged map on purpose: a bare number would be indistinguishable from a setting.
-      int32_t sec = 0, usec = 0;
-      plist_get_date_val(node, &sec, &usec);
-      const double seconds = static_cast<double>(int64_t{sec} + kMacEpochOffset) + usec / 1e6;
+      const double seconds = DateSeconds(node) + kMacEpochOffset;
       ValueMap date;
       date.Append(Value("$date"), Value(seconds));
       return Value(std::move(date));

@@ -2,6 +2,8 @@
 // what they claim to be.
 #include "legacy/legacy_preferences.h"
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <sstream>
 
@@ -46,6 +48,7 @@ TEST_P(StoreFormatTest, ConvertsEveryKindOfValue) {
       {"corvane.apple.camera", Str("platform state")},
       {"corvane.blob", Data(std::string("\x00\x01\xff", 3))},
       {"corvane.lastSync", Date(600000000, 500000)},
+      {"corvane.firstRun", Date(-1, -500000)},
       {"switchboard.panels",
        Array({Dict({{"name", Str("yard")}, {"tiles", Array({Int(1), Int(2)})}}), Str("main")})},
       {"unrelated", Str("x")},
@@ -64,6 +67,9 @@ TEST_P(StoreFormatTest, ConvertsEveryKindOfValue) {
       {"corvane.blob", Value(channel::Bytes{0, 1, 0xff})},
       {"corvane.lastSync",
        Map({{"$date", Value(GetParam() == Format::kBinary ? 1578307200.5 : 1578307200.0)}})},
+      // Before 2001 the fraction counts further back.
+      {"corvane.firstRun",
+       Map({{"$date", Value(GetParam() == Format::kBinary ? 978307198.5 : 978307199.0)}})},
       {"switchboard.panels",
        Value(ValueList{Map({{"name", Value("yard")},
                             {"tiles", Value(ValueList{Value::Integer(1), Value::Integer(2)})}}),
@@ -183,6 +189,18 @@ TEST(LegacyStore, UnreadableStoresHoldNoKeys) {
     EXPECT_EQ(prefs.size(), 0u) << name;
     EXPECT_EQ(*prefs.Probe().Find("hasLegacyData"), Value(false)) << name;
   }
+}
+
+// Dates past 2069 do not fit 32-bit seconds; the store's "never" is such a date.
+TEST(LegacyStore, DatesBeyond32BitSecondsKeepTheirValue) {
+  std::vector<uint8_t> bytes = Serialize(Dict({{"corvane.snoozeUntil", Date(0)}}), Format::kBinary);
+  const uint8_t zero_date[] = {0x33, 0, 0, 0, 0, 0, 0, 0, 0};
+  auto at = std::search(bytes.begin(), bytes.end(), std::begin(zero_date), std::end(zero_date));
+  ASSERT_NE(at, bytes.end());
+  const uint64_t bits = std::bit_cast<uint64_t>(63113904000.0);  // 4001-01-01
+  for (int i = 0; i < 8; ++i) at[1 + i] = static_cast<uint8_t>(bits >> (56 - 8 * i));
+  const ValueMap values = LegacyPreferences::Parse(bytes.data(), bytes.size()).Values();
+  EXPECT_EQ(Value(values), Map({{"corvane.snoozeUntil", Map({{"$date", Value(64092211200.0)}})}}));
 }
 
 TEST(LegacyStore, MalformedUtf8BecomesReplacementCharacters) {
