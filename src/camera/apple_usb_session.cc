@@ -134,14 +134,14 @@ void AppleUsbSession::Encode(CaptureSide& side, CaptureSample& sample, uint64_t 
       static_cast<int64_t>(width) * height > kMaxFramePixels) {
     return side.Post(id, {}, kTooLarge);
   }
+  // Every failure to produce the bytes reads "tooLarge", a picture that will not convert as
+  // much as one the encoder refuses; an over-large frame is never re-encoded smaller.
   RgbImage image;
   if (!sample.ReadRgb(side.scratch, &image) || image.width != width || image.height != height) {
-    return side.Post(id, {}, kUnavailable);
+    return side.Post(id, {}, kTooLarge);
   }
   std::vector<uint8_t> jpeg =
       imaging::EncodeJpeg(image.pixels, image.width, image.height, image.stride, kJpegQuality);
-  // Every failure to produce the bytes reads "tooLarge"; an over-large frame is never
-  // re-encoded smaller.
   if (jpeg.empty() || static_cast<int64_t>(jpeg.size()) > side.limit) {
     return side.Post(id, {}, kTooLarge);
   }
