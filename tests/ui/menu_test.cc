@@ -209,8 +209,7 @@ TEST_F(MenuTest, TreesBuildTheMenuTheyDescribe) {
        Items({a, Inline(Items({b})), Inline(Items({c}))}), "A|-|B|-|C"},
       {"an empty group adds nothing", Items({a, Inline({}), Inline(Items({b}))}), "A|-|B"},
       // Its closing separator still comes: only the end of a menu is trimmed.
-      {"a group of skipped items opening the menu", Items({Inline(Items({label_only})), a}),
-       "-|A"},
+      {"a group of skipped items opening the menu", Items({Inline(Items({label_only})), a}), "-|A"},
       {"a group of skipped items closing the menu", Items({a, Inline(Items({label_only}))}), "A"},
       {"nested groups", Items({a, Inline(Items({Inline(Items({b})), c}))}), "A|-|B|-|C"},
       {"submenus", Items({a, Submenu("More", Items({b, Inline(Items({c}))})), Submenu("E", {})}),
