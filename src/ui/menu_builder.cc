@@ -106,10 +106,11 @@ void MenuBuilder::Fill(GtkWidget* menu, const ValueList& items, int depth) {
         continue;
       }
       if (args.boolean("inline").value_or(false)) {
-        // One separator between groups, none opening the menu.
+        // One separator between groups, none before a group that opens the menu. The group
+        // is always closed by one (its children end without one), even when it built nothing.
         if (LastEntry(menu) && !EndsWithSeparator(menu)) add_separator();
         Fill(menu, *children, depth + 1);
-        if (LastEntry(menu) && !EndsWithSeparator(menu)) add_separator();
+        if (!EndsWithSeparator(menu)) add_separator();
         continue;
       }
       if (!Take()) continue;
@@ -134,7 +135,10 @@ void MenuBuilder::Fill(GtkWidget* menu, const ValueList& items, int depth) {
     if (on_activate_) g_signal_connect(entry, "activate", G_CALLBACK(on_activate_), data_);
     gtk_menu_shell_append(GTK_MENU_SHELL(menu), entry);
   }
-  while (EndsWithSeparator(menu)) gtk_widget_destroy(LastEntry(menu));
+  while (EndsWithSeparator(menu)) {
+    gtk_widget_destroy(LastEntry(menu));
+    --entries_;
+  }
 }
 
 GtkWidget* MenuBuilder::Entry(const Args& args, bool choosable, bool check) {

