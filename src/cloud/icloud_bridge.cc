@@ -152,8 +152,9 @@ struct ICloudBridge::Core {
 
   bool IsDownloaded(const std::string& path) {
     if (auto state = store->ClientState(path)) return state->downloaded;
+    // Through links: a link whose target is missing here holds nothing that could be opened.
     struct stat st;
-    return lstat(path.c_str(), &st) == 0;
+    return stat(path.c_str(), &st) == 0;
   }
 
   // Sleeps one poll interval; false once the service is stopping.
@@ -166,8 +167,10 @@ struct ICloudBridge::Core {
     if (IsDownloaded(path)) return true;
     std::string error;
     if (!store->StartDownloading(path, &error)) return IsDownloaded(path);
-    // Milliseconds beyond a year wait as long as a year; nothing overflows.
-    const auto timeout = std::chrono::milliseconds(std::min<int64_t>(timeout_ms, 31536000000));
+    // Milliseconds beyond a year wait as long as a year, below zero not at all; nothing
+    // overflows.
+    const auto timeout =
+        std::chrono::milliseconds(std::clamp<int64_t>(timeout_ms, 0, 31536000000));
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
       if (IsDownloaded(path)) return true;

@@ -144,6 +144,11 @@ TEST_F(SyncthingStateTest, ItemsAndDownloadsFollowWhatSyncthingSays) {
   EXPECT_EQ(Download("missing.corvane", Value::Integer(5000)), Value(false));  // nothing to fetch
   EXPECT_EQ(Download("pending.corvane", Value::Integer(0)), Value(false));
   EXPECT_EQ(Download("pending.corvane", Value::Integer(100)), Value(false));
+  // A timeout far below zero answers at once, like zero.
+  EXPECT_EQ(Download("pending.corvane", Value::Integer(-10000000000000)), Value(false));
+  // A link whose target is not on this machine holds nothing to open: not downloaded.
+  fs::create_symlink(docs_ + "/nowhere.corvane", docs_ + "/dangling.corvane");
+  EXPECT_EQ(Download("dangling.corvane", Value::Integer(5000)), Value(false));
 
   // "timeoutMs" as a string means the default minute, not zero: still waiting when the file
   // arrives, and other calls are served meanwhile.
