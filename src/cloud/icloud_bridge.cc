@@ -169,8 +169,7 @@ struct ICloudBridge::Core {
     if (!store->StartDownloading(path, &error)) return IsDownloaded(path);
     // Milliseconds beyond a year wait as long as a year, below zero not at all; nothing
     // overflows.
-    const auto timeout =
-        std::chrono::milliseconds(std::clamp<int64_t>(timeout_ms, 0, 31536000000));
+    const auto timeout = std::chrono::milliseconds(std::clamp<int64_t>(timeout_ms, 0, 31536000000));
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
       if (IsDownloaded(path)) return true;
