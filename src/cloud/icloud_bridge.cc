@@ -408,7 +408,8 @@ void ICloudBridge::Snapshot() {
   if (!sink_ || !watcher_ || documents_.empty()) return;
   // The listing and its maps are made on the io queue; the main thread only watches the
   // folders found and sends the event.
-  OnIo([weak = weak_from_this(), documents = documents_](Core& core) {
+  OnIo([weak = weak_from_this(), documents = documents_,
+        snapshot = ++snapshots_started_](Core& core) {
     DocumentScan scan = ScanDocuments(documents);
     std::map<std::string, ItemState> states;
     if (scan.ok) {
@@ -420,16 +421,18 @@ void ICloudBridge::Snapshot() {
     ValueList items = ItemMaps(documents, scan.items, states);
     std::vector<std::string> folders =
         scan.ok ? std::move(scan.folders) : std::vector<std::string>{documents};
-    OnMain(weak, [documents, folders = std::move(folders),
+    OnMain(weak, [snapshot, documents, folders = std::move(folders),
                   items = std::move(items)](ICloudBridge& self) mutable {
-      self.ShowItems(documents, folders, std::move(items));
+      self.ShowItems(snapshot, documents, folders, std::move(items));
     });
   });
 }
 
-void ICloudBridge::ShowItems(const std::string& documents, const std::vector<std::string>& folders,
-                             ValueList items) {
+void ICloudBridge::ShowItems(uint64_t snapshot, const std::string& documents,
+                             const std::vector<std::string>& folders, ValueList items) {
   if (!watcher_ || documents != documents_) return;  // stopped or moved meanwhile
+  if (snapshot < snapshot_shown_) return;            // a newer listing is already out
+  snapshot_shown_ = snapshot;
   // Folders that appeared since the last scan are watched from now on; anything created in
   // them before their watch began is caught by one more scan.
   const size_t added = watcher_->WatchExactly(folders);

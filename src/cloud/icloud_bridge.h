@@ -84,8 +84,8 @@ class ICloudBridge : public std::enable_shared_from_this<ICloudBridge> {
 
   // Watching (main thread).
   void Snapshot();
-  void ShowItems(const std::string& documents, const std::vector<std::string>& folders,
-                 channel::ValueList items);
+  void ShowItems(uint64_t snapshot, const std::string& documents,
+                 const std::vector<std::string>& folders, channel::ValueList items);
   void SetDocuments(const std::string& documents);
   void Emit(channel::ValueMap event);
 
@@ -106,6 +106,9 @@ class ICloudBridge : public std::enable_shared_from_this<ICloudBridge> {
   bool wants_watching_ = false;
   bool watcher_gathered_ = false;  // the first scan after (re)targeting has been shown
   std::string documents_;          // set by a successful "status"
+  // Listings run side by side on the io queue; one that finishes after a newer one is stale.
+  uint64_t snapshots_started_ = 0;
+  uint64_t snapshot_shown_ = 0;
   std::unique_ptr<FolderWatcher> identity_watcher_;
   std::optional<std::string> identity_source_;  // the last one seen; nothing before the first
 };
