@@ -40,8 +40,10 @@ class ICloudBridge : public std::enable_shared_from_this<ICloudBridge> {
     std::function<std::string()> host_name;
     std::chrono::milliseconds batch_interval{1000};
     std::chrono::milliseconds download_poll{250};
-    // A waiting download holds one worker; the others keep serving.
-    int workers = 6;
+    // A waiting download holds one worker; the others keep serving. As wide as the
+    // platform's pool of blocked workers, so that a handful of waiting downloads never stalls
+    // the other calls. Threads start only as work arrives.
+    int workers = 64;
   };
 
   static std::shared_ptr<ICloudBridge> Create(channel::BinaryMessenger& messenger, Options options);
