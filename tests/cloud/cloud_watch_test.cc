@@ -39,8 +39,11 @@ class HeldStore final : public CloudStore {
   }
   std::map<std::string, ItemState> ClientStates(const std::string& folder,
                                                 const std::vector<std::string>& paths) override {
-    if (!holding.exchange(true)) released_.wait_for(10s);
-    return inner_->ClientStates(folder, paths);
+    if (holding.exchange(true)) return inner_->ClientStates(folder, paths);
+    released_.wait_for(10s);
+    auto states = inner_->ClientStates(folder, paths);
+    held_done = true;
+    return states;
   }
   bool StartDownloading(const std::string& path, std::string* error) override {
     return inner_->StartDownloading(path, error);
@@ -50,6 +53,7 @@ class HeldStore final : public CloudStore {
   }
   void Release() { release_.set_value(); }
   std::atomic<bool> holding{false};
+  std::atomic<bool> held_done{false};
 
  private:
   std::shared_ptr<CloudStore> inner_;
@@ -178,7 +182,8 @@ TEST_F(WatchTest, AListingOvertakenByANewerOneIsNotShown) {
   WriteFile(docs + "/b.corvane", "2");
   ASSERT_TRUE(WaitItems({"a.corvane", "b.corvane"}));
   held->Release();
-  Settle(500ms);
+  dispatch::RunMainUntil([&] { return held->held_done.load(); }, 5s);
+  Settle(300ms);
   std::optional<Value> last;
   for (const Value& event : Events()) {
     if (Text(event, "type") == "items") last = event;
