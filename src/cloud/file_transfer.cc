@@ -120,9 +120,11 @@ void ReadAttributes(const std::string& path, TransferOutcome& outcome) {
   outcome.size = st.st_size;
 }
 
-// Opens a regular file for reading; sets `message` otherwise.
+// Opens a regular file for reading; sets `message` otherwise. Without blocking, so that a
+// named pipe fails at once instead of holding a worker until some writer comes (the flag means
+// nothing to the regular file read afterwards).
 int OpenSource(const std::string& path, std::string* message) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     *message = Failure(path, errno);
     return -1;

@@ -152,8 +152,9 @@ struct ICloudBridge::Core {
 
   bool IsDownloaded(const std::string& path) {
     if (auto state = store->ClientState(path)) return state->downloaded;
+    // Through links: a link whose target is missing here holds nothing that could be opened.
     struct stat st;
-    return lstat(path.c_str(), &st) == 0;
+    return stat(path.c_str(), &st) == 0;
   }
 
   // Sleeps one poll interval; false once the service is stopping.
@@ -166,8 +167,9 @@ struct ICloudBridge::Core {
     if (IsDownloaded(path)) return true;
     std::string error;
     if (!store->StartDownloading(path, &error)) return IsDownloaded(path);
-    // Milliseconds beyond a year wait as long as a year; nothing overflows.
-    const auto timeout = std::chrono::milliseconds(std::min<int64_t>(timeout_ms, 31536000000));
+    // Milliseconds beyond a year wait as long as a year, below zero not at all; nothing
+    // overflows.
+    const auto timeout = std::chrono::milliseconds(std::clamp<int64_t>(timeout_ms, 0, 31536000000));
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
       if (IsDownloaded(path)) return true;
@@ -406,7 +408,8 @@ void ICloudBridge::Snapshot() {
   if (!sink_ || !watcher_ || documents_.empty()) return;
   // The listing and its maps are made on the io queue; the main thread only watches the
   // folders found and sends the event.
-  OnIo([weak = weak_from_this(), documents = documents_](Core& core) {
+  OnIo([weak = weak_from_this(), documents = documents_,
+        snapshot = ++snapshots_started_](Core& core) {
     DocumentScan scan = ScanDocuments(documents);
     std::map<std::string, ItemState> states;
     if (scan.ok) {
@@ -418,16 +421,18 @@ void ICloudBridge::Snapshot() {
     ValueList items = ItemMaps(documents, scan.items, states);
     std::vector<std::string> folders =
         scan.ok ? std::move(scan.folders) : std::vector<std::string>{documents};
-    OnMain(weak, [documents, folders = std::move(folders),
+    OnMain(weak, [snapshot, documents, folders = std::move(folders),
                   items = std::move(items)](ICloudBridge& self) mutable {
-      self.ShowItems(documents, folders, std::move(items));
+      self.ShowItems(snapshot, documents, folders, std::move(items));
     });
   });
 }
 
-void ICloudBridge::ShowItems(const std::string& documents, const std::vector<std::string>& folders,
-                             ValueList items) {
+void ICloudBridge::ShowItems(uint64_t snapshot, const std::string& documents,
+                             const std::vector<std::string>& folders, ValueList items) {
   if (!watcher_ || documents != documents_) return;  // stopped or moved meanwhile
+  if (snapshot < snapshot_shown_) return;            // a newer listing is already out
+  snapshot_shown_ = snapshot;
   // Folders that appeared since the last scan are watched from now on; anything created in
   // them before their watch began is caught by one more scan.
   const size_t added = watcher_->WatchExactly(folders);

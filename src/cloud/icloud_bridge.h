@@ -40,8 +40,10 @@ class ICloudBridge : public std::enable_shared_from_this<ICloudBridge> {
     std::function<std::string()> host_name;
     std::chrono::milliseconds batch_interval{1000};
     std::chrono::milliseconds download_poll{250};
-    // A waiting download holds one worker; the others keep serving.
-    int workers = 6;
+    // A waiting download holds one worker; the others keep serving. As wide as the
+    // platform's pool of blocked workers, so that a handful of waiting downloads never stalls
+    // the other calls. Threads start only as work arrives.
+    int workers = 64;
   };
 
   static std::shared_ptr<ICloudBridge> Create(channel::BinaryMessenger& messenger, Options options);
@@ -84,8 +86,8 @@ class ICloudBridge : public std::enable_shared_from_this<ICloudBridge> {
 
   // Watching (main thread).
   void Snapshot();
-  void ShowItems(const std::string& documents, const std::vector<std::string>& folders,
-                 channel::ValueList items);
+  void ShowItems(uint64_t snapshot, const std::string& documents,
+                 const std::vector<std::string>& folders, channel::ValueList items);
   void SetDocuments(const std::string& documents);
   void Emit(channel::ValueMap event);
 
@@ -106,6 +108,9 @@ class ICloudBridge : public std::enable_shared_from_this<ICloudBridge> {
   bool wants_watching_ = false;
   bool watcher_gathered_ = false;  // the first scan after (re)targeting has been shown
   std::string documents_;          // set by a successful "status"
+  // Listings run side by side on the io queue; one that finishes after a newer one is stale.
+  uint64_t snapshots_started_ = 0;
+  uint64_t snapshot_shown_ = 0;
   std::unique_ptr<FolderWatcher> identity_watcher_;
   std::optional<std::string> identity_source_;  // the last one seen; nothing before the first
 };

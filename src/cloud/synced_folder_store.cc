@@ -88,7 +88,7 @@ class SyncedFolderStore final : public CloudStore {
     auto state = ClientState(path);
     if (state && !state->downloaded) return true;
     struct stat st;
-    if (lstat(path.c_str(), &st) == 0) return true;
+    if (stat(path.c_str(), &st) == 0) return true;
     *error = path + ": " + g_strerror(errno);
     return false;
   }

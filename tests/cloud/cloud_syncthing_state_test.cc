@@ -144,16 +144,28 @@ TEST_F(SyncthingStateTest, ItemsAndDownloadsFollowWhatSyncthingSays) {
   EXPECT_EQ(Download("missing.corvane", Value::Integer(5000)), Value(false));  // nothing to fetch
   EXPECT_EQ(Download("pending.corvane", Value::Integer(0)), Value(false));
   EXPECT_EQ(Download("pending.corvane", Value::Integer(100)), Value(false));
+  // A timeout far below zero answers at once, like zero.
+  EXPECT_EQ(Download("pending.corvane", Value::Integer(-10000000000000)), Value(false));
+  // A link whose target is not on this machine holds nothing to open: not downloaded.
+  fs::create_symlink(docs_ + "/nowhere.corvane", docs_ + "/dangling.corvane");
+  EXPECT_EQ(Download("dangling.corvane", Value::Integer(5000)), Value(false));
 
   // "timeoutMs" as a string means the default minute, not zero: still waiting when the file
-  // arrives, and other calls are served meanwhile.
-  Replies waiting = DownloadLater(Value("5"));
-  EXPECT_TRUE(waiting->empty());
+  // arrives, and other calls are served meanwhile, however many downloads wait.
+  std::vector<Replies> waiting;
+  for (int i = 0; i < 8; ++i) waiting.push_back(DownloadLater(Value("5")));
+  for (const Replies& w : waiting) EXPECT_TRUE(w->empty());
   EXPECT_EQ(Flag(Call("status"), "available"), true);
   rest_->arrived = true;
-  dispatch::RunMainUntil([&] { return !waiting->empty(); }, 10s);
-  ASSERT_EQ(waiting->size(), 1u);
-  EXPECT_EQ(waiting->front().value, Value(true));
+  dispatch::RunMainUntil(
+      [&] {
+        return std::none_of(waiting.begin(), waiting.end(), [](auto& w) { return w->empty(); });
+      },
+      10s);
+  for (const Replies& w : waiting) {
+    ASSERT_EQ(w->size(), 1u);
+    EXPECT_EQ(w->front().value, Value(true));
+  }
 }
 
 TEST_F(SyncthingStateTest, ShutDownAnswersAWaitingDownload) {

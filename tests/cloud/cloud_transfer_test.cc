@@ -52,11 +52,13 @@ TEST_F(TransferTest, WriteCopiesInAtomically) {
   // Failures: a missing local file, and a target whose folder is a file. The cloud file
   // keeps its content and no temporary file is left behind.
   WriteFile(docs_ + "/blocker", "file");
+  mkfifo((local_ + "/pipe").c_str(), 0600);  // opening it must not wait for a writer
   struct Failing {
     std::string from, path;
   } failing[] = {{local_ + "/missing", docs_ + "/a.corvane"},
                  {local_ + "/mine", docs_ + "/blocker/c.corvane"},
-                 {local_, docs_ + "/a.corvane"}};
+                 {local_, docs_ + "/a.corvane"},
+                 {local_ + "/pipe", docs_ + "/a.corvane"}};
   for (const auto& f : failing) {
     const Value reply = Call("write", Args2("from", f.from, "path", f.path));
     EXPECT_EQ(Flag(reply, "ok"), false) << f.from;

@@ -1,5 +1,7 @@
 // The live listing of Documents: what counts as a document, the item maps, and changes on
 // disk arriving as "items" events.
+#include <atomic>
+#include <future>
 #include <set>
 
 #include "cloud_fixture.h"
@@ -24,6 +26,40 @@ const Value* ItemNamed(const Value& event, const std::string& relative) {
   }
   return nullptr;
 }
+
+// The synced-folder store, except that its first report on a folder's files waits until the
+// test lets it go, so that a later listing can finish first.
+class HeldStore final : public CloudStore {
+ public:
+  explicit HeldStore(std::shared_ptr<CloudStore> inner) : inner_(std::move(inner)) {}
+  ContainerLocation Locate(const std::string& id) override { return inner_->Locate(id); }
+  std::vector<std::string> ConfigurationFiles() override { return inner_->ConfigurationFiles(); }
+  std::optional<ItemState> ClientState(const std::string& path) override {
+    return inner_->ClientState(path);
+  }
+  std::map<std::string, ItemState> ClientStates(const std::string& folder,
+                                                const std::vector<std::string>& paths) override {
+    if (holding.exchange(true)) return inner_->ClientStates(folder, paths);
+    released_.wait_for(10s);
+    auto states = inner_->ClientStates(folder, paths);
+    held_done = true;
+    return states;
+  }
+  bool StartDownloading(const std::string& path, std::string* error) override {
+    return inner_->StartDownloading(path, error);
+  }
+  std::vector<ConflictVersion> ConflictVersions(const std::string& path) override {
+    return inner_->ConflictVersions(path);
+  }
+  void Release() { release_.set_value(); }
+  std::atomic<bool> holding{false};
+  std::atomic<bool> held_done{false};
+
+ private:
+  std::shared_ptr<CloudStore> inner_;
+  std::promise<void> release_;
+  std::shared_future<void> released_ = release_.get_future().share();
+};
 
 class WatchTest : public CloudTest {
  protected:
@@ -131,6 +167,29 @@ TEST_F(WatchTest, WatchingBeforeStatusWaitsForTheContainer) {
   EXPECT_FALSE(WaitEvent("items", &from_, {}, 10ms));
   Call("status");
   ASSERT_TRUE(WaitItems({"a.corvane"}));
+}
+
+TEST_F(WatchTest, AListingOvertakenByANewerOneIsNotShown) {
+  ConfigureFolder(root_.path() + "/sync/" + kContainer);
+  auto options = MakeOptions();
+  auto held = std::make_shared<HeldStore>(std::move(options.store));
+  options.store = held;
+  Start(std::move(options));
+  const std::string docs = Text(Call("status"), "documents");
+  WriteFile(docs + "/a.corvane", "1");
+  Call("startWatching");
+  dispatch::RunMainUntil([&] { return held->holding.load(); }, 5s);  // first listing: just "a"
+  WriteFile(docs + "/b.corvane", "2");
+  ASSERT_TRUE(WaitItems({"a.corvane", "b.corvane"}));
+  held->Release();
+  dispatch::RunMainUntil([&] { return held->held_done.load(); }, 5s);
+  Settle(300ms);
+  std::optional<Value> last;
+  for (const Value& event : Events()) {
+    if (Text(event, "type") == "items") last = event;
+  }
+  ASSERT_TRUE(last);
+  EXPECT_EQ(Relatives(*last), (std::set<std::string>{"a.corvane", "b.corvane"}));
 }
 
 }  // namespace
