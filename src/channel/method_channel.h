@@ -70,4 +70,20 @@ class MethodChannel {
   std::string name_;
 };
 
+// A handler that forwards each call to `handle` on the object `owner` points to; once that
+// object is gone, calls get the not-implemented reply, as for a channel nobody serves.
+template <typename T>
+MethodChannel::Handler WeakHandler(std::weak_ptr<T> owner,
+                                   void (T::*handle)(const MethodCall&,
+                                                     std::unique_ptr<MethodResult>)) {
+  return [owner = std::move(owner), handle](const MethodCall& call,
+                                            std::unique_ptr<MethodResult> result) {
+    if (auto self = owner.lock()) {
+      (self.get()->*handle)(call, std::move(result));
+    } else {
+      result->NotImplemented();
+    }
+  };
+}
+
 }  // namespace corvane::channel

@@ -30,15 +30,8 @@ std::shared_ptr<AppleContextMenu> AppleContextMenu::Create(channel::BinaryMessen
   std::shared_ptr<AppleContextMenu> self(
       new AppleContextMenu(view, renderer ? *renderer : NativeSystemSymbols::SharedRenderer()));
   self->channel_ = std::make_unique<channel::MethodChannel>(messenger, kContextMenuChannel);
-  std::weak_ptr<AppleContextMenu> weak = self;
   self->channel_->SetMethodCallHandler(
-      [weak](const channel::MethodCall& call, std::unique_ptr<channel::MethodResult> result) {
-        if (auto self = weak.lock()) {
-          self->HandleCall(call, std::move(result));
-        } else {
-          result->NotImplemented();
-        }
-      });
+      channel::WeakHandler(std::weak_ptr<AppleContextMenu>(self), &AppleContextMenu::HandleCall));
   return self;
 }
 

@@ -28,15 +28,8 @@ std::shared_ptr<MacWindowAppearance> MacWindowAppearance::Create(
     channel::BinaryMessenger& messenger, GtkWidget* view) {
   std::shared_ptr<MacWindowAppearance> self(new MacWindowAppearance(view));
   self->channel_ = std::make_unique<channel::MethodChannel>(messenger, kAppearanceChannel);
-  std::weak_ptr<MacWindowAppearance> weak = self;
-  self->channel_->SetMethodCallHandler(
-      [weak](const channel::MethodCall& call, std::unique_ptr<channel::MethodResult> result) {
-        if (auto self = weak.lock()) {
-          self->HandleCall(call, std::move(result));
-        } else {
-          result->NotImplemented();
-        }
-      });
+  self->channel_->SetMethodCallHandler(channel::WeakHandler(
+      std::weak_ptr<MacWindowAppearance>(self), &MacWindowAppearance::HandleCall));
   return self;
 }
 

@@ -38,15 +38,8 @@ std::shared_ptr<NativeSystemSymbols> NativeSystemSymbols::Create(
   std::shared_ptr<NativeSystemSymbols> self(
       new NativeSystemSymbols(renderer ? *renderer : SharedRenderer()));
   self->channel_ = std::make_unique<channel::MethodChannel>(messenger, kSymbolsChannel);
-  std::weak_ptr<NativeSystemSymbols> weak = self;
-  self->channel_->SetMethodCallHandler(
-      [weak](const channel::MethodCall& call, std::unique_ptr<channel::MethodResult> result) {
-        if (auto self = weak.lock()) {
-          self->HandleCall(call, std::move(result));
-        } else {
-          result->NotImplemented();
-        }
-      });
+  self->channel_->SetMethodCallHandler(channel::WeakHandler(
+      std::weak_ptr<NativeSystemSymbols>(self), &NativeSystemSymbols::HandleCall));
   return self;
 }
 
