@@ -2,6 +2,8 @@
 
 #include <gtk/gtk.h>
 
+#include <algorithm>
+
 #include "host/host.h"
 #include "host/registration.h"
 #include "host/resources.h"
@@ -13,6 +15,21 @@ namespace corvane::host {
 namespace {
 constexpr const char* kDataKey = "corvane-main-flutter-window";
 constexpr const char* kWindowId = "main_window";
+
+// The defined size, made to fit the work area of the monitor the window opens on: at a scale
+// of 2 a 1280x800 window is 2560x1600 device pixels, more than many screens have.
+void FitWorkArea(GtkWindow* window, int* width, int* height) {
+  GdkDisplay* display = gtk_widget_get_display(GTK_WIDGET(window));
+  GdkMonitor* monitor = gdk_display_get_primary_monitor(display);
+  if (!monitor && gdk_display_get_n_monitors(display) > 0) {
+    monitor = gdk_display_get_monitor(display, 0);
+  }
+  if (!monitor) return;
+  GdkRectangle area{};
+  gdk_monitor_get_workarea(monitor, &area);
+  if (area.width > 0) *width = std::min(*width, area.width);
+  if (area.height > 0) *height = std::min(*height, area.height);
+}
 }  // namespace
 
 MainFlutterWindow* MainFlutterWindow::Create(GtkApplication* application, Host& host) {
@@ -47,12 +64,13 @@ void MainFlutterWindow::AwakeFromUiDefinition(Host& host) {
         [content, view](bool dark) { content->SetViewBackground(view, dark); });
   }
 
-  // The UI definition decides the size, not the content's wishes.
+  // The UI definition decides the size, not the content's wishes, as far as the screen allows.
   int width = 0;
   int height = 0;
   gtk_window_get_default_size(window_, &width, &height);
   gtk_container_add(GTK_CONTAINER(window_), view_);
   if (width > 0 && height > 0) {
+    FitWorkArea(window_, &width, &height);
     gtk_window_set_default_size(window_, width, height);
     gtk_window_resize(window_, width, height);
   }

@@ -14,8 +14,13 @@ constexpr const char* kPortalPath = "/org/freedesktop/portal/desktop";
 constexpr const char* kSettingsInterface = "org.freedesktop.portal.Settings";
 constexpr const char* kAppearanceNamespace = "org.freedesktop.appearance";
 constexpr const char* kColorSchemeKey = "color-scheme";
-// A portal started on demand can take a while; the answer is awaited, never blocked on.
+// A portal started on demand can take a while; later answers are awaited, never blocked on.
 constexpr int kPortalTimeoutMs = 10000;
+// The first answer is waited for, so that the first frame already has the desktop's look; a
+// desktop without a portal says so at once, a portal that hangs costs at most this.
+constexpr int kFirstAnswerWaitMs = 1000;
+constexpr auto kBusFlags = static_cast<GDBusConnectionFlags>(
+    G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
 
 bool EndsWithDark(const std::string& name) {
   constexpr std::string_view kSuffix = "-dark";
@@ -47,6 +52,45 @@ bool SessionBusRunning() {
   const bool exists = g_file_test(socket, G_FILE_TEST_EXISTS);
   g_free(socket);
   return exists;
+}
+
+// The portal's colour scheme, asked and waited for (at most kFirstAnswerWaitMs); nothing when
+// there is no bus or portal, or it did not answer in time.
+std::optional<ColorScheme> ReadPortalNow(const std::string& address) {
+  GError* error = nullptr;
+  GDBusConnection* bus = nullptr;
+  if (!address.empty()) {
+    bus = g_dbus_connection_new_for_address_sync(address.c_str(), kBusFlags, nullptr, nullptr,
+                                                 &error);
+  } else if (SessionBusRunning()) {
+    bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+  }
+  g_clear_error(&error);
+  if (!bus) return std::nullopt;
+  const gint64 deadline = g_get_monotonic_time() + kFirstAnswerWaitMs * 1000;
+  std::optional<ColorScheme> scheme;
+  // Portals before version 2 know only "Read".
+  for (const char* method : {"ReadOne", "Read"}) {
+    const int left_ms = static_cast<int>((deadline - g_get_monotonic_time()) / 1000);
+    if (left_ms <= 0) break;
+    GVariant* reply = g_dbus_connection_call_sync(
+        bus, kPortalName, kPortalPath, kSettingsInterface, method,
+        g_variant_new("(ss)", kAppearanceNamespace, kColorSchemeKey), G_VARIANT_TYPE("(v)"),
+        G_DBUS_CALL_FLAGS_NONE, left_ms, nullptr, &error);
+    if (reply) {
+      GVariant* value = g_variant_get_child_value(reply, 0);
+      scheme = SchemeFromVariant(value);
+      g_variant_unref(value);
+      g_variant_unref(reply);
+      break;
+    }
+    const bool old_portal = g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD);
+    g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "portal colour scheme at start: %s", error->message);
+    g_clear_error(&error);
+    if (!old_portal) break;
+  }
+  g_object_unref(bus);
+  return scheme;
 }
 
 }  // namespace
@@ -96,11 +140,8 @@ struct DesktopAppearance::Portal {
       static_cast<Portal*>(data)->Watch(connection);
     };
     if (!address.empty()) {
-      g_dbus_connection_new_for_address(
-          address.c_str(),
-          static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                            G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-          nullptr, cancellable, on_connection, this);
+      g_dbus_connection_new_for_address(address.c_str(), kBusFlags, nullptr, cancellable,
+                                        on_connection, this);
     } else if (SessionBusRunning()) {
       g_bus_get(G_BUS_TYPE_SESSION, cancellable, on_bus, this);
     } else {
@@ -226,6 +267,10 @@ DesktopAppearance::DesktopAppearance(Options options) {
     OnSettingsChanged(true);
   }
   dark_ = IsDark(AppearanceMode::kSystem, theme_);
+  // Known before any window draws; the watch below then follows the portal live.
+  if (std::optional<ColorScheme> scheme = ReadPortalNow(options.bus_address)) {
+    OnPortalScheme(scheme);
+  }
   portal_client_ = std::make_unique<Portal>(*this);
   portal_client_->Connect(options.bus_address);
 }

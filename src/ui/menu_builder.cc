@@ -3,6 +3,7 @@
 #include <gtk/gtk.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "channel/args.h"
 #include "ui/symbol_renderer.h"
@@ -52,13 +53,59 @@ void SetAccessibleName(GtkWidget* widget, const std::string& name) {
   }
 }
 
-// The theme's error colour, so a destructive title stays red in light and dark themes alike.
-GtkStyleProvider* DestructiveStyle() {
-  static GtkCssProvider* provider = [] {
-    GtkCssProvider* css = gtk_css_provider_new();
-    gtk_css_provider_load_from_data(css, "label { color: @error_color; }", -1, nullptr);
-    return css;
-  }();
+// WCAG relative luminance and contrast ratio.
+double Luminance(const GdkRGBA& c) {
+  auto linear = [](double v) {
+    return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+  };
+  return 0.2126 * linear(c.red) + 0.7152 * linear(c.green) + 0.0722 * linear(c.blue);
+}
+
+}  // namespace
+
+double ContrastRatio(const GdkRGBA& a, const GdkRGBA& b) {
+  const double la = Luminance(a);
+  const double lb = Luminance(b);
+  return (std::max(la, lb) + 0.05) / (std::min(la, lb) + 0.05);
+}
+
+GdkRGBA ReadableOn(const GdkRGBA& colour, const GdkRGBA& background) {
+  // Towards white on a dark background, black on a light one, in small steps: the hue stays
+  // recognisable while the colour becomes readable.
+  const GdkRGBA white{1, 1, 1, 1};
+  const GdkRGBA black{0, 0, 0, 1};
+  const GdkRGBA& end =
+      ContrastRatio(white, background) > ContrastRatio(black, background) ? white : black;
+  GdkRGBA mixed = colour;
+  for (int step = 1; step <= 20 && ContrastRatio(mixed, background) < kMinTextContrast; ++step) {
+    const double t = step / 20.0;
+    mixed = GdkRGBA{colour.red + (end.red - colour.red) * t,
+                    colour.green + (end.green - colour.green) * t,
+                    colour.blue + (end.blue - colour.blue) * t, 1};
+  }
+  return mixed;
+}
+
+namespace {
+
+// The colour of destructive titles: the theme's error colour (what its destructive style uses)
+// for the variant in force, made readable on the menu's background where the theme's is not
+// (Adwaita's dark menus: 2.3:1).
+GtkStyleProvider* DestructiveStyle(GtkWidget* menu) {
+  GtkStyleContext* style = gtk_widget_get_style_context(menu);
+  GdkRGBA error{0.8, 0, 0, 1};
+  gtk_style_context_lookup_color(style, "error_color", &error);
+  GdkRGBA* background = nullptr;
+  gtk_style_context_get(style, GTK_STATE_FLAG_NORMAL, "background-color", &background, nullptr);
+  GdkRGBA colour = error;
+  if (background && background->alpha > 0) colour = ReadableOn(error, *background);
+  if (background) gdk_rgba_free(background);
+  gchar* rgb = gdk_rgba_to_string(&colour);
+  gchar* css = g_strdup_printf("label { color: %s; }", rgb);
+  GtkCssProvider* provider = gtk_css_provider_new();
+  gtk_css_provider_load_from_data(provider, css, -1, nullptr);
+  g_free(css);
+  g_free(rgb);
   return GTK_STYLE_PROVIDER(provider);
 }
 
@@ -74,7 +121,9 @@ GtkWidget* MenuBuilder::Build(const ValueList& items, const std::string& title) 
   GtkWidget* menu = gtk_menu_new();
   g_object_ref_sink(menu);
   SetAccessibleName(menu, title);
+  destructive_ = DestructiveStyle(menu);
   Fill(menu, items, 0);
+  g_clear_object(&destructive_);
   AlignTitles(menu);
   if (truncated_) {
     g_log(kLogDomain, G_LOG_LEVEL_WARNING,
@@ -95,7 +144,11 @@ bool MenuBuilder::Take() {
 
 void MenuBuilder::Fill(GtkWidget* menu, const ValueList& items, int depth) {
   auto add_separator = [&] {
-    if (Take()) gtk_menu_shell_append(GTK_MENU_SHELL(menu), gtk_separator_menu_item_new());
+    if (!Take()) return;
+    // Menu items start hidden; a separator left so takes no room and draws no line.
+    GtkWidget* separator = gtk_separator_menu_item_new();
+    gtk_widget_show(separator);
+    gtk_menu_shell_append(GTK_MENU_SHELL(menu), separator);
   };
   for (const Value& value : items) {
     const Args args(value);
@@ -153,7 +206,7 @@ GtkWidget* MenuBuilder::Entry(const Args& args, bool choosable, bool check) {
   gtk_widget_set_name(title_label, "title");
   gtk_widget_set_halign(title_label, GTK_ALIGN_START);
   if (choosable && args.boolean("destructive").value_or(false)) {
-    gtk_style_context_add_provider(gtk_widget_get_style_context(title_label), DestructiveStyle(),
+    gtk_style_context_add_provider(gtk_widget_get_style_context(title_label), destructive_,
                                    GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
   }
   gtk_box_pack_start(GTK_BOX(texts), title_label, FALSE, FALSE, 0);

@@ -15,6 +15,8 @@
 
 typedef struct _GtkWidget GtkWidget;
 typedef struct _GtkMenuItem GtkMenuItem;
+typedef struct _GtkStyleProvider GtkStyleProvider;
+typedef struct _GdkRGBA GdkRGBA;
 
 namespace corvane::ui {
 
@@ -22,6 +24,14 @@ class SymbolRenderer;
 
 inline constexpr int kMaxMenuDepth = 16;
 inline constexpr int kMaxMenuEntries = 500;
+
+// Text must stand out from its background at least this much (WCAG AA for body text).
+inline constexpr double kMinTextContrast = 4.5;
+// The WCAG contrast ratio of two opaque colours, 1 to 21.
+double ContrastRatio(const GdkRGBA& a, const GdkRGBA& b);
+// `colour`, moved towards white or black just as far as it takes to reach kMinTextContrast on
+// `background`.
+GdkRGBA ReadableOn(const GdkRGBA& colour, const GdkRGBA& background);
 
 // The action string an item was built with; null for submenu entries and separators.
 const char* MenuItemAction(GtkWidget* item);
@@ -53,6 +63,7 @@ class MenuBuilder {
   int scale_factor_;
   ActivateCallback on_activate_;
   void* data_;
+  GtkStyleProvider* destructive_ = nullptr;  // during Build
   int entries_ = 0;
   bool truncated_ = false;
 };

@@ -1,27 +1,23 @@
-// The main window on a real X server (Xvfb started by the test): background colour read back
-// from the screen, following the theme live, and the size from the UI definition. Forcing a look
-// on the window is the appearance service's, and tested there.
+// The main window on a real X server (a 1280x800 Xvfb started by the test): its size, and its
+// background colour read back from the screen, following the theme live. Forcing a look on the
+// window is the appearance service's, and tested there.
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
-
-#include <functional>
 
 #include "dispatch/queue.h"
 #include "engine/loopback_engine.h"
 #include "host/host.h"
 #include "host/main_flutter_window.h"
-#include "host/resources.h"
 #include "host/support.h"
 #include "host/window_background.h"
+
+// From <gdk/gdkx.h>, whose X11 macros clash with gtest: GDK_SCALE, at run time.
+extern "C" void gdk_x11_display_set_window_scale(GdkDisplay* display, gint scale);
 
 namespace corvane::host {
 namespace {
 
 using namespace std::chrono_literals;
-
-// Colours as 0xRRGGBB.
-constexpr uint32_t kDarkBlue = 0x0E1A31;
-constexpr uint32_t kWhite = 0xFFFFFF;
 
 TEST(ThemeDecision, FollowsGtkRulesUnlessForced) {
   const struct {
@@ -42,52 +38,24 @@ TEST(ThemeDecision, FollowsGtkRulesUnlessForced) {
   };
   for (const auto& c : cases) {
     EXPECT_EQ(IsDark(c.appearance, c.theme), c.dark)
-        << static_cast<int>(c.appearance) << " " << c.theme.prefer_dark << " " << c.theme.theme_name
-        << " GTK_THEME=" << c.theme.gtk_theme_env;
+        << static_cast<int>(c.appearance) << " " << c.theme.theme_name << " "
+        << c.theme.gtk_theme_env;
   }
 }
 
 class MainWindowTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    xvfb_ = std::make_unique<testing::XvfbServer>();
-    config_home_ = std::make_unique<testing::TempDir>();
-    // A known starting point: no desktop settings file, no theme forced from outside.
-    g_setenv("XDG_CONFIG_HOME", config_home_->path().c_str(), TRUE);
+    // A known starting point: no desktop settings file, no theme forced from outside, no
+    // accessibility bus (its failed setup would show up as leaks under the address sanitizer).
+    g_setenv("XDG_CONFIG_HOME", config_home_.path().c_str(), TRUE);
     g_unsetenv("GTK_THEME");
     g_unsetenv("WAYLAND_DISPLAY");
-    // There is no accessibility bus here; the bridge's failed libdbus setup would also show up
-    // as leaks under the address sanitizer.
     g_setenv("NO_AT_BRIDGE", "1", TRUE);
-    if (xvfb_->ok()) {
-      g_setenv("DISPLAY", xvfb_->display().c_str(), TRUE);
-      gtk_ready_ = gtk_init_check(nullptr, nullptr);
-    }
+    g_setenv("DISPLAY", (":" + xvfb_.line()).c_str(), TRUE);
+    gtk_ready_ = !xvfb_.line().empty() && gtk_init_check(nullptr, nullptr);
   }
-  static void TearDownTestSuite() {
-    xvfb_.reset();
-    config_home_.reset();
-  }
-  void SetUp() override {
-    // Xvfb is part of the test setup: its absence is a failure, not a reason to skip.
-    ASSERT_TRUE(xvfb_->ok()) << "Xvfb did not start";
-    ASSERT_TRUE(gtk_ready_) << "GTK cannot open " << xvfb_->display();
-  }
-  void TearDown() override {
-    if (main_) gtk_widget_destroy(GTK_WIDGET(main_->window()));
-  }
-
-  void Open() {
-    AfterFrame([this] {
-      main_ = MainFlutterWindow::Create(nullptr, host_);
-      g_signal_connect_after(main_->window(), "draw",
-                             G_CALLBACK(+[](GtkWidget*, cairo_t*, gpointer draws) -> gboolean {
-                               ++*static_cast<int*>(draws);
-                               return FALSE;
-                             }),
-                             &draws_);
-    });
-  }
+  void SetUp() override { ASSERT_TRUE(gtk_ready_) << "Xvfb or GTK did not start"; }
 
   // Makes a change, then waits for the frame that follows and for the X server to have it.
   void AfterFrame(const std::function<void()>& change) {
@@ -98,66 +66,68 @@ class MainWindowTest : public ::testing::Test {
         << "the window was not drawn";
     gdk_display_sync(gdk_display_get_default());
   }
-  template <typename T>
-  void Setting(const char* name, T value) {
-    AfterFrame([&] { g_object_set(gtk_settings_get_default(), name, value, nullptr); });
+  MainFlutterWindow* Open() {
+    AfterFrame([this] {
+      main_ = MainFlutterWindow::Create(nullptr, host_);
+      g_signal_connect_after(main_->window(), "draw",
+                             G_CALLBACK(+[](GtkWidget*, cairo_t*, gpointer draws) -> gboolean {
+                               ++*static_cast<int*>(draws);
+                               return FALSE;
+                             }),
+                             &draws_);
+    });
+    return main_;
   }
-
   // The same colour at the centre (over the content) and near a corner.
   void ExpectBackground(uint32_t expected, const char* when) {
-    const int w = gdk_window_get_width(Gdk());
-    const int h = gdk_window_get_height(Gdk());
-    const std::pair<int, int> points[] = {{w / 2, h / 2}, {3, h - 4}};
-    for (const auto& [x, y] : points) {
-      GdkPixbuf* pixel = gdk_pixbuf_get_from_window(Gdk(), x, y, 1, 1);
+    GdkWindow* window = gtk_widget_get_window(GTK_WIDGET(main_->window()));
+    const int w = gdk_window_get_width(window);
+    const int h = gdk_window_get_height(window);
+    for (const auto& [x, y] : {std::pair{w / 2, h / 2}, std::pair{3, h - 4}}) {
+      GdkPixbuf* pixel = gdk_pixbuf_get_from_window(window, x, y, 1, 1);
       ASSERT_NE(pixel, nullptr);
       const guchar* p = gdk_pixbuf_read_pixels(pixel);
-      const uint32_t rgb = p[0] << 16 | p[1] << 8 | p[2];
-      EXPECT_EQ(rgb, expected) << when << " at " << x << "," << y << ": #" << std::hex << rgb;
+      EXPECT_EQ(uint32_t(p[0] << 16 | p[1] << 8 | p[2]), expected) << when << " at " << x;
       g_object_unref(pixel);
     }
   }
 
-  GdkWindow* Gdk() { return gtk_widget_get_window(GTK_WIDGET(main_->window())); }
-
-  static inline std::unique_ptr<testing::XvfbServer> xvfb_;
-  static inline std::unique_ptr<testing::TempDir> config_home_;
+  static inline testing::TempDir config_home_;
+  static inline testing::ServerProcess xvfb_{
+      {"Xvfb", "-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp"}};
   static inline bool gtk_ready_ = false;
   Host host_{std::make_unique<engine::LoopbackEngine>(), InfoDictionary::Default()};
   MainFlutterWindow* main_ = nullptr;
   int draws_ = 0;
 };
 
-TEST_F(MainWindowTest, KeepsTheDefinedSizeRegistersWithItsViewAndFollowsTheThemeLive) {
-  EnsureHostResources();
-  GtkBuilder* builder = gtk_builder_new_from_resource(kMainWindowUiResource);
-  GtkWindow* defined = GTK_WINDOW(gtk_builder_get_object(builder, "main_window"));
-  int width = 0;
-  int height = 0;
-  gtk_window_get_default_size(defined, &width, &height);
-  gtk_widget_destroy(GTK_WIDGET(defined));
-  g_object_unref(builder);
-  ASSERT_GT(width, 0);
-  ASSERT_GT(height, 0);
-
-  g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
-  Open();
-  EXPECT_EQ(gdk_window_get_width(Gdk()), width);
-  EXPECT_EQ(gdk_window_get_height(Gdk()), height);
-  // The window registers the start-up services with its view, where the appearance service
-  // finds this window's background.
-  ASSERT_NE(host_.registry(), nullptr);
-  EXPECT_EQ(host_.registry()->view(), main_->view());
-  EXPECT_EQ(WindowBackground::ForWidget(main_->view()), &main_->background());
-  EXPECT_FALSE(host_.registry()->registrations().empty());
-
-  ExpectBackground(kDarkBlue, "prefer dark at start");
-  Setting("gtk-application-prefer-dark-theme", FALSE);
-  ExpectBackground(kWhite, "prefer dark switched off");
-  Setting("gtk-theme-name", "Adwaita-dark");
-  ExpectBackground(kDarkBlue, "a -dark theme");
-  Setting("gtk-theme-name", "Adwaita");
-  ExpectBackground(kWhite, "back to Adwaita");
+TEST_F(MainWindowTest, KeepsTheDefinedSizeInsideTheScreenAndFollowsTheThemeLive) {
+  const auto setting = [&](const char* name, auto value) {
+    AfterFrame([&] { g_object_set(gtk_settings_get_default(), name, value, nullptr); });
+  };
+  // The defined 1280x800 fills this screen at scale 1; at scale 2 (GDK_SCALE=2) it would be
+  // 2560x1600 device pixels, so it shrinks to the screen.
+  for (const int scale : {1, 2}) {
+    gdk_x11_display_set_window_scale(gdk_display_get_default(), scale);
+    g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
+    GdkWindow* window = gtk_widget_get_window(GTK_WIDGET(Open()->window()));
+    EXPECT_EQ(gdk_window_get_width(window) * scale, 1280) << "scale " << scale;
+    EXPECT_EQ(gdk_window_get_height(window) * scale, 800) << "scale " << scale;
+    ExpectBackground(0x0E1A31, "prefer dark at start");
+    if (scale == 1) {
+      // The window registers the start-up services with its view, where the appearance
+      // service finds this window's background.
+      EXPECT_EQ(host_.registry()->view(), main_->view());
+      EXPECT_EQ(WindowBackground::ForWidget(main_->view()), &main_->background());
+      setting("gtk-application-prefer-dark-theme", FALSE);
+      ExpectBackground(0xFFFFFF, "prefer dark switched off");
+      setting("gtk-theme-name", "Adwaita-dark");
+      ExpectBackground(0x0E1A31, "a -dark theme");
+      setting("gtk-theme-name", "Adwaita");
+      ExpectBackground(0xFFFFFF, "back to Adwaita");
+    }
+    gtk_widget_destroy(GTK_WIDGET(main_->window()));
+  }
 }
 
 }  // namespace

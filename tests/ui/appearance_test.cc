@@ -46,15 +46,7 @@ class AppearanceTest : public ::testing::Test {
 
   MethodReply SetMode(Value mode) { return client_.Call("setMode", std::move(mode)); }
 
-  uint32_t Pixel(int x, int y) {
-    GdkPixbuf* pixel =
-        gdk_pixbuf_get_from_window(gtk_widget_get_window(GTK_WIDGET(main_->window())), x, y, 1, 1);
-    if (!pixel) return 0xFFFFFFFF;
-    const guchar* p = gdk_pixbuf_read_pixels(pixel);
-    const uint32_t rgb = p[0] << 16 | p[1] << 8 | p[2];
-    g_object_unref(pixel);
-    return rgb;
-  }
+  uint32_t Pixel(int x, int y) { return testing::WindowPixel(GTK_WIDGET(main_->window()), x, y); }
 
   // The window shows `rgb` at its centre and near a corner, within a few seconds (portal
   // changes arrive over the bus).

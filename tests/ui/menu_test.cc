@@ -59,8 +59,24 @@ GtkWidget* Named(GtkWidget* root, const char* name) {
   return found;
 }
 
+GdkRGBA Background(GtkWidget* menu) {
+  GdkRGBA* bg = nullptr;
+  gtk_style_context_get(gtk_widget_get_style_context(menu), GTK_STATE_FLAG_NORMAL,
+                        "background-color", &bg, nullptr);
+  const GdkRGBA copy = *bg;
+  gdk_rgba_free(bg);
+  return copy;
+}
+
+// A title drawn in red that reads on the menu's background (WCAG AA, 4.5:1).
+bool Readable(GtkWidget* title, GtkWidget* menu) {
+  GdkRGBA c{};
+  gtk_style_context_get_color(gtk_widget_get_style_context(title), GTK_STATE_FLAG_NORMAL, &c);
+  return c.red > c.green + 0.3 && c.red > c.blue + 0.3 && ContrastRatio(c, Background(menu)) >= 4.5;
+}
+
 // A menu as text: "-" separator, the title, then markers: "[x]" checked, "(off)" greyed out,
-// "!" in the error colour, "~subtitle" with tool tip and dim line, "*" symbol, ">{...}" submenu.
+// "!" in a readable red, "~subtitle" with tool tip and dim line, "*" symbol, ">{...}" submenu.
 std::string Describe(GtkWidget* menu) {
   std::string out;
   GList* children = gtk_container_get_children(GTK_CONTAINER(menu));
@@ -77,16 +93,7 @@ std::string Describe(GtkWidget* menu) {
       out += "[x]";
     }
     if (!gtk_widget_get_sensitive(item)) out += "(off)";
-    GdkRGBA color{};
-    GdkRGBA error{};
-    GtkStyleContext* style = gtk_widget_get_style_context(title ? title : item);
-    gtk_style_context_get_color(style, GTK_STATE_FLAG_NORMAL, &color);
-    if (gtk_style_context_lookup_color(style, "error_color", &error) &&
-        std::abs(color.red - error.red) + std::abs(color.green - error.green) +
-                std::abs(color.blue - error.blue) <
-            0.03) {
-      out += "!";
-    }
+    if (title && Readable(title, menu)) out += "!";
     if (GtkWidget* subtitle = Named(item, "subtitle")) {
       out += "~";
       out += gtk_label_get_text(GTK_LABEL(subtitle));
@@ -246,6 +253,50 @@ TEST_F(MenuTest, TreesBuildTheMenuTheyDescribe) {
     gtk_widget_destroy(menu);
     g_object_unref(menu);
   }
+}
+
+TEST_F(MenuTest, SeparatorsShowAndRedReadsInLightAndDark) {
+  const ValueMap a = Action("A", "a");
+  const ValueMap b = Action("B", "b");
+  const ValueMap c = Action("Delete", "c", {{Value("destructive"), Value(true)}});
+  for (const bool dark : {false, true}) {
+    g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", dark, nullptr);
+    int height[2] = {0, 0};
+    for (const bool grouped : {false, true}) {
+      auto replies =
+          Show(grouped ? Items({a, Inline(Items({b})), Inline(Items({c}))}) : Items({a, b, c}));
+      GtkWidget* menu = service_->open_menu();
+      ASSERT_NE(menu, nullptr);
+      height[grouped] = gtk_widget_get_allocated_height(menu);
+      // What is on screen: separators drawn with room of their own.
+      std::string shown;
+      for (int i = 0; GtkWidget* entry = Entry(menu, i); ++i) {
+        const bool line = GTK_IS_SEPARATOR_MENU_ITEM(entry);
+        if (gtk_widget_get_mapped(entry) && gtk_widget_get_allocated_height(entry) > 0)
+          shown += line ? "-" : "e";
+      }
+      EXPECT_EQ(shown, grouped ? "e-e-e" : "eee") << "dark " << dark;
+      EXPECT_TRUE(Readable(Named(Entry(menu, grouped ? 4 : 2), "title"), menu)) << "dark " << dark;
+      if (const char* dir = g_getenv("CORVANE_MENU_SHOTS")) {
+        dispatch::RunMainUntil([] { return false; }, 300ms);  // painted
+        GtkWidget* top = gtk_widget_get_toplevel(menu);
+        const auto [x, y] = Origin(top);
+        GdkPixbuf* shot = gdk_pixbuf_get_from_window(gdk_get_default_root_window(), x - 20, y - 20,
+                                                     gtk_widget_get_allocated_width(top) + 40,
+                                                     gtk_widget_get_allocated_height(top) + 40);
+        gdk_pixbuf_save(shot,
+                        (std::string(dir) + "/menu-" + (grouped ? "groups-" : "plain-") +
+                         (dark ? "dark" : "light") + ".png")
+                            .c_str(),
+                        "png", nullptr, nullptr);
+        g_object_unref(shot);
+      }
+      Keys({XK_Escape});
+      Await(replies);
+    }
+    EXPECT_GT(height[1], height[0]) << "the separators take room; dark " << dark;
+  }
+  g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", FALSE, nullptr);
 }
 
 TEST_F(MenuTest, HugeTreesAreBounded) {

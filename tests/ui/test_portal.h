@@ -1,62 +1,35 @@
 // A desktop portal on the test's private session bus that serves only the appearance colour
-// scheme, as org.freedesktop.portal.Settings does.
+// scheme, as org.freedesktop.portal.Settings does. It answers from a thread of its own, as a
+// separate process would, so a caller that blocks the main thread still gets its answer.
 #pragma once
 
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <atomic>
 #include <string>
-
-#include "dispatch/queue.h"
+#include <thread>
 
 namespace corvane::ui::testing {
 
 class TestPortal {
  public:
-  // `version1`: a portal that knows "Read" only, as before "ReadOne" existed.
-  TestPortal(const std::string& address, uint32_t scheme, bool version1 = false)
-      : scheme_(scheme), version1_(version1) {
-    GError* error = nullptr;
-    connection_ = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (!connection_) {
-      ADD_FAILURE() << error->message;
-      g_error_free(error);
-      return;
-    }
-    const std::string read_method =
-        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='v' "
-        "direction='out'/></method>";
-    const std::string xml =
-        "<node><interface name='org.freedesktop.portal.Settings'><method name='Read'>" +
-        read_method + (version1_ ? "" : "<method name='ReadOne'>" + read_method) +
-        "<signal name='SettingChanged'><arg type='s'/><arg type='s'/><arg type='v'/></signal>"
-        "</interface></node>";
-    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml.c_str(), nullptr);
-    static const GDBusInterfaceVTable vtable = {&TestPortal::OnCall, nullptr, nullptr, {}};
-    object_ = g_dbus_connection_register_object(connection_, kPath, node->interfaces[0], &vtable,
-                                                this, nullptr, nullptr);
-    g_dbus_node_info_unref(node);
-    owner_ = g_bus_own_name_on_connection(
-        connection_, kName, G_BUS_NAME_OWNER_FLAGS_NONE,
-        +[](GDBusConnection*, const gchar*, gpointer self) {
-          static_cast<TestPortal*>(self)->owned_ = true;
-        },
-        nullptr, this, nullptr);
-    EXPECT_TRUE(dispatch::RunMainUntil([&] { return owned_; }, std::chrono::seconds(10)))
-        << "the portal did not get its name";
+  // `version1`: knows "Read" only, as before "ReadOne" existed. `delay_ms`: answers that late.
+  TestPortal(const std::string& address, uint32_t scheme, bool version1 = false, int delay_ms = 0)
+      : scheme_(scheme), version1_(version1), delay_ms_(delay_ms) {
+    thread_ = std::thread([this, address] { Run(address); });
+    while (!owned_ && !failed_) g_usleep(1000);
+    EXPECT_TRUE(owned_) << "the portal did not get its name";
   }
   ~TestPortal() {
-    if (!connection_) return;
-    g_bus_unown_name(owner_);
-    g_dbus_connection_unregister_object(connection_, object_);
-    g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
-    g_dbus_connection_close_sync(connection_, nullptr, nullptr);
-    g_object_unref(connection_);
+    g_main_context_invoke(
+        context_,
+        +[](gpointer loop) -> gboolean {
+          g_main_loop_quit(static_cast<GMainLoop*>(loop));
+          return G_SOURCE_REMOVE;
+        },
+        loop_);
+    thread_.join();
   }
   TestPortal(const TestPortal&) = delete;
   TestPortal& operator=(const TestPortal&) = delete;
@@ -70,13 +43,53 @@ class TestPortal {
                                   nullptr);
     g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
   }
-
   int reads() const { return reads_; }
 
  private:
   static constexpr const char* kName = "org.freedesktop.portal.Desktop";
   static constexpr const char* kPath = "/org/freedesktop/portal/desktop";
   static constexpr const char* kInterface = "org.freedesktop.portal.Settings";
+
+  void Run(const std::string& address) {
+    g_main_context_push_thread_default(context_);
+    connection_ = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    if (!connection_) {
+      failed_ = true;
+      return;
+    }
+    const std::string read =
+        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='v' "
+        "direction='out'/></method>";
+    const std::string xml =
+        "<node><interface name='org.freedesktop.portal.Settings'><method name='Read'>" + read +
+        (version1_ ? "" : "<method name='ReadOne'>" + read) +
+        "<signal name='SettingChanged'><arg type='s'/><arg type='s'/><arg type='v'/></signal>"
+        "</interface></node>";
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml.c_str(), nullptr);
+    static const GDBusInterfaceVTable vtable = {&TestPortal::OnCall, nullptr, nullptr, {}};
+    const unsigned object = g_dbus_connection_register_object(
+        connection_, kPath, node->interfaces[0], &vtable, this, nullptr, nullptr);
+    g_dbus_node_info_unref(node);
+    const unsigned owner = g_bus_own_name_on_connection(
+        connection_, kName, G_BUS_NAME_OWNER_FLAGS_NONE,
+        +[](GDBusConnection*, const gchar*, gpointer self) {
+          static_cast<TestPortal*>(self)->owned_ = true;
+        },
+        nullptr, this, nullptr);
+    g_main_loop_run(loop_);
+    g_bus_unown_name(owner);
+    g_dbus_connection_unregister_object(connection_, object);
+    g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
+    g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+    g_object_unref(connection_);
+    g_main_loop_unref(loop_);
+    g_main_context_pop_thread_default(context_);
+    g_main_context_unref(context_);
+  }
 
   static void OnCall(GDBusConnection*, const gchar*, const gchar*, const gchar*,
                      const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation,
@@ -94,16 +107,33 @@ class TestPortal {
     GVariant* value = g_variant_new_uint32(self->scheme_);
     // "Read" answers with the value wrapped in one more variant.
     if (g_str_equal(method, "Read")) value = g_variant_new_variant(value);
-    g_dbus_method_invocation_return_value(invocation, g_variant_new("(v)", value));
+    g_object_set_data_full(G_OBJECT(invocation), "reply",
+                           g_variant_ref_sink(g_variant_new("(v)", value)),
+                           reinterpret_cast<GDestroyNotify>(g_variant_unref));
+    GSource* later = g_timeout_source_new(self->delay_ms_);
+    g_source_set_callback(
+        later,
+        +[](gpointer call) -> gboolean {
+          auto* invocation = G_DBUS_METHOD_INVOCATION(call);
+          g_dbus_method_invocation_return_value(
+              invocation, static_cast<GVariant*>(g_object_get_data(G_OBJECT(invocation), "reply")));
+          return G_SOURCE_REMOVE;
+        },
+        invocation, nullptr);
+    g_source_attach(later, self->context_);
+    g_source_unref(later);
   }
 
-  uint32_t scheme_;
-  bool version1_;
+  std::atomic<uint32_t> scheme_;
+  const bool version1_;
+  const int delay_ms_;
+  GMainContext* context_ = g_main_context_new();
+  GMainLoop* loop_ = g_main_loop_new(context_, FALSE);
+  std::thread thread_;
   GDBusConnection* connection_ = nullptr;
-  unsigned object_ = 0;
-  unsigned owner_ = 0;
-  bool owned_ = false;
-  int reads_ = 0;
+  std::atomic<bool> owned_{false};
+  std::atomic<bool> failed_{false};
+  std::atomic<int> reads_{0};
 };
 
 }  // namespace corvane::ui::testing

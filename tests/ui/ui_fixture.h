@@ -56,6 +56,16 @@ struct GtkSession {
   bool ready = false;
 };
 
+// A pixel of `widget`'s window as the X server has it, as 0xRRGGBB.
+inline uint32_t WindowPixel(GtkWidget* widget, int x, int y) {
+  GdkPixbuf* pixel = gdk_pixbuf_get_from_window(gtk_widget_get_window(widget), x, y, 1, 1);
+  if (!pixel) return 0xFFFFFFFF;
+  const guchar* p = gdk_pixbuf_read_pixels(pixel);
+  const uint32_t rgb = p[0] << 16 | p[1] << 8 | p[2];
+  g_object_unref(pixel);
+  return rgb;
+}
+
 // Calls on one channel; replies are collected as they come.
 class ChannelClient {
  public:
