@@ -1,6 +1,6 @@
 // Finds the image file for a system-symbol name in the icon theme: the user's theme first, then
-// Adwaita. Names are looked up as given (icon-theme names work too), then through a table from
-// the platform's common system-symbol names to icon-theme names. Main thread only.
+// Adwaita. The platform's common system-symbol names go through a table to icon-theme names;
+// any other name is looked up as given (icon-theme names work too). Main thread only.
 #pragma once
 
 #include <cstdint>
@@ -23,6 +23,8 @@ bool IsAcceptableSymbolName(std::string_view name);
 // The icon-theme names tried for a system-symbol name, best first; empty when the table has
 // no entry. "x.fill" falls back to the entry of "x": icon themes have no filled variants.
 const std::vector<std::string>& MappedIconNames(std::string_view symbol);
+// Whether the table has `symbol` (or, for "x.fill", "x"); such names mean only what it says.
+bool IsMappedSymbol(std::string_view symbol);
 // Every system-symbol name in the table.
 std::vector<std::string> MappedSymbolNames();
 

@@ -133,15 +133,39 @@ TEST_F(SymbolsTest, EveryFailureRepliesNull) {
             MethodReply::Kind::kNotImplemented);
 }
 
-TEST_F(SymbolsTest, NamesResolveAsGivenThenThroughTheTable) {
-  // Icon-theme names as given, with or without "-symbolic", and the platform's names with
-  // their ".fill" and dotted variants.
-  for (const char* name :
-       {"list-add-symbolic", "list-add", "folder", "gear", "trash", "play.fill", "chevron.left",
-        "arrow.clockwise", "lock.open", "exclamationmark.triangle.fill", "speaker.wave.2",
-        "slider.horizontal.3", "square.and.arrow.up", "gamecontroller"}) {
-    EXPECT_TRUE(NativeSystemSymbols::SharedRenderer().lookup().Find(name)) << name;
+// Each picture means its name; a name no theme here draws answers null, not a look-alike.
+TEST_F(SymbolsTest, NamesGetThePictureTheyMean) {
+  SymbolRenderer& renderer = NativeSystemSymbols::SharedRenderer();
+  const struct {
+    const char* name;
+    const char* icon;  // null: not found
+  } cases[] = {
+      {"list-add-symbolic", "list-add-symbolic"},  // icon-theme names as given
+      {"list-add", "list-add-symbolic"},
+      {"play.fill", "media-playback-start-symbolic"},  // ".fill" as the plain name
+      {"lightbulb", "dialog-information-symbolic"},    // Adwaita's bulb, not the brightness sun
+      {"scissors", "edit-cut-symbolic"},
+      {"doc.on.clipboard", "edit-paste-symbolic"},
+      {"exclamationmark.triangle.fill", "dialog-warning-symbolic"},
+      {"exclamationmark.triangle", nullptr},  // an outline: not the filled triangle
+      {"bolt", nullptr},                      // a lightning bolt, not the Thunderbolt logo
+      {"xmark", "process-stop-symbolic"},
+  };
+  for (const auto& c : cases) {
+    const auto path = renderer.lookup().Find(c.name);
+    EXPECT_EQ(path ? std::filesystem::path(*path).stem().string() : "", c.icon ? c.icon : "")
+        << c.name;
   }
+  // An "xmark" as big as the marks beside it: the width it covers, against "plus".
+  auto width = [&](const char* name) {
+    const auto coverage = renderer.Coverage(name, 48);
+    int lo = 48, hi = -1;
+    for (int i = 0; coverage && i < 48 * 48; ++i) {
+      if ((*coverage)[i] > 128) lo = std::min(lo, i % 48), hi = std::max(hi, i % 48);
+    }
+    return hi - lo + 1;
+  };
+  EXPECT_GE(width("xmark") * 10, width("plus") * 8);
 }
 
 // A theme of the test's own, asked before Adwaita, and a symbol file outside every folder
