@@ -1,17 +1,15 @@
-// The main window on a real X server (a 1280x800 Xvfb started by the test): its size, and its
-// background colour read back from the screen, following the theme live. Forcing a look on the
-// window is the appearance service's, and tested there.
+// The main window on a 1280x800 Xvfb: its size, and its background colour read back from the
+// screen, following the theme live (forced looks are the appearance service's tests).
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 
-#include "dispatch/queue.h"
 #include "engine/loopback_engine.h"
 #include "host/host.h"
 #include "host/main_flutter_window.h"
 #include "host/support.h"
 #include "host/window_background.h"
 
-// From <gdk/gdkx.h>, whose X11 macros clash with gtest: GDK_SCALE, at run time.
+// GDK_SCALE at run time; from <gdk/gdkx.h>, whose X11 macros clash with gtest.
 extern "C" void gdk_x11_display_set_window_scale(GdkDisplay* display, gint scale);
 
 namespace corvane::host {
@@ -20,15 +18,10 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(ThemeDecision, FollowsGtkRulesUnlessForced) {
-  const struct {
-    Appearance appearance;
-    ThemeSignals theme;
-    bool dark;
-  } cases[] = {
-      // Beyond what the window test below shows live.
+  // clang-format off
+  const struct { Appearance appearance; ThemeSignals theme; bool dark; } cases[] = {
       {Appearance::kSystem, {false, "Arc-Dark", ""}, true},
       {Appearance::kSystem, {false, "darkness", ""}, false},
-      // $GTK_THEME replaces both settings, as it does for GTK itself.
       {Appearance::kSystem, {false, "Adwaita", "Adwaita:dark"}, true},
       {Appearance::kSystem, {true, "Adwaita-dark", "Adwaita"}, false},
       {Appearance::kSystem, {true, "Adwaita", "Adwaita:light"}, false},
@@ -36,18 +29,16 @@ TEST(ThemeDecision, FollowsGtkRulesUnlessForced) {
       {Appearance::kLight, {true, "Adwaita-dark", "Adwaita:dark"}, false},
       {Appearance::kDark, {false, "Adwaita", "Adwaita"}, true},
   };
+  // clang-format on
   for (const auto& c : cases) {
-    EXPECT_EQ(IsDark(c.appearance, c.theme), c.dark)
-        << static_cast<int>(c.appearance) << " " << c.theme.theme_name << " "
-        << c.theme.gtk_theme_env;
+    EXPECT_EQ(IsDark(c.appearance, c.theme), c.dark) << c.theme.theme_name << c.theme.gtk_theme_env;
   }
 }
 
 class MainWindowTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    // A known starting point: no desktop settings file, no theme forced from outside, no
-    // accessibility bus (its failed setup would show up as leaks under the address sanitizer).
+    // No settings file, no forced theme, no accessibility bus (leaks under the sanitizer).
     g_setenv("XDG_CONFIG_HOME", config_home_.path().c_str(), TRUE);
     g_unsetenv("GTK_THEME");
     g_unsetenv("WAYLAND_DISPLAY");
@@ -55,15 +46,12 @@ class MainWindowTest : public ::testing::Test {
     g_setenv("DISPLAY", (":" + xvfb_.line()).c_str(), TRUE);
     gtk_ready_ = !xvfb_.line().empty() && gtk_init_check(nullptr, nullptr);
   }
-  void SetUp() override { ASSERT_TRUE(gtk_ready_) << "Xvfb or GTK did not start"; }
 
-  // Makes a change, then waits for the frame that follows and for the X server to have it.
+  // Makes a change, then waits for the next frame and for the X server to have it.
   void AfterFrame(const std::function<void()>& change) {
     const int before = draws_;
     change();
-    ASSERT_TRUE(dispatch::RunMainUntil(
-        [&] { return gtk_widget_get_mapped(GTK_WIDGET(main_->window())) && draws_ > before; }, 20s))
-        << "the window was not drawn";
+    ASSERT_TRUE(dispatch::RunMainUntil([&] { return draws_ > before; }, 20s)) << "not drawn";
     gdk_display_sync(gdk_display_get_default());
   }
   MainFlutterWindow* Open() {
@@ -84,11 +72,10 @@ class MainWindowTest : public ::testing::Test {
     const int w = gdk_window_get_width(window);
     const int h = gdk_window_get_height(window);
     for (const auto& [x, y] : {std::pair{w / 2, h / 2}, std::pair{3, h - 4}}) {
-      GdkPixbuf* pixel = gdk_pixbuf_get_from_window(window, x, y, 1, 1);
-      ASSERT_NE(pixel, nullptr);
-      const guchar* p = gdk_pixbuf_read_pixels(pixel);
-      EXPECT_EQ(uint32_t(p[0] << 16 | p[1] << 8 | p[2]), expected) << when << " at " << x;
-      g_object_unref(pixel);
+      GdkPixbuf* p = gdk_pixbuf_get_from_window(window, x, y, 1, 1);
+      const guchar* rgb = gdk_pixbuf_read_pixels(p);
+      EXPECT_EQ(uint32_t(rgb[0] << 16 | rgb[1] << 8 | rgb[2]), expected) << when << " at " << x;
+      g_object_unref(p);
     }
   }
 
@@ -102,11 +89,11 @@ class MainWindowTest : public ::testing::Test {
 };
 
 TEST_F(MainWindowTest, KeepsTheDefinedSizeInsideTheScreenAndFollowsTheThemeLive) {
+  ASSERT_TRUE(gtk_ready_) << "Xvfb or GTK did not start";
   const auto setting = [&](const char* name, auto value) {
     AfterFrame([&] { g_object_set(gtk_settings_get_default(), name, value, nullptr); });
   };
-  // The defined 1280x800 fills this screen at scale 1; at scale 2 (GDK_SCALE=2) it would be
-  // 2560x1600 device pixels, so it shrinks to the screen.
+  // The defined 1280x800 fills the screen at scale 1; at scale 2 it shrinks to fit it.
   for (const int scale : {1, 2}) {
     gdk_x11_display_set_window_scale(gdk_display_get_default(), scale);
     g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", TRUE, nullptr);
@@ -115,8 +102,7 @@ TEST_F(MainWindowTest, KeepsTheDefinedSizeInsideTheScreenAndFollowsTheThemeLive)
     EXPECT_EQ(gdk_window_get_height(window) * scale, 800) << "scale " << scale;
     ExpectBackground(0x0E1A31, "prefer dark at start");
     if (scale == 1) {
-      // The window registers the start-up services with its view, where the appearance
-      // service finds this window's background.
+      // The services are registered with the view, where they find the window's background.
       EXPECT_EQ(host_.registry()->view(), main_->view());
       EXPECT_EQ(WindowBackground::ForWidget(main_->view()), &main_->background());
       setting("gtk-application-prefer-dark-theme", FALSE);

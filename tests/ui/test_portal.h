@@ -1,6 +1,6 @@
-// A desktop portal on the test's private session bus that serves only the appearance colour
-// scheme, as org.freedesktop.portal.Settings does. It answers from a thread of its own, as a
-// separate process would, so a caller that blocks the main thread still gets its answer.
+// A desktop portal on the test's private session bus serving the appearance colour scheme, as
+// org.freedesktop.portal.Settings does. It answers from a thread of its own, as a separate
+// process would, so a caller that blocks the main thread still gets its answer.
 #pragma once
 
 #include <gio/gio.h>
@@ -15,24 +15,16 @@ namespace corvane::ui::testing {
 class TestPortal {
  public:
   // `version1`: knows "Read" only, as before "ReadOne" existed. `delay_ms`: answers that late.
-  TestPortal(const std::string& address, uint32_t scheme, bool version1 = false, int delay_ms = 0)
+  TestPortal(std::string address, uint32_t scheme, bool version1 = false, int delay_ms = 0)
       : scheme_(scheme), version1_(version1), delay_ms_(delay_ms) {
     thread_ = std::thread([this, address] { Run(address); });
     while (!owned_ && !failed_) g_usleep(1000);
     EXPECT_TRUE(owned_) << "the portal did not get its name";
   }
   ~TestPortal() {
-    g_main_context_invoke(
-        context_,
-        +[](gpointer loop) -> gboolean {
-          g_main_loop_quit(static_cast<GMainLoop*>(loop));
-          return G_SOURCE_REMOVE;
-        },
-        loop_);
+    g_main_loop_quit(loop_);  // from any thread
     thread_.join();
   }
-  TestPortal(const TestPortal&) = delete;
-  TestPortal& operator=(const TestPortal&) = delete;
 
   // The desktop's preference changes: the portal says so.
   void Change(uint32_t scheme) {
@@ -41,12 +33,10 @@ class TestPortal {
                                   g_variant_new("(ssv)", "org.freedesktop.appearance",
                                                 "color-scheme", g_variant_new_uint32(scheme)),
                                   nullptr);
-    g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
   }
   int reads() const { return reads_; }
 
  private:
-  static constexpr const char* kName = "org.freedesktop.portal.Desktop";
   static constexpr const char* kPath = "/org/freedesktop/portal/desktop";
   static constexpr const char* kInterface = "org.freedesktop.portal.Settings";
 
@@ -62,20 +52,17 @@ class TestPortal {
       return;
     }
     const std::string read =
-        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='v' "
-        "direction='out'/></method>";
+        "<arg type='s'/><arg type='s'/><arg type='v' direction='out'/></method>";
     const std::string xml =
-        "<node><interface name='org.freedesktop.portal.Settings'><method name='Read'>" + read +
-        (version1_ ? "" : "<method name='ReadOne'>" + read) +
-        "<signal name='SettingChanged'><arg type='s'/><arg type='s'/><arg type='v'/></signal>"
-        "</interface></node>";
+        "<node><interface name='" + std::string(kInterface) + "'><method name='Read'>" + read +
+        (version1_ ? "" : "<method name='ReadOne'>" + read) + "</interface></node>";
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml.c_str(), nullptr);
     static const GDBusInterfaceVTable vtable = {&TestPortal::OnCall, nullptr, nullptr, {}};
     const unsigned object = g_dbus_connection_register_object(
         connection_, kPath, node->interfaces[0], &vtable, this, nullptr, nullptr);
     g_dbus_node_info_unref(node);
     const unsigned owner = g_bus_own_name_on_connection(
-        connection_, kName, G_BUS_NAME_OWNER_FLAGS_NONE,
+        connection_, "org.freedesktop.portal.Desktop", G_BUS_NAME_OWNER_FLAGS_NONE,
         +[](GDBusConnection*, const gchar*, gpointer self) {
           static_cast<TestPortal*>(self)->owned_ = true;
         },
@@ -83,7 +70,6 @@ class TestPortal {
     g_main_loop_run(loop_);
     g_bus_unown_name(owner);
     g_dbus_connection_unregister_object(connection_, object);
-    g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
     g_dbus_connection_close_sync(connection_, nullptr, nullptr);
     g_object_unref(connection_);
     g_main_loop_unref(loop_);
@@ -91,18 +77,11 @@ class TestPortal {
     g_main_context_unref(context_);
   }
 
+  // Only color-scheme is ever asked for.
   static void OnCall(GDBusConnection*, const gchar*, const gchar*, const gchar*,
-                     const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation,
+                     const gchar* method, GVariant*, GDBusMethodInvocation* invocation,
                      gpointer data) {
     auto* self = static_cast<TestPortal*>(data);
-    const gchar* ns = nullptr;
-    const gchar* key = nullptr;
-    g_variant_get(parameters, "(&s&s)", &ns, &key);
-    if (g_strcmp0(ns, "org.freedesktop.appearance") != 0 || g_strcmp0(key, "color-scheme") != 0) {
-      g_dbus_method_invocation_return_dbus_error(
-          invocation, "org.freedesktop.portal.Error.NotFound", "Requested setting not found");
-      return;
-    }
     ++self->reads_;
     GVariant* value = g_variant_new_uint32(self->scheme_);
     // "Read" answers with the value wrapped in one more variant.
@@ -114,9 +93,9 @@ class TestPortal {
     g_source_set_callback(
         later,
         +[](gpointer call) -> gboolean {
-          auto* invocation = G_DBUS_METHOD_INVOCATION(call);
           g_dbus_method_invocation_return_value(
-              invocation, static_cast<GVariant*>(g_object_get_data(G_OBJECT(invocation), "reply")));
+              G_DBUS_METHOD_INVOCATION(call),
+              static_cast<GVariant*>(g_object_get_data(G_OBJECT(call), "reply")));
           return G_SOURCE_REMOVE;
         },
         invocation, nullptr);
@@ -131,8 +110,7 @@ class TestPortal {
   GMainLoop* loop_ = g_main_loop_new(context_, FALSE);
   std::thread thread_;
   GDBusConnection* connection_ = nullptr;
-  std::atomic<bool> owned_{false};
-  std::atomic<bool> failed_{false};
+  std::atomic<bool> owned_{false}, failed_{false};
   std::atomic<int> reads_{0};
 };
 

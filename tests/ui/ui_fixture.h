@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,23 +17,20 @@
 
 namespace corvane::ui::testing {
 
-using corvane::testing::ServerProcess;
-
 using channel::MethodReply;
 using channel::Value;
 using channel::ValueList;
 using channel::ValueMap;
+using corvane::testing::ServerProcess;
 
 inline Value Map(ValueMap m) { return Value(std::move(m)); }
 
 // Xvfb, an empty configuration folder and, when asked, a session bus; GTK initialised on them.
-// Owned by a suite (set up and torn down with it), since GTK binds to one display per process.
 struct GtkSession {
   explicit GtkSession(bool with_bus) {
     g_setenv("XDG_CONFIG_HOME", dir.path().c_str(), TRUE);
-    g_unsetenv("GTK_THEME");
-    g_unsetenv("WAYLAND_DISPLAY");
-    g_unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    for (const char* name : {"GTK_THEME", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS"})
+      g_unsetenv(name);
     g_setenv("NO_AT_BRIDGE", "1", TRUE);
     if (with_bus) {
       bus = std::make_unique<ServerProcess>(
@@ -44,9 +40,8 @@ struct GtkSession {
       if (bus->line().empty()) return;
       g_setenv("DBUS_SESSION_BUS_ADDRESS", bus->line().c_str(), TRUE);
     }
-    if (xvfb.line().empty()) return;
     g_setenv("DISPLAY", (":" + xvfb.line()).c_str(), TRUE);
-    ready = gtk_init_check(nullptr, nullptr);
+    ready = !xvfb.line().empty() && gtk_init_check(nullptr, nullptr);
   }
 
   corvane::testing::TempDir dir;
@@ -69,21 +64,19 @@ inline uint32_t WindowPixel(GtkWidget* widget, int x, int y) {
 // Calls on one channel; replies are collected as they come.
 class ChannelClient {
  public:
+  using Replies = std::shared_ptr<std::vector<MethodReply>>;
   ChannelClient(engine::LoopbackEngine& engine, std::string channel)
       : engine_(engine), channel_(std::move(channel)) {}
 
-  using Replies = std::shared_ptr<std::vector<MethodReply>>;
-
   Replies CallLater(const std::string& method, Value args = Value()) {
     auto replies = std::make_shared<std::vector<MethodReply>>();
-    engine_.SendFromEngine(channel_, channel::EncodeMethodCall({method, std::move(args)}),
-                           [replies](channel::Bytes b) {
-                             auto decoded = channel::DecodeEnvelope(b);
-                             replies->push_back(decoded.value.value_or(MethodReply()));
-                           });
+    engine_.SendFromEngine(
+        channel_, channel::EncodeMethodCall({method, std::move(args)}),
+        [replies](channel::Bytes b) {
+          replies->push_back(channel::DecodeEnvelope(b).value.value_or(MethodReply()));
+        });
     return replies;
   }
-
   MethodReply Call(const std::string& method, Value args = Value()) {
     Replies replies = CallLater(method, std::move(args));
     dispatch::RunMainUntil([&] { return !replies->empty(); }, std::chrono::seconds(10));
@@ -100,25 +93,22 @@ class ChannelClient {
 struct PixelSummary {
   int width = 0;
   int height = 0;
-  bool has_alpha = false;
   int visible = 0;     // pixels with alpha > 0
   int off_colour = 0;  // visible pixels whose RGB is not the expected colour
   int max_alpha = 0;
 };
 
+// `pixbuf` must have alpha.
 inline PixelSummary Summarise(GdkPixbuf* pixbuf, uint32_t rgb) {
-  PixelSummary s{gdk_pixbuf_get_width(pixbuf), gdk_pixbuf_get_height(pixbuf),
-                 static_cast<bool>(gdk_pixbuf_get_has_alpha(pixbuf))};
-  if (!s.has_alpha) return s;
-  const int stride = gdk_pixbuf_get_rowstride(pixbuf);
+  PixelSummary s{gdk_pixbuf_get_width(pixbuf), gdk_pixbuf_get_height(pixbuf)};
   const guchar* data = gdk_pixbuf_read_pixels(pixbuf);
   for (int y = 0; y < s.height; ++y) {
     for (int x = 0; x < s.width; ++x) {
-      const guchar* p = data + y * stride + x * 4;
+      const guchar* p = data + y * gdk_pixbuf_get_rowstride(pixbuf) + x * 4;
       if (p[3] == 0) continue;
       ++s.visible;
       s.max_alpha = std::max<int>(s.max_alpha, p[3]);
-      if ((static_cast<uint32_t>(p[0]) << 16 | p[1] << 8 | p[2]) != rgb) ++s.off_colour;
+      s.off_colour += (uint32_t(p[0]) << 16 | p[1] << 8 | p[2]) != rgb;
     }
   }
   return s;
