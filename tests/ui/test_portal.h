@@ -18,7 +18,7 @@ class TestPortal {
   TestPortal(std::string address, uint32_t scheme, bool version1 = false, int delay_ms = 0)
       : scheme_(scheme), version1_(version1), delay_ms_(delay_ms) {
     thread_ = std::thread([this, address] { Run(address); });
-    while (!owned_ && !failed_) g_usleep(1000);
+    for (int i = 0; i < 10000 && !owned_; ++i) g_usleep(1000);
     EXPECT_TRUE(owned_) << "the portal did not get its name";
   }
   ~TestPortal() {
@@ -47,10 +47,7 @@ class TestPortal {
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, nullptr);
-    if (!connection_) {
-      failed_ = true;
-      return;
-    }
+    if (!connection_) return;
     const std::string read =
         "<arg type='s'/><arg type='s'/><arg type='v' direction='out'/></method>";
     const std::string xml =
@@ -110,7 +107,7 @@ class TestPortal {
   GMainLoop* loop_ = g_main_loop_new(context_, FALSE);
   std::thread thread_;
   GDBusConnection* connection_ = nullptr;
-  std::atomic<bool> owned_{false}, failed_{false};
+  std::atomic<bool> owned_{false};
   std::atomic<int> reads_{0};
 };
 
