@@ -77,8 +77,8 @@ GdkRGBA ReadableOn(const GdkRGBA& colour, const GdkRGBA& background) {
   const GdkRGBA& end =
       ContrastRatio(white, background) > ContrastRatio(black, background) ? white : black;
   GdkRGBA mixed = colour;
-  for (int step = 1; step <= 20 && ContrastRatio(mixed, background) < kMinTextContrast; ++step) {
-    const double t = step / 20.0;
+  for (int step = 1; step <= 100 && ContrastRatio(mixed, background) < kMinTextContrast; ++step) {
+    const double t = step / 100.0;
     mixed = GdkRGBA{colour.red + (end.red - colour.red) * t,
                     colour.green + (end.green - colour.green) * t,
                     colour.blue + (end.blue - colour.blue) * t, 1};
