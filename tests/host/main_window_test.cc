@@ -39,12 +39,14 @@ class MainWindowTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     // No settings file, no forced theme, no accessibility bus (leaks under the sanitizer).
-    g_setenv("XDG_CONFIG_HOME", config_home_.path().c_str(), TRUE);
+    g_setenv("XDG_CONFIG_HOME", "/nonexistent", TRUE);
     g_unsetenv("GTK_THEME");
     g_unsetenv("WAYLAND_DISPLAY");
     g_setenv("NO_AT_BRIDGE", "1", TRUE);
-    g_setenv("DISPLAY", (":" + xvfb_.line()).c_str(), TRUE);
-    gtk_ready_ = !xvfb_.line().empty() && gtk_init_check(nullptr, nullptr);
+    xvfb_.reset(new testing::ServerProcess(
+        {"Xvfb", "-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp"}));
+    g_setenv("DISPLAY", (":" + xvfb_->line()).c_str(), TRUE);
+    gtk_ready_ = !xvfb_->line().empty() && gtk_init_check(nullptr, nullptr);
   }
 
   // Makes a change, then waits for the next frame and for the X server to have it.
@@ -79,9 +81,7 @@ class MainWindowTest : public ::testing::Test {
     }
   }
 
-  static inline testing::TempDir config_home_;
-  static inline testing::ServerProcess xvfb_{
-      {"Xvfb", "-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp"}};
+  static inline std::unique_ptr<testing::ServerProcess> xvfb_;
   static inline bool gtk_ready_ = false;
   Host host_{std::make_unique<engine::LoopbackEngine>(), InfoDictionary::Default()};
   MainFlutterWindow* main_ = nullptr;
