@@ -65,8 +65,7 @@ void fl_binary_messenger_send_on_channel(FlBinaryMessenger* messenger, const gch
 GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger* messenger,
                                                    GAsyncResult* result, GError** error);
 
-// --- FlDartProject, FlEngine
-// ----------------------------------------------------------------------
+// --- FlDartProject, FlEngine --------------------------------------------------------------------
 
 G_DECLARE_FINAL_TYPE(FlDartProject, fl_dart_project, FL, DART_PROJECT, GObject)
 FlDartProject* fl_dart_project_new();
@@ -84,10 +83,12 @@ FlView* fl_view_new(FlDartProject* project);
 FlEngine* fl_view_get_engine(FlView* view);
 void fl_view_set_background_color(FlView* view, const GdkRGBA* color);
 
+typedef struct _FlTextureRegistrar FlTextureRegistrar;
 G_DECLARE_INTERFACE(FlPluginRegistrar, fl_plugin_registrar, FL, PLUGIN_REGISTRAR, GObject)
 struct _FlPluginRegistrarInterface {
   GTypeInterface parent_iface;
   FlBinaryMessenger* (*get_messenger)(FlPluginRegistrar* registrar);
+  FlTextureRegistrar* (*get_texture_registrar)(FlPluginRegistrar* registrar);
   FlView* (*get_view)(FlPluginRegistrar* registrar);
 };
 FlBinaryMessenger* fl_plugin_registrar_get_messenger(FlPluginRegistrar* registrar);
@@ -98,7 +99,7 @@ struct _FlPluginRegistryInterface {
   GTypeInterface g_iface;
   FlPluginRegistrar* (*get_registrar_for_plugin)(FlPluginRegistry* registry, const gchar* name);
 };
-// Returns: (transfer full)
+// Returns: (transfer full) a new registrar each call; the name is not used.
 FlPluginRegistrar* fl_plugin_registry_get_registrar_for_plugin(FlPluginRegistry* registry,
                                                                const gchar* name);
 
