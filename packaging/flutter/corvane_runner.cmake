@@ -36,6 +36,7 @@ add_custom_command(
 
 add_executable(${BINARY_NAME} "${CMAKE_CURRENT_LIST_DIR}/main.cc" "${CORVANE_APP_PLUGINS}")
 target_link_libraries(${BINARY_NAME} PRIVATE corvane_flutter flutter PkgConfig::GTK)
+target_compile_features(${BINARY_NAME} PRIVATE cxx_std_17)
 add_dependencies(${BINARY_NAME} flutter_assemble)
 # As the template's runner: the bundle is assembled by the install step, not run from here.
 set_target_properties(${BINARY_NAME} PROPERTIES
