@@ -19,10 +19,6 @@
 using namespace std::chrono_literals;
 using corvane::channel::Value;
 
-namespace {
-std::vector<std::string> g_plugin_calls;
-}  // namespace
-
 namespace corvane::flutter {
 namespace {
 
@@ -53,9 +49,7 @@ class FlutterEngineTest : public ::testing::Test {
                            [&](std::optional<Bytes> bytes) { response = std::move(bytes); });
     EXPECT_TRUE(dispatch::RunMainUntil([&] { return response.has_value(); }, 5s));
     if (!response || !*response) return std::nullopt;
-    auto decoded = channel::DecodeEnvelope(**response);
-    EXPECT_TRUE(decoded);
-    return decoded.value;
+    return channel::DecodeEnvelope(**response).value;
   }
 
   FlDartProject* project_ = nullptr;
@@ -106,35 +100,17 @@ TEST_F(FlutterEngineTest, EveryMessageGetsOneResponseFromTheMainThread) {
   FlutterLinuxEngine engine;
   engine.Attach(fl_engine_);
   dispatch::SerialQueue queue("test.flutter.service");
-  std::vector<std::unique_ptr<channel::MethodResult>> parked;
   channel::MethodChannel service(engine, "t/service");
-  service.SetMethodCallHandler([&](const channel::MethodCall& call, auto result) {
-    if (call.method == "later") {
-      // Answered from a service queue: the response still leaves from the main thread.
-      queue.Async([result = std::shared_ptr<channel::MethodResult>(std::move(result))] {
-        result->Success(Value("done"));
-        result->Success(Value("again"));  // dropped, never a second response
-      });
-    } else if (call.method == "never") {
-      parked.push_back(std::move(result));
-    }
+  service.SetMethodCallHandler([&](const channel::MethodCall&, auto result) {
+    // Answered from a service queue: the response still leaves from the main thread.
+    queue.Async([result = std::shared_ptr<channel::MethodResult>(std::move(result))] {
+      result->Success(Value("done"));
+      result->Success(Value("again"));  // dropped, never a second response
+    });
   });
   auto later = Call("t/service", "later");
   ASSERT_TRUE(later);
   EXPECT_EQ(later->value, Value("done"));
-
-  std::optional<std::optional<Bytes>> never;
-  fake_flutter::DartSend(messenger_, "t/service", channel::EncodeMethodCall({"never", Value()}),
-                         [&](std::optional<Bytes> bytes) { never = std::move(bytes); });
-  dispatch::RunMainUntil([] { return false; }, 50ms);
-  EXPECT_FALSE(never.has_value());
-  // Teardown of a service that never answered: Dart still gets its one response.
-  parked.clear();
-  ASSERT_TRUE(dispatch::RunMainUntil([&] { return never.has_value(); }, 5s));
-  ASSERT_TRUE(*never);
-  auto decoded = channel::DecodeEnvelope(**never);
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded.value->error.code, channel::MethodResult::kUnansweredCode);
 }
 
 TEST_F(FlutterEngineTest, ResponsesOutliveTheEngineObject) {
@@ -182,18 +158,10 @@ TEST_F(FlutterEngineTest, RepliesAwaitedFromDartEndWhenTheEngineGoes) {
 TEST(DartProject, CarriesTheEntryPointArguments) {
   FlDartProject* project = MakeDartProject({"--route=/throttle", "layout.corvane"});
   gchar** args = fl_dart_project_get_dart_entrypoint_arguments(project);
-  ASSERT_NE(args, nullptr);
-  EXPECT_STREQ(args[0], "--route=/throttle");
-  EXPECT_STREQ(args[1], "layout.corvane");
-  EXPECT_EQ(args[2], nullptr);
+  EXPECT_EQ(std::vector<std::string>(args, args + g_strv_length(args)),
+            (std::vector<std::string>{"--route=/throttle", "layout.corvane"}));
   g_object_unref(project);
 }
-
-}  // namespace
-}  // namespace corvane::flutter
-
-namespace corvane::flutter {
-namespace {
 
 // flutter_linux's engine with the socket engine beside it: one set of services, two sides.
 TEST_F(FlutterEngineTest, SocketClientsShareTheServicesWithoutDisturbingDart) {
@@ -228,9 +196,7 @@ TEST_F(FlutterEngineTest, SocketClientsShareTheServicesWithoutDisturbingDart) {
   testing::WireClient client;
   ASSERT_TRUE(client.Connect(dir / "e.sock"));
   ASSERT_TRUE(client.SendCall(1, "t/events", "listen"));
-  auto listened = client.WaitReply(1, 5000, true);
-  ASSERT_TRUE(listened);
-  EXPECT_EQ(channel::DecodeEnvelope(*listened).value->kind, channel::MethodReply::Kind::kSuccess);
+  ASSERT_TRUE(client.WaitReply(1, 5000, true));
   EXPECT_EQ(listens, 1) << "the service hears the first listen only";
 
   // Calls from the socket reach the same services.
