@@ -4,16 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 
-#include "channel/method_channel.h"
 #include "engine/loopback_engine.h"
 #include "host/host.h"
 
 namespace corvane::host {
 namespace {
 
-using channel::Value;
 using Names = std::vector<std::string>;
 
 // clang-format off
@@ -35,7 +32,6 @@ Names RegistrarsOf(const PluginRegistry& registry) {
 }
 
 struct StandInService : ApplicationDelegate {
-  std::vector<std::unique_ptr<channel::MethodChannel>> channels;
   Names heard;
   void HandleDidFinishLaunching() override { heard.push_back("launched"); }
   void HandleWillTerminate() override { heard.push_back("terminating"); }
@@ -44,20 +40,12 @@ struct StandInService : ApplicationDelegate {
 
 Names g_made;
 std::vector<StartupRow> g_table;
-// Weak: the service must die with its host, before the engine its channels are on.
+// Weak: the service must die with its host.
 std::weak_ptr<StandInService> g_document_service;
 
 std::shared_ptr<void> MakeStandIn(Registrar& registrar) {
   g_made.push_back(registrar.name());
   auto service = std::make_shared<StandInService>();
-  auto row = std::find_if(g_table.begin(), g_table.end(),
-                          [&](auto& r) { return r.registrar == registrar.name(); });
-  for (const std::string& name : row->channels) {
-    auto& method_channel = service->channels.emplace_back(
-        std::make_unique<channel::MethodChannel>(registrar.messenger(), name));
-    method_channel->SetMethodCallHandler(
-        [who = registrar.name()](const auto&, auto result) { result->Success(Value(who)); });
-  }
   if (registrar.name() == "MacProjectOpening") {
     registrar.AddApplicationDelegate(service);
     g_document_service = service;
@@ -74,15 +62,13 @@ class RegistrationTest : public ::testing::Test {
     registry_ = &host_.RegisterMainWindowServices(nullptr, g_table);
   }
 
-  engine::LoopbackEngine* engine_ = new engine::LoopbackEngine();  // owned by the host
-  Host host_{std::unique_ptr<engine::Engine>(engine_), InfoDictionary::Default()};
+  Host host_{std::make_unique<engine::LoopbackEngine>(), InfoDictionary::Default()};
   PluginRegistry* registry_ = nullptr;
 };
 
 TEST_F(RegistrationTest, EveryRowIsMadeOnceAndRecordedInStartUpOrder) {
   EXPECT_EQ(g_made, kStartUpOrder) << "services made out of order";
   EXPECT_EQ(RegistrarsOf(*registry_), kStartUpOrder);
-  EXPECT_EQ(engine_->HandledChannels().size(), 13u);
 
   // Asking again, through the host or the routine, makes and records nothing new.
   EXPECT_EQ(&host_.RegisterMainWindowServices(nullptr, g_table), registry_);
@@ -100,8 +86,6 @@ TEST_F(RegistrationTest, SecondaryWindowsGetOnlyTheirReducedSet) {
                          "MacWindowAppearance"};
   EXPECT_EQ(RegistrarsOf(window), reduced);
   EXPECT_EQ(g_made, reduced) << "fresh service objects, in order";
-  EXPECT_EQ(window_engine.HandledChannels(),
-            (Names{"corvane/system_symbols", "io.corvane/window_appearance"}));
 }
 
 TEST_F(RegistrationTest, LaunchAndTerminationReachApplicationDelegatesOnce) {
