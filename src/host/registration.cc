@@ -55,13 +55,20 @@ void RegisterMainWindowServices(PluginRegistry& registry, const std::vector<Star
   // The app's other native plug-ins come after the table, in the Flutter tool's order.
   WindowContent* content = window_content();
   if (!content) return;
+  const auto& done = registry.registrations();
   for (const AppPlugin& plugin : content->AppPlugins()) {
     const bool in_table = std::any_of(table.begin(), table.end(), [&](const StartupRow& row) {
       return row.kind == StartupRow::Kind::kStandardPlugin && row.package == plugin.package;
     });
-    if (!in_table && !registry.IsRecorded(plugin.registrar)) {
-      RegisterPlugin(registry, plugin.registrar, plugin.package, plugin.package);
+    if (in_table || std::any_of(done.begin(), done.end(), [&](const Registration& r) {
+          return r.service == plugin.package;
+        })) {
+      continue;
     }
+    // A registrar name the table already uses would hide the plug-in: it goes by its package.
+    const bool taken = registry.IsRecorded(plugin.registrar);
+    RegisterPlugin(registry, taken ? plugin.package : plugin.registrar, plugin.package,
+                   plugin.package);
   }
 }
 
