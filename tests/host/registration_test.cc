@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "engine/loopback_engine.h"
 #include "host/host.h"
 
