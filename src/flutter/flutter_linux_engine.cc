@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 #include "channel/log.h"
 #include "dispatch/queue.h"
@@ -30,23 +31,44 @@ engine::Bytes FromGBytes(GBytes* bytes) {
 
 FlutterLinuxEngine::~FlutterLinuxEngine() { Detach(); }
 
-void FlutterLinuxEngine::Attach(FlBinaryMessenger* messenger) {
-  if (messenger_ || !messenger) return;
-  messenger_ = FL_BINARY_MESSENGER(g_object_ref(messenger));
+void FlutterLinuxEngine::Attach(FlEngine* engine) {
+  if (engine_ || !engine) return;
+  engine_ = engine;
+  g_object_weak_ref(G_OBJECT(engine), &OnEngineGone, this);
+  messenger_ = FL_BINARY_MESSENGER(g_object_ref(fl_engine_get_binary_messenger(engine)));
   for (const std::string& channel : HandledChannels()) Install(channel);
 }
 
 void FlutterLinuxEngine::Detach() {
-  if (!messenger_) return;
-  for (const std::string& channel : std::set<std::string>(installed_)) Uninstall(channel);
+  if (engine_) {
+    g_object_weak_unref(G_OBJECT(engine_), &OnEngineGone, this);
+    for (const std::string& channel : std::set<std::string>(installed_)) Uninstall(channel);
+    engine_ = nullptr;
+  }
   g_clear_object(&messenger_);
+  AnswerPendingReplies();
+}
+
+void FlutterLinuxEngine::OnEngineGone(void* self, GObject* /*engine*/) {
+  auto* engine = static_cast<FlutterLinuxEngine*>(self);
+  // The messenger dropped every handler with its engine.
+  engine->engine_ = nullptr;
+  engine->installed_.clear();
+  channel::Log(channel::LogLevel::kInfo, kLogDomain, "the Flutter engine is gone");
+  engine->AnswerPendingReplies();
+}
+
+void FlutterLinuxEngine::AnswerPendingReplies() {
+  // Empty is what a channel without a Dart handler answers; nobody waits forever.
+  auto pending = std::exchange(pending_, {});
+  for (auto& [id, on_reply] : pending) on_reply(engine::Bytes());
 }
 
 void FlutterLinuxEngine::HandlerChanged(const std::string& channel, bool /*installed*/) {
   // flutter_linux's messenger belongs to the main thread; the table says what is current when
   // the change is applied there.
   auto apply = [alive = std::weak_ptr<int>(alive_), this, channel] {
-    if (!alive.lock() || !messenger_) return;
+    if (!alive.lock() || !engine_) return;
     const auto handled = HandledChannels();
     if (std::binary_search(handled.begin(), handled.end(), channel)) {
       Install(channel);
@@ -95,11 +117,20 @@ void FlutterLinuxEngine::OnMessage(FlBinaryMessenger* messenger, const char* cha
   static_cast<FlutterLinuxEngine*>(self)->Dispatch(channel, FromGBytes(message), deliver);
 }
 
+void FlutterLinuxEngine::DeliverReply(uint64_t id, engine::Bytes reply) {
+  // Gone when the engine's going answered it already.
+  auto it = pending_.find(id);
+  if (it == pending_.end()) return;
+  ReplyHandler on_reply = std::move(it->second);
+  pending_.erase(it);
+  on_reply(std::move(reply));
+}
+
 void FlutterLinuxEngine::Transmit(const std::string& channel, engine::Bytes message,
                                   ReplyHandler on_reply) {
-  if (!messenger_) {
+  if (!engine_) {
     channel::Log(channel::LogLevel::kWarning, kLogDomain,
-                 "no Flutter engine yet; message on " + channel + " dropped");
+                 "no Flutter engine; message on " + channel + " dropped");
     if (on_reply) on_reply(engine::Bytes());
     return;
   }
@@ -108,11 +139,18 @@ void FlutterLinuxEngine::Transmit(const std::string& channel, engine::Bytes mess
     fl_binary_messenger_send_on_channel(messenger_, channel.c_str(), bytes, nullptr, nullptr,
                                         nullptr);
   } else {
-    auto* pending = new ReplyHandler(std::move(on_reply));
+    const uint64_t id = next_id_++;
+    pending_.emplace(id, std::move(on_reply));
+    // The reply may come after this object or its engine has gone: it finds its handler by id.
+    struct Pending {
+      std::weak_ptr<int> alive;
+      FlutterLinuxEngine* self;
+      uint64_t id;
+    };
     fl_binary_messenger_send_on_channel(
         messenger_, channel.c_str(), bytes, nullptr,
         +[](GObject* source, GAsyncResult* result, gpointer data) {
-          std::unique_ptr<ReplyHandler> handler(static_cast<ReplyHandler*>(data));
+          std::unique_ptr<Pending> pending(static_cast<Pending*>(data));
           GError* error = nullptr;
           GBytes* reply = fl_binary_messenger_send_on_channel_finish(FL_BINARY_MESSENGER(source),
                                                                      result, &error);
@@ -121,10 +159,10 @@ void FlutterLinuxEngine::Transmit(const std::string& channel, engine::Bytes mess
                          std::string("no reply from Dart: ") + error->message);
             g_error_free(error);
           }
-          (*handler)(FromGBytes(reply));
+          if (pending->alive.lock()) pending->self->DeliverReply(pending->id, FromGBytes(reply));
           if (reply) g_bytes_unref(reply);
         },
-        pending);
+        new Pending{alive_, this, id});
   }
   if (bytes) g_bytes_unref(bytes);
 }

@@ -3,11 +3,14 @@
 // window's content.
 #pragma once
 
+#include "flutter/app_plugins.h"
+
 namespace corvane::flutter {
 
 // Besides --engine-socket, this variable asks a Flutter build to serve the engine socket too.
 inline constexpr const char* kEngineSocketVariable = "CORVANE_ENGINE_SOCKET";
 
-int FlutterHostMain(int argc, char** argv);
+// `plugins` are the app's, as generated from its registrant.
+int FlutterHostMain(int argc, char** argv, const AppPluginList& plugins);
 
 }  // namespace corvane::flutter

@@ -75,6 +75,9 @@ void MainFlutterWindow::AwakeFromUiDefinition(Host& host) {
     gtk_window_resize(window_, width, height);
   }
 
+  // As Flutter's template: the view starts its engine when realized, and plug-ins such as
+  // window_manager expect that done when they register.
+  gtk_widget_realize(view_);
   host.RegisterMainWindowServices(view_);
   SetWindowCreatedHook(&RegisterSecondaryWindowServices);
 

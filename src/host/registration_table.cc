@@ -18,11 +18,11 @@ namespace corvane::host {
 namespace {
 
 StartupRow Own(std::string name, std::vector<std::string> channels, ServiceFactory factory) {
-  return StartupRow{StartupRow::Kind::kOwnService, name, name, std::move(channels), factory};
+  return StartupRow{StartupRow::Kind::kOwnService, name, name, std::move(channels), factory, {}};
 }
 
-StartupRow Plugin(std::string name) {
-  return StartupRow{StartupRow::Kind::kStandardPlugin, name, name, {}, nullptr};
+StartupRow Plugin(std::string name, std::string package) {
+  return StartupRow{StartupRow::Kind::kStandardPlugin, name, name, {}, nullptr, std::move(package)};
 }
 
 std::shared_ptr<void> MakeBonjourBridge(Registrar& registrar) {
@@ -42,8 +42,8 @@ std::shared_ptr<void> MakeICloudBridge(Registrar& registrar) {
 std::shared_ptr<void> MakeLegacySwiftUIBridge(Registrar& registrar) {
   // The bundle identifier decides whether this is the earlier edition itself.
   return legacy::LegacySwiftUIBridge::Create(
-      registrar.messenger(), legacy::LegacyEnvironment::Current(
-                                 registrar.info().Get(kBundleIdentifierKey).value_or("")));
+      registrar.messenger(),
+      legacy::LegacyEnvironment::Current(registrar.info().Get(kBundleIdentifierKey).value_or("")));
 }
 
 std::shared_ptr<void> MakeUdpBridge(Registrar& registrar) {
@@ -70,25 +70,27 @@ const LaunchStep kTriggerLocalNetworkPermission = TriggerLocalNetworkPermission;
 
 const std::vector<StartupRow>& StartupTable() {
   // The document hand-off comes first so it can answer before any other channel exists. The
-  // standard plug-ins follow in their generated order (alphabetical by package).
+  // standard plug-ins follow in their generated order (alphabetical by package), each with the
+  // Flutter package that implements it on Linux. Only some of those have a native part; the
+  // others are Dart-only here, and in_app_review has no Linux implementation at all.
   static const std::vector<StartupRow> table = {
       Own("MacProjectOpening", {"io.corvane/open_projects"}, MakeMacProjectOpening),
-      Plugin("AudioplayersDarwinPlugin"),
-      Plugin("FlutterMultiWindowPlugin"),
-      Plugin("DeviceInfoPlusMacosPlugin"),
-      Plugin("FilePickerPlugin"),
-      Plugin("FileSelectorPlugin"),
-      Plugin("FlutterLibserialportPlugin"),
-      Plugin("GamepadsDarwinPlugin"),
-      Plugin("InAppReviewPlugin"),
-      Plugin("FPPPackageInfoPlusPlugin"),
-      Plugin("PathProviderPlugin"),
-      Plugin("ScreenRetrieverMacosPlugin"),
-      Plugin("SharePlusMacosPlugin"),
-      Plugin("SharedPreferencesPlugin"),
-      Plugin("SwiftThermionFlutterPlugin"),
-      Plugin("UrlLauncherPlugin"),
-      Plugin("WindowManagerPlugin"),
+      Plugin("AudioplayersDarwinPlugin", "audioplayers_linux"),
+      Plugin("FlutterMultiWindowPlugin", "desktop_multi_window"),
+      Plugin("DeviceInfoPlusMacosPlugin", "device_info_plus"),
+      Plugin("FilePickerPlugin", "file_picker"),
+      Plugin("FileSelectorPlugin", "file_selector_linux"),
+      Plugin("FlutterLibserialportPlugin", "flutter_libserialport"),
+      Plugin("GamepadsDarwinPlugin", "gamepads_linux"),
+      Plugin("InAppReviewPlugin", "in_app_review"),
+      Plugin("FPPPackageInfoPlusPlugin", "package_info_plus"),
+      Plugin("PathProviderPlugin", "path_provider_linux"),
+      Plugin("ScreenRetrieverMacosPlugin", "screen_retriever_linux"),
+      Plugin("SharePlusMacosPlugin", "share_plus"),
+      Plugin("SharedPreferencesPlugin", "shared_preferences_linux"),
+      Plugin("SwiftThermionFlutterPlugin", "thermion_flutter"),
+      Plugin("UrlLauncherPlugin", "url_launcher_linux"),
+      Plugin("WindowManagerPlugin", "window_manager"),
       Own("NativeSystemSymbols", {"corvane/system_symbols"}, MakeNativeSystemSymbols),
       Own("MacWindowAppearance", {"io.corvane/window_appearance"}, MakeMacWindowAppearance),
       Own("AppleUsbCamera", {"io.corvane/apple_usb_camera"}, MakeAppleUsbCamera),

@@ -1,7 +1,8 @@
 // The start-up registration table, as data: which service is registered under which registrar
 // name, the channels it opens, and the function that makes it. Rows are in registration order.
 // A service arrives in this build by setting its row's factory; a row without one is skipped
-// (own services) or recorded as not linked (standard plug-ins, none of which is linked here).
+// (own services) or registered through the window content when the app has its plug-in
+// (standard plug-ins), else recorded as not linked.
 #pragma once
 
 #include <memory>
@@ -24,6 +25,7 @@ struct StartupRow {
   std::string service;
   std::vector<std::string> channels;  // empty for standard plug-ins: they choose their own
   ServiceFactory factory;
+  std::string package;  // standard plug-ins: the Flutter package that implements it on Linux
 };
 
 const std::vector<StartupRow>& StartupTable();

@@ -3,10 +3,20 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 typedef struct _GtkWidget GtkWidget;
 
 namespace corvane::host {
+
+class PluginRegistry;
+
+// A native plug-in of the app: its Flutter package and the registrar name its registration asks
+// for, as the Flutter tool generated them.
+struct AppPlugin {
+  std::string package;
+  std::string registrar;
+};
 
 class WindowContent {
  public:
@@ -15,9 +25,11 @@ class WindowContent {
   virtual GtkWidget* CreateView() = 0;
   // Views that paint a background of their own follow the window's look.
   virtual void SetViewBackground(GtkWidget* view, bool dark) = 0;
-  // Registers the standard plug-in `registrar` on the engine showing in `view`; false when the
-  // plug-in is not part of this build.
-  virtual bool RegisterStandardPlugin(GtkWidget* view, const std::string& registrar) = 0;
+  // The app's native plug-ins, in the Flutter tool's order.
+  virtual std::vector<AppPlugin> AppPlugins() const = 0;
+  // Registers the app's plug-in from `package` on the engine of `registry`'s view; false when the
+  // app has no native plug-in of that package or there is no view.
+  virtual bool RegisterPlugin(PluginRegistry& registry, const std::string& package) = 0;
 };
 
 // Not owned; must outlive every window. Null (the default) means the stand-in.

@@ -1,240 +1,160 @@
-// The flutter_linux test double: a messenger that records handlers and responses, an engine, a
-// view that is a GtkBox and a plug-in registry handing out registrars.
+// The flutter_linux test double, behaving as flutter_linux's sources where the host depends on
+// it: handlers live until their engine goes, sends stop then, a handle answers once, and the
+// registry hands out a new registrar on every request.
 #include "fake_flutter.h"
 
 #include <map>
-#include <memory>
 #include <thread>
 #include <utility>
 
+using fake_flutter::Bytes;
+using fake_flutter::HostMessage;
+
 namespace {
 
-int g_unanswered = 0;
-int g_repeated = 0;
-int g_off_main = 0;
-
-// flutter_linux runs on the thread that made the engine: the platform thread.
-std::thread::id g_platform_thread;
+int g_unanswered = 0, g_repeated = 0, g_off_main = 0;
+std::thread::id g_platform_thread;  // flutter_linux's: the one that made the engine
 
 void NoteThread() {
   if (std::this_thread::get_id() != g_platform_thread) ++g_off_main;
 }
 
-struct HandlerEntry {
-  FlBinaryMessengerMessageHandler handler = nullptr;
-  gpointer user_data = nullptr;
-  GDestroyNotify destroy = nullptr;
+Bytes ToBytes(GBytes* bytes) {
+  gsize size = 0;
+  auto* data = static_cast<const uint8_t*>(bytes ? g_bytes_get_data(bytes, &size) : nullptr);
+  return Bytes(data, data + size);
+}
+
+struct Handler {
+  FlBinaryMessengerMessageHandler function;
+  gpointer data;
+  GDestroyNotify destroy;
+};
+
+void Drop(std::map<std::string, Handler> handlers) {
+  for (auto& [channel, handler] : handlers) {
+    if (handler.destroy) handler.destroy(handler.data);
+  }
+}
+
+struct MessengerState {
+  FlEngine* engine = nullptr;  // weak, as flutter_linux's
+  std::map<std::string, Handler> handlers;
+  std::vector<HostMessage> sent;
+  std::function<std::optional<Bytes>(const HostMessage&)> responder;
 };
 
 }  // namespace
 
-// --- response handle
-// ------------------------------------------------------------------------------
-
 G_DEFINE_QUARK(fl_binary_messenger_codec_error_quark, fl_binary_messenger_codec_error)
-
-typedef struct {
-  std::function<void(std::optional<fake_flutter::Bytes>)>* on_response;
-  gboolean responded;
-} FlBinaryMessengerResponseHandlePrivate;
-
-G_DEFINE_TYPE_WITH_PRIVATE(FlBinaryMessengerResponseHandle, fl_binary_messenger_response_handle,
-                           G_TYPE_OBJECT)
-
-static void response_handle_finalize(GObject* object) {
-  auto* priv = static_cast<FlBinaryMessengerResponseHandlePrivate*>(
-      fl_binary_messenger_response_handle_get_instance_private(
-          FL_BINARY_MESSENGER_RESPONSE_HANDLE(object)));
-  if (!priv->responded) ++g_unanswered;
-  delete priv->on_response;
-  G_OBJECT_CLASS(fl_binary_messenger_response_handle_parent_class)->finalize(object);
-}
-
-static void fl_binary_messenger_response_handle_class_init(
-    FlBinaryMessengerResponseHandleClass* klass) {
-  G_OBJECT_CLASS(klass)->finalize = response_handle_finalize;
-}
-
-static void fl_binary_messenger_response_handle_init(FlBinaryMessengerResponseHandle* self) {
-  auto* priv = static_cast<FlBinaryMessengerResponseHandlePrivate*>(
-      fl_binary_messenger_response_handle_get_instance_private(self));
-  priv->on_response = nullptr;
-  priv->responded = FALSE;
-}
-
-// --- messenger interface
-// ---------------------------------------------------------------------------
-
 G_DEFINE_INTERFACE(FlBinaryMessenger, fl_binary_messenger, G_TYPE_OBJECT)
 static void fl_binary_messenger_default_init(FlBinaryMessengerInterface*) {}
+
+typedef struct {
+  std::function<void(std::optional<Bytes>)>* on_response;
+  bool responded;
+} FlBinaryMessengerResponseHandlePrivate;
+G_DEFINE_TYPE_WITH_PRIVATE(FlBinaryMessengerResponseHandle, fl_binary_messenger_response_handle,
+                           G_TYPE_OBJECT)
+static FlBinaryMessengerResponseHandlePrivate* Priv(gpointer handle) {
+  return static_cast<FlBinaryMessengerResponseHandlePrivate*>(
+      fl_binary_messenger_response_handle_get_instance_private(
+          FL_BINARY_MESSENGER_RESPONSE_HANDLE(handle)));
+}
+static void fl_binary_messenger_response_handle_init(FlBinaryMessengerResponseHandle*) {}
+static void fl_binary_messenger_response_handle_class_init(
+    FlBinaryMessengerResponseHandleClass* klass) {
+  G_OBJECT_CLASS(klass)->finalize = [](GObject* object) {
+    if (!Priv(object)->responded) ++g_unanswered;  // a critical in flutter_linux
+    delete Priv(object)->on_response;
+    G_OBJECT_CLASS(fl_binary_messenger_response_handle_parent_class)->finalize(object);
+  };
+}
+
+G_DECLARE_FINAL_TYPE(FakeMessenger, fake_messenger, FAKE, MESSENGER, GObject)
+struct _FakeMessenger {
+  GObject parent_instance;
+  MessengerState* state;
+};
+G_DEFINE_TYPE_WITH_CODE(FakeMessenger, fake_messenger, G_TYPE_OBJECT,
+                        G_IMPLEMENT_INTERFACE(fl_binary_messenger_get_type(), nullptr))
+static void fake_messenger_init(FakeMessenger* self) { self->state = new MessengerState(); }
+static void fake_messenger_class_init(FakeMessengerClass* klass) {
+  G_OBJECT_CLASS(klass)->finalize = [](GObject* object) {
+    delete FAKE_MESSENGER(object)->state;
+    G_OBJECT_CLASS(fake_messenger_parent_class)->finalize(object);
+  };
+}
+static MessengerState& State(gpointer messenger) { return *FAKE_MESSENGER(messenger)->state; }
 
 void fl_binary_messenger_set_message_handler_on_channel(FlBinaryMessenger* messenger,
                                                         const gchar* channel,
                                                         FlBinaryMessengerMessageHandler handler,
                                                         gpointer user_data,
                                                         GDestroyNotify destroy_notify) {
-  FL_BINARY_MESSENGER_GET_IFACE(messenger)->set_message_handler_on_channel(
-      messenger, channel, handler, user_data, destroy_notify);
+  MessengerState& state = State(messenger);
+  std::map<std::string, Handler> replaced;
+  if (auto it = state.handlers.find(channel); it != state.handlers.end()) {
+    replaced.insert(state.handlers.extract(it));
+  }
+  if (handler && state.engine) {
+    state.handlers[channel] = {handler, user_data, destroy_notify};
+  } else if (handler && destroy_notify) {
+    destroy_notify(user_data);  // refused: the engine is gone
+  }
+  Drop(std::move(replaced));
 }
 
 gboolean fl_binary_messenger_send_response(FlBinaryMessenger* messenger,
-                                           FlBinaryMessengerResponseHandle* response_handle,
-                                           GBytes* response, GError** error) {
-  return FL_BINARY_MESSENGER_GET_IFACE(messenger)->send_response(messenger, response_handle,
-                                                                 response, error);
+                                           FlBinaryMessengerResponseHandle* handle,
+                                           GBytes* response, GError**) {
+  NoteThread();
+  if (Priv(handle)->responded) {  // g_return_val_if_fail in flutter_linux: no error set
+    ++g_repeated;
+    g_critical("response handle already used");
+    return FALSE;
+  }
+  Priv(handle)->responded = true;
+  auto* on_response = Priv(handle)->on_response;
+  if (State(messenger).engine && on_response && *on_response) {
+    (*on_response)(response ? std::optional<Bytes>(ToBytes(response)) : std::nullopt);
+  }
+  return TRUE;
 }
 
 void fl_binary_messenger_send_on_channel(FlBinaryMessenger* messenger, const gchar* channel,
                                          GBytes* message, GCancellable* cancellable,
                                          GAsyncReadyCallback callback, gpointer user_data) {
-  FL_BINARY_MESSENGER_GET_IFACE(messenger)->send_on_channel(messenger, channel, message,
-                                                            cancellable, callback, user_data);
-}
-
-GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger* messenger,
-                                                   GAsyncResult* result, GError** error) {
-  return FL_BINARY_MESSENGER_GET_IFACE(messenger)->send_on_channel_finish(messenger, result, error);
-}
-
-// --- the double's messenger ----------------------------------------------------------------------
-
-G_DECLARE_FINAL_TYPE(FakeMessenger, fake_messenger, FAKE, MESSENGER, GObject)
-
-struct _FakeMessenger {
-  GObject parent_instance;
-  std::map<std::string, HandlerEntry>* handlers;
-  std::vector<fake_flutter::HostMessage>* sent;
-  std::function<std::optional<fake_flutter::Bytes>(const fake_flutter::HostMessage&)>* responder;
-};
-
-static void fake_messenger_iface_init(FlBinaryMessengerInterface* iface);
-
-G_DEFINE_TYPE_WITH_CODE(FakeMessenger, fake_messenger, G_TYPE_OBJECT,
-                        G_IMPLEMENT_INTERFACE(fl_binary_messenger_get_type(),
-                                              fake_messenger_iface_init))
-
-static void drop_handler(HandlerEntry& entry) {
-  if (entry.destroy) entry.destroy(entry.user_data);
-  entry = HandlerEntry();
-}
-
-static void fake_messenger_dispose(GObject* object) {
-  auto* self = FAKE_MESSENGER(object);
-  if (self->handlers) {
-    // The engine going away drops every handler, telling each owner through its destroy notify.
-    auto handlers = std::move(*self->handlers);
-    self->handlers->clear();
-    for (auto& [name, entry] : handlers) drop_handler(entry);
-  }
-  G_OBJECT_CLASS(fake_messenger_parent_class)->dispose(object);
-}
-
-static void fake_messenger_finalize(GObject* object) {
-  auto* self = FAKE_MESSENGER(object);
-  delete self->handlers;
-  delete self->sent;
-  delete self->responder;
-  G_OBJECT_CLASS(fake_messenger_parent_class)->finalize(object);
-}
-
-static void fake_messenger_class_init(FakeMessengerClass* klass) {
-  G_OBJECT_CLASS(klass)->dispose = fake_messenger_dispose;
-  G_OBJECT_CLASS(klass)->finalize = fake_messenger_finalize;
-}
-
-static void fake_messenger_init(FakeMessenger* self) {
-  g_platform_thread = std::this_thread::get_id();
-  self->handlers = new std::map<std::string, HandlerEntry>();
-  self->sent = new std::vector<fake_flutter::HostMessage>();
-  self->responder =
-      new std::function<std::optional<fake_flutter::Bytes>(const fake_flutter::HostMessage&)>();
-}
-
-static void fake_set_handler(FlBinaryMessenger* messenger, const gchar* channel,
-                             FlBinaryMessengerMessageHandler handler, gpointer user_data,
-                             GDestroyNotify destroy_notify) {
-  auto* self = FAKE_MESSENGER(messenger);
-  auto it = self->handlers->find(channel);
-  if (it != self->handlers->end()) {
-    HandlerEntry old = it->second;
-    self->handlers->erase(it);
-    drop_handler(old);
-  }
-  if (handler) (*self->handlers)[channel] = HandlerEntry{handler, user_data, destroy_notify};
-}
-
-static gboolean fake_send_response(FlBinaryMessenger*, FlBinaryMessengerResponseHandle* handle,
-                                   GBytes* response, GError** error) {
   NoteThread();
-  auto* priv = static_cast<FlBinaryMessengerResponseHandlePrivate*>(
-      fl_binary_messenger_response_handle_get_instance_private(handle));
-  if (priv->responded) {
-    ++g_repeated;
-    g_set_error(error, FL_BINARY_MESSENGER_ERROR, FL_BINARY_MESSENGER_ERROR_ALREADY_RESPONDED,
-                "Attempted to respond to a message that is already responded to");
-    return FALSE;
-  }
-  priv->responded = TRUE;
-  std::optional<fake_flutter::Bytes> bytes;
-  if (response) {
-    gsize size = 0;
-    auto* data = static_cast<const uint8_t*>(g_bytes_get_data(response, &size));
-    bytes = fake_flutter::Bytes(data, data + size);
-  }
-  if (priv->on_response && *priv->on_response) (*priv->on_response)(std::move(bytes));
-  return TRUE;
-}
-
-static void fake_send_on_channel(FlBinaryMessenger* messenger, const gchar* channel,
-                                 GBytes* message, GCancellable* cancellable,
-                                 GAsyncReadyCallback callback, gpointer user_data) {
-  NoteThread();
-  auto* self = FAKE_MESSENGER(messenger);
-  fake_flutter::HostMessage sent{channel, {}, callback != nullptr};
-  if (message) {
-    gsize size = 0;
-    auto* data = static_cast<const uint8_t*>(g_bytes_get_data(message, &size));
-    sent.message.assign(data, data + size);
-  }
-  self->sent->push_back(sent);
+  MessengerState& state = State(messenger);
+  if (!state.engine) return;  // never calls back, as flutter_linux
+  state.sent.push_back({channel, ToBytes(message), callback != nullptr});
   if (!callback) return;
+  auto answer = state.responder ? state.responder(state.sent.back()) : std::nullopt;
+  // Dart answers from the main loop later, as the engine does.
   GTask* task = g_task_new(messenger, cancellable, callback, user_data);
-  std::optional<fake_flutter::Bytes> answer;
-  if (*self->responder) answer = (*self->responder)(sent);
-  // Dart answers later, from the main loop, as the engine does.
-  GBytes* reply = answer ? g_bytes_new(answer->data(), answer->size()) : g_bytes_new(nullptr, 0);
-  g_task_return_pointer(task, reply, reinterpret_cast<GDestroyNotify>(g_bytes_unref));
+  g_task_return_pointer(task, answer ? g_bytes_new(answer->data(), answer->size()) : nullptr,
+                        reinterpret_cast<GDestroyNotify>(g_bytes_unref));
   g_object_unref(task);
 }
 
-static GBytes* fake_send_on_channel_finish(FlBinaryMessenger*, GAsyncResult* result,
-                                           GError** error) {
+GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger*, GAsyncResult* result,
+                                                   GError** error) {
   return static_cast<GBytes*>(g_task_propagate_pointer(G_TASK(result), error));
 }
-
-static void fake_messenger_iface_init(FlBinaryMessengerInterface* iface) {
-  iface->set_message_handler_on_channel = fake_set_handler;
-  iface->send_response = fake_send_response;
-  iface->send_on_channel = fake_send_on_channel;
-  iface->send_on_channel_finish = fake_send_on_channel_finish;
-}
-
-// --- FlDartProject
-// ----------------------------------------------------------------------------------
 
 struct _FlDartProject {
   GObject parent_instance;
   gchar** arguments;
 };
 G_DEFINE_TYPE(FlDartProject, fl_dart_project, G_TYPE_OBJECT)
-static void fl_dart_project_finalize(GObject* object) {
-  g_strfreev(FL_DART_PROJECT(object)->arguments);
-  G_OBJECT_CLASS(fl_dart_project_parent_class)->finalize(object);
-}
+static void fl_dart_project_init(FlDartProject*) {}
 static void fl_dart_project_class_init(FlDartProjectClass* klass) {
-  G_OBJECT_CLASS(klass)->finalize = fl_dart_project_finalize;
+  G_OBJECT_CLASS(klass)->finalize = [](GObject* object) {
+    g_strfreev(FL_DART_PROJECT(object)->arguments);
+    G_OBJECT_CLASS(fl_dart_project_parent_class)->finalize(object);
+  };
 }
-static void fl_dart_project_init(FlDartProject* self) { self->arguments = nullptr; }
 FlDartProject* fl_dart_project_new() {
   return FL_DART_PROJECT(g_object_new(fl_dart_project_get_type(), nullptr));
 }
@@ -246,49 +166,33 @@ gchar** fl_dart_project_get_dart_entrypoint_arguments(FlDartProject* project) {
   return project->arguments;
 }
 
-// --- FlEngine
-// ---------------------------------------------------------------------------------------
-
 struct _FlEngine {
   GObject parent_instance;
-  FlDartProject* project;
   FakeMessenger* messenger;
 };
 G_DEFINE_TYPE(FlEngine, fl_engine, G_TYPE_OBJECT)
-static void fl_engine_dispose(GObject* object) {
-  auto* self = FL_ENGINE(object);
-  g_clear_object(&self->messenger);
-  g_clear_object(&self->project);
-  G_OBJECT_CLASS(fl_engine_parent_class)->dispose(object);
-}
-static void fl_engine_class_init(FlEngineClass* klass) {
-  G_OBJECT_CLASS(klass)->dispose = fl_engine_dispose;
+// The engine going drops every handler, telling each owner through its destroy notify.
+static void engine_gone(gpointer messenger, GObject*) {
+  State(messenger).engine = nullptr;
+  Drop(std::exchange(State(messenger).handlers, {}));
+  g_object_unref(messenger);
 }
 static void fl_engine_init(FlEngine* self) {
-  self->project = nullptr;
+  g_platform_thread = std::this_thread::get_id();
   self->messenger = FAKE_MESSENGER(g_object_new(fake_messenger_get_type(), nullptr));
+  State(self->messenger).engine = self;
+  g_object_weak_ref(G_OBJECT(self), engine_gone, self->messenger);
 }
-FlEngine* fl_engine_new_headless(FlDartProject* project) {
-  auto* engine = FL_ENGINE(g_object_new(fl_engine_get_type(), nullptr));
-  engine->project = FL_DART_PROJECT(g_object_ref(project));
-  return engine;
+static void fl_engine_class_init(FlEngineClass*) {}
+FlEngine* fl_engine_new_headless(FlDartProject*) {
+  return FL_ENGINE(g_object_new(fl_engine_get_type(), nullptr));
 }
 FlBinaryMessenger* fl_engine_get_binary_messenger(FlEngine* engine) {
   return FL_BINARY_MESSENGER(engine->messenger);
 }
 
-// --- registrar and registry
-// ------------------------------------------------------------------------
-
 G_DEFINE_INTERFACE(FlPluginRegistrar, fl_plugin_registrar, G_TYPE_OBJECT)
 static void fl_plugin_registrar_default_init(FlPluginRegistrarInterface*) {}
-FlBinaryMessenger* fl_plugin_registrar_get_messenger(FlPluginRegistrar* registrar) {
-  return FL_PLUGIN_REGISTRAR_GET_IFACE(registrar)->get_messenger(registrar);
-}
-FlView* fl_plugin_registrar_get_view(FlPluginRegistrar* registrar) {
-  return FL_PLUGIN_REGISTRAR_GET_IFACE(registrar)->get_view(registrar);
-}
-
 G_DEFINE_INTERFACE(FlPluginRegistry, fl_plugin_registry, G_TYPE_OBJECT)
 static void fl_plugin_registry_default_init(FlPluginRegistryInterface*) {}
 FlPluginRegistrar* fl_plugin_registry_get_registrar_for_plugin(FlPluginRegistry* registry,
@@ -299,124 +203,76 @@ FlPluginRegistrar* fl_plugin_registry_get_registrar_for_plugin(FlPluginRegistry*
 G_DECLARE_FINAL_TYPE(FakeRegistrar, fake_registrar, FAKE, REGISTRAR, GObject)
 struct _FakeRegistrar {
   GObject parent_instance;
-  FlBinaryMessenger* messenger;
   FlView* view;  // weak: the view owns the registry
 };
-static void fake_registrar_iface_init(FlPluginRegistrarInterface* iface);
 G_DEFINE_TYPE_WITH_CODE(FakeRegistrar, fake_registrar, G_TYPE_OBJECT,
-                        G_IMPLEMENT_INTERFACE(fl_plugin_registrar_get_type(),
-                                              fake_registrar_iface_init))
-static void fake_registrar_dispose(GObject* object) {
-  g_clear_object(&FAKE_REGISTRAR(object)->messenger);
-  G_OBJECT_CLASS(fake_registrar_parent_class)->dispose(object);
-}
-static void fake_registrar_class_init(FakeRegistrarClass* klass) {
-  G_OBJECT_CLASS(klass)->dispose = fake_registrar_dispose;
-}
+                        G_IMPLEMENT_INTERFACE(fl_plugin_registrar_get_type(), nullptr))
 static void fake_registrar_init(FakeRegistrar*) {}
-static void fake_registrar_iface_init(FlPluginRegistrarInterface* iface) {
-  iface->get_messenger = [](FlPluginRegistrar* r) { return FAKE_REGISTRAR(r)->messenger; };
-  iface->get_view = [](FlPluginRegistrar* r) { return FAKE_REGISTRAR(r)->view; };
-}
-
-// --- FlView
-// -----------------------------------------------------------------------------------------
+static void fake_registrar_class_init(FakeRegistrarClass*) {}
 
 struct _FlView {
   GtkBox parent_instance;
   FlEngine* engine;
-  std::vector<std::string>* registrar_requests;
-  std::optional<GdkRGBA>* background;
 };
-static void fl_view_registry_iface_init(FlPluginRegistryInterface* iface);
+static void fl_view_registry_init(FlPluginRegistryInterface* iface) {
+  // Whatever the name, a new registrar (transfer full), as flutter_linux.
+  iface->get_registrar_for_plugin = [](FlPluginRegistry* registry, const gchar*) {
+    auto* registrar = FAKE_REGISTRAR(g_object_new(fake_registrar_get_type(), nullptr));
+    registrar->view = FL_VIEW(registry);
+    return FL_PLUGIN_REGISTRAR(registrar);
+  };
+}
 G_DEFINE_TYPE_WITH_CODE(FlView, fl_view, GTK_TYPE_BOX,
-                        G_IMPLEMENT_INTERFACE(fl_plugin_registry_get_type(),
-                                              fl_view_registry_iface_init))
-static void fl_view_dispose(GObject* object) {
-  g_clear_object(&FL_VIEW(object)->engine);
-  G_OBJECT_CLASS(fl_view_parent_class)->dispose(object);
-}
-static void fl_view_finalize(GObject* object) {
-  delete FL_VIEW(object)->registrar_requests;
-  delete FL_VIEW(object)->background;
-  G_OBJECT_CLASS(fl_view_parent_class)->finalize(object);
-}
+                        G_IMPLEMENT_INTERFACE(fl_plugin_registry_get_type(), fl_view_registry_init))
+static void fl_view_init(FlView* self) { self->engine = fl_engine_new_headless(nullptr); }
 static void fl_view_class_init(FlViewClass* klass) {
-  G_OBJECT_CLASS(klass)->dispose = fl_view_dispose;
-  G_OBJECT_CLASS(klass)->finalize = fl_view_finalize;
+  G_OBJECT_CLASS(klass)->dispose = [](GObject* object) {
+    g_clear_object(&FL_VIEW(object)->engine);
+    G_OBJECT_CLASS(fl_view_parent_class)->dispose(object);
+  };
 }
-static void fl_view_init(FlView* self) {
-  self->engine = nullptr;
-  self->registrar_requests = new std::vector<std::string>();
-  self->background = new std::optional<GdkRGBA>();
-}
-static FlPluginRegistrar* fl_view_get_registrar(FlPluginRegistry* registry, const gchar* name) {
-  auto* view = FL_VIEW(registry);
-  view->registrar_requests->push_back(name);
-  auto* registrar = FAKE_REGISTRAR(g_object_new(fake_registrar_get_type(), nullptr));
-  registrar->messenger =
-      FL_BINARY_MESSENGER(g_object_ref(fl_engine_get_binary_messenger(view->engine)));
-  registrar->view = view;
-  return FL_PLUGIN_REGISTRAR(registrar);
-}
-static void fl_view_registry_iface_init(FlPluginRegistryInterface* iface) {
-  iface->get_registrar_for_plugin = fl_view_get_registrar;
-}
-FlView* fl_view_new(FlDartProject* project) {
-  auto* view = FL_VIEW(g_object_new(fl_view_get_type(), nullptr));
-  view->engine = fl_engine_new_headless(project);
-  return view;
-}
+FlView* fl_view_new(FlDartProject*) { return FL_VIEW(g_object_new(fl_view_get_type(), nullptr)); }
 FlEngine* fl_view_get_engine(FlView* view) { return view->engine; }
-void fl_view_set_background_color(FlView* view, const GdkRGBA* color) {
-  *view->background = *color;
+void fl_view_set_background_color(FlView*, const GdkRGBA*) {}
+FlBinaryMessenger* fl_plugin_registrar_get_messenger(FlPluginRegistrar* registrar) {
+  return fl_engine_get_binary_messenger(FAKE_REGISTRAR(registrar)->view->engine);
 }
-
-// --- test controls
-// ----------------------------------------------------------------------------------
+FlView* fl_plugin_registrar_get_view(FlPluginRegistrar* registrar) {
+  return FAKE_REGISTRAR(registrar)->view;
+}
 
 namespace fake_flutter {
 
 void DartSend(FlBinaryMessenger* messenger, const std::string& channel, const Bytes& message,
               std::function<void(std::optional<Bytes>)> on_response) {
-  auto* self = FAKE_MESSENGER(messenger);
-  auto it = self->handlers->find(channel);
-  if (it == self->handlers->end()) {
+  auto it = State(messenger).handlers.find(channel);
+  if (it == State(messenger).handlers.end()) {
     if (on_response) on_response(std::nullopt);
     return;
   }
-  auto* handle = FL_BINARY_MESSENGER_RESPONSE_HANDLE(
-      g_object_new(fl_binary_messenger_response_handle_get_type(), nullptr));
-  auto* priv = static_cast<FlBinaryMessengerResponseHandlePrivate*>(
-      fl_binary_messenger_response_handle_get_instance_private(handle));
-  priv->on_response = new std::function<void(std::optional<Bytes>)>(std::move(on_response));
+  auto* handle = g_object_new(fl_binary_messenger_response_handle_get_type(), nullptr);
+  Priv(handle)->on_response = new std::function(std::move(on_response));
   GBytes* bytes = g_bytes_new(message.data(), message.size());
-  HandlerEntry entry = it->second;
-  entry.handler(messenger, channel.c_str(), bytes, handle, entry.user_data);
+  const Handler handler = it->second;
+  handler.function(messenger, channel.c_str(), bytes, FL_BINARY_MESSENGER_RESPONSE_HANDLE(handle),
+                   handler.data);
   g_bytes_unref(bytes);
-  // The engine drops its own reference; a handler that answers later keeps one of its own.
-  g_object_unref(handle);
+  g_object_unref(handle);  // a handler that answers later keeps a reference of its own
 }
 
 bool HasHandler(FlBinaryMessenger* messenger, const std::string& channel) {
-  return FAKE_MESSENGER(messenger)->handlers->count(channel) > 0;
+  return State(messenger).handlers.count(channel) > 0;
 }
-
 std::vector<HostMessage> TakeHostMessages(FlBinaryMessenger* messenger) {
-  return std::exchange(*FAKE_MESSENGER(messenger)->sent, {});
+  return std::exchange(State(messenger).sent, {});
 }
-
 void SetDartResponder(FlBinaryMessenger* messenger,
                       std::function<std::optional<Bytes>(const HostMessage&)> responder) {
-  *FAKE_MESSENGER(messenger)->responder = std::move(responder);
+  State(messenger).responder = std::move(responder);
 }
-
 int unanswered_handles() { return g_unanswered; }
 int repeated_responses() { return g_repeated; }
 int off_main_thread_calls() { return g_off_main; }
 void ResetCounters() { g_unanswered = g_repeated = g_off_main = 0; }
-
-std::vector<std::string> RegistrarRequests(FlView* view) { return *view->registrar_requests; }
-std::optional<GdkRGBA> BackgroundColor(FlView* view) { return *view->background; }
 
 }  // namespace fake_flutter

@@ -33,17 +33,12 @@ std::vector<HostMessage> TakeHostMessages(FlBinaryMessenger* messenger);
 void SetDartResponder(FlBinaryMessenger* messenger,
                       std::function<std::optional<Bytes>(const HostMessage&)> responder);
 
-// Response handles finalised without a response (a programming error in flutter_linux's terms),
-// and responses refused because the handle had answered already. Process-wide counters.
+// Response handles finalised without a response (a critical in flutter_linux), and responses
+// refused because the handle had answered already. Process-wide counters.
 int unanswered_handles();
 int repeated_responses();
 // send_response or send_on_channel called off the thread that owns the default main context.
 int off_main_thread_calls();
 void ResetCounters();
-
-// Registrar names asked of the view's registry, in order.
-std::vector<std::string> RegistrarRequests(FlView* view);
-// The view's background colour as set by the host; nullopt until set.
-std::optional<GdkRGBA> BackgroundColor(FlView* view);
 
 }  // namespace fake_flutter

@@ -1,6 +1,6 @@
-// A test double of the part of flutter_linux's public API that the host's adapter uses, with the
-// documented signatures and behaviour. No Flutter engine can be installed on the build machines,
-// so CI builds and tests the adapter against this; a real build uses the Flutter tool's headers.
+// A test double of the part of flutter_linux's public API that the host uses, with the current
+// headers' declarations. No Flutter engine can be installed on the build machines, so CI builds
+// and tests the adapter against this; a real build uses the Flutter tool's headers.
 #pragma once
 
 #include <gio/gio.h>
@@ -12,23 +12,17 @@
 
 G_BEGIN_DECLS
 
-// --- FlBinaryMessenger --------------------------------------------------------------------------
-
 #define FL_BINARY_MESSENGER_ERROR fl_binary_messenger_codec_error_quark()
-typedef enum {
-  FL_BINARY_MESSENGER_ERROR_ALREADY_RESPONDED,
-} FlBinaryMessengerError;
+typedef enum { FL_BINARY_MESSENGER_ERROR_ALREADY_RESPONDED } FlBinaryMessengerError;
 GQuark fl_binary_messenger_codec_error_quark(void) G_GNUC_CONST;
 
 G_DECLARE_INTERFACE(FlBinaryMessenger, fl_binary_messenger, FL, BINARY_MESSENGER, GObject)
 G_DECLARE_DERIVABLE_TYPE(FlBinaryMessengerResponseHandle, fl_binary_messenger_response_handle, FL,
                          BINARY_MESSENGER_RESPONSE_HANDLE, GObject)
-
 typedef void (*FlBinaryMessengerMessageHandler)(FlBinaryMessenger* messenger, const gchar* channel,
                                                 GBytes* message,
                                                 FlBinaryMessengerResponseHandle* response_handle,
                                                 gpointer user_data);
-
 struct _FlBinaryMessengerInterface {
   GTypeInterface parent_iface;
   void (*set_message_handler_on_channel)(FlBinaryMessenger* messenger, const gchar* channel,
@@ -46,11 +40,9 @@ struct _FlBinaryMessengerInterface {
   void (*set_warns_on_channel_overflow)(FlBinaryMessenger* messenger, const gchar* channel,
                                         bool warns);
 };
-
 struct _FlBinaryMessengerResponseHandleClass {
   GObjectClass parent_class;
 };
-
 void fl_binary_messenger_set_message_handler_on_channel(FlBinaryMessenger* messenger,
                                                         const gchar* channel,
                                                         FlBinaryMessengerMessageHandler handler,
@@ -65,9 +57,6 @@ void fl_binary_messenger_send_on_channel(FlBinaryMessenger* messenger, const gch
 GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger* messenger,
                                                    GAsyncResult* result, GError** error);
 
-// --- FlDartProject, FlEngine
-// ----------------------------------------------------------------------
-
 G_DECLARE_FINAL_TYPE(FlDartProject, fl_dart_project, FL, DART_PROJECT, GObject)
 FlDartProject* fl_dart_project_new();
 void fl_dart_project_set_dart_entrypoint_arguments(FlDartProject* project, char** argv);
@@ -77,17 +66,17 @@ G_DECLARE_FINAL_TYPE(FlEngine, fl_engine, FL, ENGINE, GObject)
 FlEngine* fl_engine_new_headless(FlDartProject* project);
 FlBinaryMessenger* fl_engine_get_binary_messenger(FlEngine* engine);
 
-// --- FlView, FlPluginRegistrar, FlPluginRegistry ----------------------------------------------
-
 G_DECLARE_FINAL_TYPE(FlView, fl_view, FL, VIEW, GtkBox)
 FlView* fl_view_new(FlDartProject* project);
 FlEngine* fl_view_get_engine(FlView* view);
 void fl_view_set_background_color(FlView* view, const GdkRGBA* color);
 
+typedef struct _FlTextureRegistrar FlTextureRegistrar;
 G_DECLARE_INTERFACE(FlPluginRegistrar, fl_plugin_registrar, FL, PLUGIN_REGISTRAR, GObject)
 struct _FlPluginRegistrarInterface {
   GTypeInterface parent_iface;
   FlBinaryMessenger* (*get_messenger)(FlPluginRegistrar* registrar);
+  FlTextureRegistrar* (*get_texture_registrar)(FlPluginRegistrar* registrar);
   FlView* (*get_view)(FlPluginRegistrar* registrar);
 };
 FlBinaryMessenger* fl_plugin_registrar_get_messenger(FlPluginRegistrar* registrar);
@@ -98,7 +87,7 @@ struct _FlPluginRegistryInterface {
   GTypeInterface g_iface;
   FlPluginRegistrar* (*get_registrar_for_plugin)(FlPluginRegistry* registry, const gchar* name);
 };
-// Returns: (transfer full)
+// Returns: (transfer full) a new registrar each call; the name is not used.
 FlPluginRegistrar* fl_plugin_registry_get_registrar_for_plugin(FlPluginRegistry* registry,
                                                                const gchar* name);
 
