@@ -48,8 +48,8 @@ class HeldStore final : public CloudStore {
   bool StartDownloading(const std::string& path, std::string* error) override {
     return inner_->StartDownloading(path, error);
   }
-  std::vector<ConflictVersion> ConflictVersions(const std::string& path) override {
-    return inner_->ConflictVersions(path);
+  std::vector<ConflictVersion> ConflictVersions(int folder, const std::string& name) override {
+    return inner_->ConflictVersions(folder, name);
   }
   void Release() { release_.set_value(); }
   std::atomic<bool> holding{false};
