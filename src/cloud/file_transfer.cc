@@ -177,8 +177,8 @@ bool RemoveContents(int dir, int depth) {
       ok = false;
       continue;
     }
-    const int sub = openat(dirfd(stream), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW |
-                                                            O_CLOEXEC);
+    const int sub =
+        openat(dirfd(stream), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     ok = sub >= 0 && RemoveContents(sub, depth + 1) &&
          unlinkat(dirfd(stream), name.c_str(), AT_REMOVEDIR) == 0 && ok;
   }

@@ -177,8 +177,9 @@ struct ICloudBridge::Core {
                                     : "refused, a link on the way: ") +
                        path);
     }
-    if (message) *message = path + (why == kRefused ? kOutsideContainer : ": ") +
-                            (why == kRefused ? "" : g_strerror(why));
+    if (message)
+      *message = path + (why == kRefused ? kOutsideContainer : ": ") +
+                 (why == kRefused ? "" : g_strerror(why));
     if (error) *error = why;
     return std::nullopt;
   }
@@ -254,8 +255,8 @@ struct ICloudBridge::Core {
                {"modifiedMs", Value(MillisecondsOf(st.st_mtim.tv_sec, st.st_mtim.tv_nsec))}})));
     }
     ValueList conflicts;
-    const auto copies =
-        doc ? store->ConflictVersions(doc->folder->fd(), doc->name) : std::vector<ConflictVersion>();
+    const auto copies = doc ? store->ConflictVersions(doc->folder->fd(), doc->name)
+                            : std::vector<ConflictVersion>();
     for (size_t i = 0; i < copies.size(); ++i) {
       conflicts.emplace_back(Fields({{"id", Value(ConflictId(i, copies[i].modified_ms))},
                                      {"device", Value(copies[i].device)},

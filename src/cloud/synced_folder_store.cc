@@ -119,9 +119,9 @@ class SyncedFolderStore final : public CloudStore {
         if (!syncthing_read) syncthing = ReadSyncthingSetup(paths_), syncthing_read = true;
         device = SyncthingDeviceName(syncthing, device);
       }
-      found.push_back({entry->d_name, ConflictVersion{entry->d_name, device,
-                                                      MillisecondsOf(st.st_mtim.tv_sec,
-                                                                     st.st_mtim.tv_nsec)}});
+      found.push_back(
+          {entry->d_name, ConflictVersion{entry->d_name, device,
+                                          MillisecondsOf(st.st_mtim.tv_sec, st.st_mtim.tv_nsec)}});
     }
     closedir(dir);
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {

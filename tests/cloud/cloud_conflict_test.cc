@@ -32,8 +32,8 @@ TEST(ConflictNames, EachClientsRule) {
       // device name that is not UTF-8 is made so.
       {"doc (Pierre's MacBook Pro's conflicted copy 2024-06-10).corvane", "doc.corvane",
        "Pierre's MacBook Pro", SyncClientKind::kDropbox},
-      {"plan (v2) (Ann\xff's conflicted copy 2024-06-10 (1)).corvanepack",
-       "plan (v2).corvanepack", "Ann\xef\xbf\xbd", SyncClientKind::kDropbox},
+      {"plan (v2) (Ann\xff's conflicted copy 2024-06-10 (1)).corvanepack", "plan (v2).corvanepack",
+       "Ann\xef\xbf\xbd", SyncClientKind::kDropbox},
       // Look-alikes that are not conflict copies.
       {"doc (copy).corvane", nullptr, "", SyncClientKind::kFolder},
       {"doc (case clash from 2024-06-10 101500).corvane", nullptr, "", SyncClientKind::kFolder},

@@ -103,7 +103,8 @@ TEST_F(TransferTest, DeleteAndMove) {
       {"move", Args2("from", docs_ + "/a.corvane", "to", docs_ + "/again.corvane"), false},
       {"delete", Map({{"path", Value(docs_ + "/moved.corvane")}}), true},
       {"delete", Map({{"path", Value(docs_ + "/moved.corvane")}}), false},
-      {"delete", Map({{"path", Value(docs_ + "/folder")}}), true},  // links in it go, not where they lead
+      {"delete", Map({{"path", Value(docs_ + "/folder")}}),
+       true},  // links in it go, not where they lead
   };
   for (auto& c : cases) EXPECT_EQ(Call(c.method, c.args), Value(c.ok)) << c.method;
   EXPECT_EQ(ReadFile(docs_ + "/b.corvane"), "b");
@@ -247,11 +248,10 @@ TEST_F(TransferTest, AFolderSwappedWithALinkNeverLeadsOut) {
     }
     close(fd);
     EXPECT_EQ(ReadFile(outside + "/doc.corvane"), "outside");
-    EXPECT_EQ(escapes, (std::map<std::string, int>{{"read", 0},
-                                                   {"write", 0},
-                                                   {"saveVersion", 0},
-                                                   {"delete", 0},
-                                                   {"resolveConflicts", 0}}))
+    EXPECT_EQ(
+        escapes,
+        (std::map<std::string, int>{
+            {"read", 0}, {"write", 0}, {"saveVersion", 0}, {"delete", 0}, {"resolveConflicts", 0}}))
         << "walking folder by folder: " << walk;
   }
   UseComponentWalk(false);

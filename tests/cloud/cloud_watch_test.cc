@@ -73,10 +73,10 @@ class WatchTest : public CloudTest {
 
 TEST_F(WatchTest, NameRulesAndTheDocumentsBoundary) {
   const std::string docs = StartWithContainer();
-  for (const char* name : {"a.corvane", "B.CorvanePack", "corvane-backup-2024.zip",
-                           "sub/deep/c.corvane", "Corvane-backup-x", "notes.txt", "a.corvane.txt",
-                           ".hidden.corvane", ".stversions/old.corvane", "corvane",
-                           "not utf-8 \xff.corvane"}) {
+  for (const char* name :
+       {"a.corvane", "B.CorvanePack", "corvane-backup-2024.zip", "sub/deep/c.corvane",
+        "Corvane-backup-x", "notes.txt", "a.corvane.txt", ".hidden.corvane",
+        ".stversions/old.corvane", "corvane", "not utf-8 \xff.corvane"}) {
     WriteFile(docs + "/" + name, "x");
   }
   WriteFile(docs + "/../outside.corvane", "x");
