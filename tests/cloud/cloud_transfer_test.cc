@@ -185,27 +185,6 @@ TEST_F(TransferTest, LogLinesStayShort) {
   EXPECT_LE(longest, channel::kMaxLogLine);
 }
 
-// Swaps a folder and a link to a folder outside, over and over, until it goes.
-class Flipper {
- public:
-  Flipper(std::string a, std::string b) : a_(std::move(a)), b_(std::move(b)) {
-    thread_ = std::thread([this] {
-      while (!stop_) {
-        syscall(SYS_renameat2, AT_FDCWD, a_.c_str(), AT_FDCWD, b_.c_str(), RENAME_EXCHANGE);
-      }
-    });
-  }
-  ~Flipper() {
-    stop_ = true;
-    thread_.join();
-  }
-
- private:
-  std::string a_, b_;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
-
 TEST_F(TransferTest, AFolderSwappedWithALinkNeverLeadsOut) {
   constexpr int kRounds = 200;
   const std::string copy = "doc.sync-conflict-20240610-101500-ABCDEFG.corvane";
@@ -222,30 +201,34 @@ TEST_F(TransferTest, AFolderSwappedWithALinkNeverLeadsOut) {
     const int fd = open(sub.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const std::string real = "/proc/self/fd/" + std::to_string(fd);
     std::map<std::string, int> escapes;
-    {
-      Flipper flipper(sub, link);
-      for (int i = 0; i < kRounds; ++i) {
-        const std::string n = std::to_string(i), doc = sub + "/doc.corvane";
-        WriteFile(real + "/doc.corvane", "inside");
-        for (const std::string& folder : {outside, real}) {
-          WriteFile(folder + "/" + copy, folder == outside ? "outside" : "copy");
-          SetModified(folder + "/" + copy, 1718000000);
-        }
-        Call("read", Args2("path", doc, "to", local_ + "/read"));
-        escapes["read"] += ReadFile(local_ + "/read") == "outside";
-        Call("write", Args2("from", local_ + "/mine", "path", sub + "/new" + n));
-        escapes["write"] += fs::exists(outside + "/new" + n);
-        Call("saveVersion", Map({{"path", Value(doc)},
-                                 {"version", Value("0|1718000000000")},
-                                 {"to", Value(sub + "/saved" + n)}}));
-        escapes["saveVersion"] += fs::exists(outside + "/saved" + n);
-        Call("delete", Map({{"path", Value(sub + "/victim" + n)}}));
-        escapes["delete"] += !fs::exists(outside + "/victim" + n);
-        Call("resolveConflicts", Map({{"path", Value(doc)}, {"keep", Value("0|1718000000000")}}));
-        escapes["resolveConflicts"] += !fs::exists(outside + "/" + copy);
-        escapes["resolveConflicts"] += ReadFile(real + "/doc.corvane") == "outside";
+    std::atomic<bool> stop{false};
+    std::thread flipper([&] {  // swaps the folder and the link, over and over
+      while (!stop)
+        syscall(SYS_renameat2, AT_FDCWD, sub.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
+    });
+    for (int i = 0; i < kRounds; ++i) {
+      const std::string n = std::to_string(i), doc = sub + "/doc.corvane";
+      WriteFile(real + "/doc.corvane", "inside");
+      for (const std::string& folder : {outside, real}) {
+        WriteFile(folder + "/" + copy, folder == outside ? "outside" : "copy");
+        SetModified(folder + "/" + copy, 1718000000);
       }
+      Call("read", Args2("path", doc, "to", local_ + "/read"));
+      escapes["read"] += ReadFile(local_ + "/read") == "outside";
+      Call("write", Args2("from", local_ + "/mine", "path", sub + "/new" + n));
+      escapes["write"] += fs::exists(outside + "/new" + n);
+      Call("saveVersion", Map({{"path", Value(doc)},
+                               {"version", Value("0|1718000000000")},
+                               {"to", Value(sub + "/saved" + n)}}));
+      escapes["saveVersion"] += fs::exists(outside + "/saved" + n);
+      Call("delete", Map({{"path", Value(sub + "/victim" + n)}}));
+      escapes["delete"] += !fs::exists(outside + "/victim" + n);
+      Call("resolveConflicts", Map({{"path", Value(doc)}, {"keep", Value("0|1718000000000")}}));
+      escapes["resolveConflicts"] += !fs::exists(outside + "/" + copy);
+      escapes["resolveConflicts"] += ReadFile(real + "/doc.corvane") == "outside";
     }
+    stop = true;
+    flipper.join();
     close(fd);
     EXPECT_EQ(ReadFile(outside + "/doc.corvane"), "outside");
     EXPECT_EQ(
