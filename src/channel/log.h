@@ -2,12 +2,17 @@
 // (GLib's structured log); without one, lines go to standard error.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string_view>
 
 namespace corvane::channel {
 
 enum class LogLevel { kDebug, kInfo, kWarning };
+
+// No line is longer: a longer message is cut (never inside a UTF-8 sequence) and says how long
+// it was, so that a refused 16 MiB argument makes a short line, whichever service logs it.
+inline constexpr size_t kMaxLogLine = 2048;
 
 using LogSink = std::function<void(LogLevel, std::string_view domain, std::string_view message)>;
 

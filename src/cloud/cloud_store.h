@@ -35,7 +35,7 @@ struct ItemState {
 };
 
 struct ConflictVersion {
-  std::string path;    // the conflict copy
+  std::string name;    // the conflict copy, in the document's folder
   std::string device;  // "" when unknown
   int64_t modified_ms = 0;
 };
@@ -56,8 +56,9 @@ class CloudStore {
   // Asks the client to fetch `path`; false with `error` when there is nothing to fetch.
   virtual bool StartDownloading(const std::string& path, std::string* error) = 0;
 
-  // The unresolved conflict copies of `path`, oldest first (modification time, then name).
-  virtual std::vector<ConflictVersion> ConflictVersions(const std::string& path) = 0;
+  // The unresolved conflict copies of the document `name` in the open folder `folder_fd`,
+  // oldest first (modification time, then name).
+  virtual std::vector<ConflictVersion> ConflictVersions(int folder_fd, const std::string& name) = 0;
 };
 
 std::unique_ptr<CloudStore> MakeSyncedFolderStore(ClientPaths paths);

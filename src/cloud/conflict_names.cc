@@ -2,6 +2,8 @@
 
 #include <regex>
 
+#include "cloud/paths.h"
+
 namespace corvane::cloud {
 
 namespace {
@@ -50,7 +52,7 @@ std::optional<ConflictCopyName> ParseConflictCopyName(std::string_view view) {
   std::smatch m;
   auto made = [](std::string stem, std::string extension, std::string device,
                  SyncClientKind client) {
-    return ConflictCopyName{stem + extension, std::move(device), client};
+    return ConflictCopyName{stem + extension, ValidUtf8(std::move(device)), client};
   };
   if (std::regex_match(name, m, SyncthingRule())) {
     return made(m[1].str(), m[3].str(), m[2].str(), SyncClientKind::kSyncthing);

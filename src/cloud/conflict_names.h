@@ -21,7 +21,8 @@ enum class SyncClientKind { kFolder, kNextcloud, kOwncloud, kSyncthing, kDropbox
 
 struct ConflictCopyName {
   std::string original;  // the file name the copy belongs to, same folder
-  std::string device;    // who saved it, as the name tells; "" when the rule carries none
+  // Who saved it, as the name tells, made valid UTF-8; "" when the rule carries none.
+  std::string device;
   SyncClientKind client;
 };
 

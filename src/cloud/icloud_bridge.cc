@@ -1,15 +1,20 @@
 #include "cloud/icloud_bridge.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
+#include <set>
 
 #include "channel/args.h"
 #include "channel/log.h"
+#include "channel/utf8.h"
+#include "cloud/container_dir.h"
 #include "cloud/file_transfer.h"
 #include "cloud/folder_watcher.h"
 #include "cloud/paths.h"
@@ -49,8 +54,8 @@ Value TransferReply(const TransferOutcome& outcome) {
               {"size", Value(outcome.attributes_read ? outcome.size : int64_t{0})}}));
 }
 
-Value OutsideReply(const std::string& path) {
-  return Value(Fields({{"ok", Value(false)}, {"message", Value(path + kOutsideContainer)}}));
+Value FailureReply(const std::string& message) {
+  return Value(Fields({{"ok", Value(false)}, {"message", Value(message)}}));
 }
 
 Value BadTransferArguments() {
@@ -64,14 +69,29 @@ std::string ConflictId(size_t position, int64_t modified_ms) {
 // Names of files that come and go while a sync client or this service works, never documents.
 bool IsTransientName(const std::string& name) { return !name.empty() && name[0] == '.'; }
 
+bool IsUtf8(const std::string& text) {
+  return channel::IsValidUtf8(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+// The entry of `name` in the folder of `entry`.
+Entry Sibling(const Entry& entry, const std::string& name) {
+  return Entry{entry.folder, name, Dirname(entry.path) + "/" + name};
+}
+
 // One map per document, built in place: with ten thousand documents this is the listing's hot
-// path.
+// path. Names that are not UTF-8 cannot cross the channel and are left out; `left_out` hears
+// of each.
 ValueList ItemMaps(const std::string& documents, std::vector<DocumentItem>& found,
-                   const std::map<std::string, ItemState>& states) {
+                   const std::map<std::string, ItemState>& states,
+                   const std::function<void(const std::string&)>& left_out) {
   ValueList items;
   items.reserve(found.size());
   const ItemState on_disk;
   for (DocumentItem& item : found) {
+    if (!IsUtf8(item.relative)) {
+      left_out(item.relative);
+      continue;
+    }
     std::string path = documents + "/" + item.relative;
     auto known = states.find(path);
     const ItemState& state = known != states.end() ? known->second : on_disk;
@@ -124,24 +144,66 @@ struct ICloudBridge::Core {
   std::mutex mutex;
   std::condition_variable wake;
   bool stopping = false;
-  // The container's real path as last located; "" while there is none. Removing, moving and
-  // writing stay inside it: a stray path must never reach the user's other files.
-  std::string container;
+  // The container as last located, opened; nothing while there is none. Every file
+  // operation resolves its paths below it: a stray path must never reach the user's other
+  // files, nor a link swapped in lead an operation out.
+  std::shared_ptr<const ContainerDir> container;
+  // Names left out of listings that have been logged, so that each is logged once.
+  std::set<std::string> logged_names;
 
   void Located(const ContainerLocation& location) {
+    auto opened = location.status == ContainerLocation::Status::kAvailable
+                      ? ContainerDir::Open(location.folder)
+                      : nullptr;
     std::lock_guard lock(mutex);
-    container = location.status == ContainerLocation::Status::kAvailable ? location.folder : "";
+    container = std::move(opened);
   }
-  bool Inside(const std::string& path) {
-    std::string folder;
+  // The entry `path` names in the container; nothing, with the reason in `message`, when it
+  // is refused or cannot be reached. Refusals by name and links on the way are logged.
+  std::optional<Entry> Find(const std::string& path, bool create_folders,
+                            std::string* message = nullptr, int* error = nullptr) {
+    std::shared_ptr<const ContainerDir> dir;
     {
       std::lock_guard lock(mutex);
-      folder = container;
+      dir = container;
     }
-    if (IsInsideFolder(path, folder)) return true;
+    int why = kRefused;
+    std::optional<Entry> entry;
+    if (dir) entry = dir->Find(path, create_folders, &why);
+    if (entry) return entry;
+    if (why == kRefused || why == ELOOP) {
+      channel::Log(channel::LogLevel::kWarning, kLogDomain,
+                   (why == kRefused ? "refused, not in the cloud container: "
+                                    : "refused, a link on the way: ") +
+                       path);
+    }
+    if (message)
+      *message = path + (why == kRefused ? kOutsideContainer : ": ") +
+                 (why == kRefused ? "" : g_strerror(why));
+    if (error) *error = why;
+    return std::nullopt;
+  }
+  // A local path's entry; relative paths are refused.
+  static std::optional<Entry> Local(const std::string& path, bool create_folders,
+                                    std::string* message = nullptr) {
+    int why;
+    auto entry = LocalEntry(path, create_folders, &why);
+    if (!entry && message) {
+      *message = path + (why == kRefused ? ": not an absolute path" : ": ") +
+                 (why == kRefused ? "" : g_strerror(why));
+    }
+    return entry;
+  }
+  void LeftOut(const std::string& name) {
+    constexpr size_t kMaxLogged = 1000;  // a peer may make names without end
+    {
+      std::lock_guard lock(mutex);
+      if (logged_names.size() >= kMaxLogged || !logged_names.insert(name).second) return;
+    }
+    gchar* shown = g_strescape(name.c_str(), nullptr);
     channel::Log(channel::LogLevel::kWarning, kLogDomain,
-                 "refused, not in the cloud container: " + path);
-    return false;
+                 std::string("left out of the listing, not UTF-8: ") + shown);
+    g_free(shown);
   }
   ContainerLocation Locate() {
     ContainerLocation location;
@@ -180,8 +242,11 @@ struct ICloudBridge::Core {
 
   Value Versions(const std::string& path) {
     ValueMap versions;
+    int error;
+    auto doc = Find(path, false, nullptr, &error);
+    if (!doc && error == kRefused) return Value();
     struct stat st;
-    if (stat(path.c_str(), &st) == 0) {
+    if (doc && fstatat(doc->folder->fd(), doc->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
       versions.Append(
           Value("current"),
           Value(Fields(
@@ -190,7 +255,8 @@ struct ICloudBridge::Core {
                {"modifiedMs", Value(MillisecondsOf(st.st_mtim.tv_sec, st.st_mtim.tv_nsec))}})));
     }
     ValueList conflicts;
-    const auto copies = store->ConflictVersions(path);
+    const auto copies = doc ? store->ConflictVersions(doc->folder->fd(), doc->name)
+                            : std::vector<ConflictVersion>();
     for (size_t i = 0; i < copies.size(); ++i) {
       conflicts.emplace_back(Fields({{"id", Value(ConflictId(i, copies[i].modified_ms))},
                                      {"device", Value(copies[i].device)},
@@ -200,8 +266,8 @@ struct ICloudBridge::Core {
     return Value(std::move(versions));
   }
 
-  std::optional<ConflictVersion> FindConflict(const std::string& path, const std::string& id) {
-    const auto copies = store->ConflictVersions(path);
+  std::optional<ConflictVersion> FindConflict(const Entry& doc, const std::string& id) {
+    const auto copies = store->ConflictVersions(doc.folder->fd(), doc.name);
     for (size_t i = 0; i < copies.size(); ++i) {
       if (ConflictId(i, copies[i].modified_ms) == id) return copies[i];
     }
@@ -209,7 +275,8 @@ struct ICloudBridge::Core {
   }
 
   bool SaveVersion(const std::string& path, const std::string& id, const std::string& to) {
-    auto version = FindConflict(path, id);
+    auto doc = Find(path, false);
+    auto version = doc ? FindConflict(*doc, id) : std::nullopt;
     if (!version) return false;
     // A snapshot of the copy first: the sync client may replace or remove it meanwhile.
     gchar* uuid = g_uuid_string_random();
@@ -217,26 +284,37 @@ struct ICloudBridge::Core {
     const std::string temp = std::string(g_get_tmp_dir()) + "/corvane-version-" + upper;
     g_free(upper);
     g_free(uuid);
-    const bool ok = CopyOut(version->path, temp).ok && CopyIn(temp, to).ok;
+    auto temp_entry = Local(temp, false);
+    bool ok = temp_entry && CopyOut(Sibling(*doc, version->name), *temp_entry).ok;
+    if (ok) {
+      // Written as "write" writes: inside the container only.
+      LocalSource source(temp);
+      auto target = Find(to, true);
+      ok = target && CopyIn(source, *target).ok;
+    }
     unlink(temp.c_str());
     return ok;
   }
 
   bool ResolveConflicts(const std::string& path, const std::optional<std::string>& keep) {
-    const auto copies = store->ConflictVersions(path);
+    auto doc = Find(path, false);
+    if (!doc) return false;
+    const auto copies = store->ConflictVersions(doc->folder->fd(), doc->name);
     bool kept = false;
     if (keep && *keep != "current") {
       for (size_t i = 0; i < copies.size() && !kept; ++i) {
         if (ConflictId(i, copies[i].modified_ms) != *keep) continue;
-        if (!ReplaceContent(path, copies[i].path)) return false;  // every copy stays
+        if (!ReplaceContent(*doc, Sibling(*doc, copies[i].name))) return false;  // all stay
         kept = true;
       }
     }
     struct stat st;
     // Without the file and without a kept copy, the copies are all that is left of it.
-    if (!kept && stat(path.c_str(), &st) != 0) return false;
+    if (!kept && fstatat(doc->folder->fd(), doc->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      return false;
+    }
     bool removed = true;
-    for (const auto& copy : copies) removed = RemoveItem(copy.path) && removed;
+    for (const auto& copy : copies) removed = RemoveItem(Sibling(*doc, copy.name)) && removed;
     return removed;
   }
 };
@@ -392,6 +470,7 @@ void ICloudBridge::StopWatching(std::unique_ptr<MethodResult> result) {
 void ICloudBridge::DeviceName(std::unique_ptr<MethodResult> result) {
   std::string name = PrettyHostName(options_.machine_info);
   if (name.empty()) name = options_.host_name();
+  name = ValidUtf8(std::move(name));  // the file may hold any bytes
   result->Success(Value(name.empty() ? std::string(kNoHostName) : name));
 }
 
@@ -418,7 +497,8 @@ void ICloudBridge::Snapshot() {
       for (const auto& item : scan.items) paths.push_back(documents + "/" + item.relative);
       states = core.store->ClientStates(documents, paths);
     }
-    ValueList items = ItemMaps(documents, scan.items, states);
+    ValueList items = ItemMaps(documents, scan.items, states,
+                               [&core](const std::string& name) { core.LeftOut(name); });
     std::vector<std::string> folders =
         scan.ok ? std::move(scan.folders) : std::vector<std::string>{documents};
     OnMain(weak, [snapshot, documents, folders = std::move(folders),
@@ -491,7 +571,8 @@ void ICloudBridge::IdentityChecked(const ContainerLocation& location) {
 void ICloudBridge::Download(const Value& arguments, std::unique_ptr<MethodResult> result) {
   Args args(arguments);
   const std::string* path = args.string("path");
-  if (!path) return result->Success(Value(false));
+  // Never resolved against the working folder.
+  if (!path || path->empty() || (*path)[0] != '/') return result->Success(Value(false));
   const int64_t timeout_ms = args.integer("timeoutMs").value_or(kDefaultDownloadTimeoutMs);
   OnIo([path = *path, timeout_ms, result = std::move(result)](Core& core) mutable {
     result->Success(Value(core.Download(path, timeout_ms)));
@@ -504,11 +585,10 @@ void ICloudBridge::Read(const Value& arguments, std::unique_ptr<MethodResult> re
   const std::string* to = args.string("to");
   if (!path || !to) return result->Success(BadTransferArguments());
   OnIo([path = *path, to = *to, result = std::move(result)](Core& core) mutable {
-    // A link that a sync peer left in the container must not lead a read out of it either.
-    if (!core.Inside(path) || !core.Inside(RealPath(path))) {
-      return result->Success(OutsideReply(path));
-    }
-    result->Success(TransferReply(CopyOut(path, to)));
+    std::string message;
+    auto from = core.Find(path, false, &message);
+    auto target = from ? Core::Local(to, true, &message) : std::nullopt;
+    result->Success(target ? TransferReply(CopyOut(*from, *target)) : FailureReply(message));
   });
 }
 
@@ -518,8 +598,11 @@ void ICloudBridge::Write(const Value& arguments, std::unique_ptr<MethodResult> r
   const std::string* path = args.string("path");
   if (!from || !path) return result->Success(BadTransferArguments());
   OnIo([from = *from, path = *path, result = std::move(result)](Core& core) mutable {
-    if (!core.Inside(path)) return result->Success(OutsideReply(path));
-    result->Success(TransferReply(CopyIn(from, path)));
+    // The local file is read before anything in the container is made.
+    LocalSource source(from);
+    std::string message = source.message;
+    auto target = source.fd >= 0 ? core.Find(path, true, &message) : std::nullopt;
+    result->Success(target ? TransferReply(CopyIn(source, *target)) : FailureReply(message));
   });
 }
 
@@ -528,7 +611,8 @@ void ICloudBridge::Delete(const Value& arguments, std::unique_ptr<MethodResult> 
   const std::string* path = args.string("path");
   if (!path) return result->Success(Value(false));
   OnIo([path = *path, result = std::move(result)](Core& core) mutable {
-    result->Success(Value(core.Inside(path) && RemoveItem(path)));
+    auto entry = core.Find(path, false);
+    result->Success(Value(entry && RemoveItem(*entry)));
   });
 }
 
@@ -538,7 +622,9 @@ void ICloudBridge::Move(const Value& arguments, std::unique_ptr<MethodResult> re
   const std::string* to = args.string("to");
   if (!from || !to) return result->Success(Value(false));
   OnIo([from = *from, to = *to, result = std::move(result)](Core& core) mutable {
-    result->Success(Value(core.Inside(from) && core.Inside(to) && MoveItem(from, to, true)));
+    auto source = core.Find(from, false);
+    auto target = source ? core.Find(to, false) : std::nullopt;
+    result->Success(Value(target && MoveItem(*source, *target, true)));
   });
 }
 
@@ -551,11 +637,15 @@ void ICloudBridge::SetUbiquitous(const Value& arguments, std::unique_ptr<MethodR
   // only a file travels (a folder from anywhere could be half the user's disk).
   const bool to_cloud = args.boolean("toCloud").value_or(true);
   OnIo([from = *from, to = *to, to_cloud, result = std::move(result)](Core& core) mutable {
+    auto source = to_cloud ? Core::Local(from, false) : core.Find(from, false);
     struct stat st;
-    const bool ok = core.Inside(to_cloud ? to : from) && lstat(from.c_str(), &st) == 0 &&
-                    S_ISREG(st.st_mode) && CreateParentFolder(to, nullptr) &&
-                    MoveItem(from, to, true);
-    result->Success(Value(ok));
+    if (!source ||
+        fstatat(source->folder->fd(), source->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(st.st_mode)) {
+      return result->Success(Value(false));
+    }
+    auto target = to_cloud ? core.Find(to, true) : Core::Local(to, true);
+    result->Success(Value(target && MoveItem(*source, *target, true)));
   });
 }
 
@@ -585,7 +675,7 @@ void ICloudBridge::ResolveConflicts(const Value& arguments, std::unique_ptr<Meth
   std::optional<std::string> keep;
   if (const std::string* k = args.string("keep")) keep = *k;
   OnIo([path = *path, keep, result = std::move(result)](Core& core) mutable {
-    result->Success(Value(core.Inside(path) && core.ResolveConflicts(path, keep)));
+    result->Success(Value(core.ResolveConflicts(path, keep)));
   });
 }
 

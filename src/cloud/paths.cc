@@ -34,4 +34,12 @@ bool IsSameOrBelow(const std::string& path, const std::string& folder) {
           path[folder.size()] == '/');
 }
 
+std::string ValidUtf8(std::string text) {
+  if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) return text;
+  gchar* valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+  text = valid;
+  g_free(valid);
+  return text;
+}
+
 }  // namespace corvane::cloud

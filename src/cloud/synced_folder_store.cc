@@ -1,7 +1,9 @@
 // The cloud store of a folder that a desktop sync client keeps in step with other machines.
 #include <dirent.h>
+#include <fcntl.h>
 #include <glib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -93,28 +95,33 @@ class SyncedFolderStore final : public CloudStore {
     return false;
   }
 
-  std::vector<ConflictVersion> ConflictVersions(const std::string& path) override {
-    const std::string folder = Dirname(path);
-    const std::string name = Basename(path);
+  std::vector<ConflictVersion> ConflictVersions(int folder_fd, const std::string& name) override {
     std::vector<std::pair<std::string, ConflictVersion>> found;
-    DIR* dir = opendir(folder.c_str());
-    if (!dir) return {};
+    // A listing of its own: the folder's descriptor may be shared with other calls.
+    const int listing = openat(folder_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* dir = listing >= 0 ? fdopendir(listing) : nullptr;
+    if (!dir) {
+      if (listing >= 0) close(listing);
+      return {};
+    }
     std::optional<SyncthingSetup> syncthing;
     bool syncthing_read = false;
     while (dirent* entry = readdir(dir)) {
       auto parsed = ParseConflictCopyName(entry->d_name);
       if (!parsed || parsed->original != name) continue;
-      const std::string copy = folder + "/" + entry->d_name;
       struct stat st;
-      if (lstat(copy.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+      if (fstatat(folder_fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+          !S_ISREG(st.st_mode)) {
+        continue;
+      }
       std::string device = parsed->device;
       if (parsed->client == SyncClientKind::kSyncthing) {
         if (!syncthing_read) syncthing = ReadSyncthingSetup(paths_), syncthing_read = true;
         device = SyncthingDeviceName(syncthing, device);
       }
       found.push_back(
-          {entry->d_name,
-           ConflictVersion{copy, device, MillisecondsOf(st.st_mtim.tv_sec, st.st_mtim.tv_nsec)}});
+          {entry->d_name, ConflictVersion{entry->d_name, device,
+                                          MillisecondsOf(st.st_mtim.tv_sec, st.st_mtim.tv_nsec)}});
     }
     closedir(dir);
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {

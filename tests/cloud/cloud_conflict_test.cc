@@ -20,8 +20,6 @@ TEST(ConflictNames, EachClientsRule) {
        SyncClientKind::kSyncthing},
       {"noext.sync-conflict-20261122-232442-I45TAVZ", "noext", "I45TAVZ",
        SyncClientKind::kSyncthing},
-      {"Anlage ä 1.sync-conflict-20261122-232442-ABCDEFG.xml", "Anlage ä 1.xml", "ABCDEFG",
-       SyncClientKind::kSyncthing},
       {".sync-conflict-20261122-232442-ABCDEFG.hidden", ".hidden", "ABCDEFG",
        SyncClientKind::kSyncthing},
       // Nextcloud and ownCloud, with and without the user, and the older form.
@@ -29,15 +27,14 @@ TEST(ConflictNames, EachClientsRule) {
        SyncClientKind::kNextcloud},
       {"my doc (conflicted copy Alice _home_ 2024-06-10 101500).corvane", "my doc.corvane",
        "Alice _home_", SyncClientKind::kNextcloud},
-      {"README (conflicted copy 2024-06-10 101500)", "README", "", SyncClientKind::kNextcloud},
       {"doc_conflict-20240610-101500.corvane", "doc.corvane", "", SyncClientKind::kNextcloud},
-      // Dropbox: the owner may hold "'s" itself; a second copy of the day gets a counter.
+      // Dropbox: the owner may hold "'s" itself; a second copy of the day gets a counter. A
+      // device name that is not UTF-8 is made so.
       {"doc (Pierre's MacBook Pro's conflicted copy 2024-06-10).corvane", "doc.corvane",
        "Pierre's MacBook Pro", SyncClientKind::kDropbox},
-      {"plan (v2) (Ann's conflicted copy 2024-06-10 (1)).corvanepack", "plan (v2).corvanepack",
-       "Ann", SyncClientKind::kDropbox},
+      {"plan (v2) (Ann\xff's conflicted copy 2024-06-10 (1)).corvanepack", "plan (v2).corvanepack",
+       "Ann\xef\xbf\xbd", SyncClientKind::kDropbox},
       // Look-alikes that are not conflict copies.
-      {"doc.corvane", nullptr, "", SyncClientKind::kFolder},
       {"doc (copy).corvane", nullptr, "", SyncClientKind::kFolder},
       {"doc (case clash from 2024-06-10 101500).corvane", nullptr, "", SyncClientKind::kFolder},
       {"doc.sync-conflict-2024-ABCDEFG.corvane", nullptr, "", SyncClientKind::kFolder},
@@ -47,13 +44,9 @@ TEST(ConflictNames, EachClientsRule) {
   };
   for (const auto& c : cases) {
     auto parsed = ParseConflictCopyName(c.name);
-    if (!c.original) {
-      EXPECT_FALSE(parsed) << c.name;
-      continue;
-    }
-    ASSERT_TRUE(parsed) << c.name;
-    EXPECT_EQ(parsed->original, c.original) << c.name;
-    EXPECT_EQ(parsed->device, c.device) << c.name;
+    EXPECT_EQ(parsed.has_value(), c.original != nullptr) << c.name;
+    if (!parsed || !c.original) continue;
+    EXPECT_EQ(parsed->original + "|" + parsed->device, std::string(c.original) + "|" + c.device);
     EXPECT_EQ(parsed->client, c.client) << c.name;
   }
 }
@@ -118,21 +111,21 @@ TEST_F(ConflictTest, VersionsListsTheCopiesOldestFirst) {
 }
 
 TEST_F(ConflictTest, SaveVersionWritesTheChosenCopy) {
-  const std::string to = root_.path() + "/saved/nested/copy.corvane";
+  const std::string to = docs_ + "/saved/nested/copy.corvane", never = docs_ + "/never";
   EXPECT_TRUE(Save("1|1718000002000", to));
   EXPECT_EQ(ReadFile(to), "from bob");
   EXPECT_TRUE(Save("2|1718000002000", to));
   EXPECT_EQ(ReadFile(to), "from alice");
   // "current" and ids that no longer match save nothing.
   for (const char* id : {"current", "3|1718000002000", "0|1718000002000", "1|171800000200"}) {
-    EXPECT_FALSE(Save(id, root_.path() + "/never")) << id;
+    EXPECT_FALSE(Save(id, never)) << id;
   }
-  EXPECT_FALSE(fs::exists(root_.path() + "/never"));
   // Another device's copy arrives and the positions shift: the old id is stale.
   Copy("doc (Carl's conflicted copy 2024-06-09).corvane", "from carl", 1718000000);
-  EXPECT_FALSE(Save("0|1718000001000", root_.path() + "/never"));
-  EXPECT_TRUE(Save("1|1718000001000", root_.path() + "/now"));
-  EXPECT_EQ(ReadFile(root_.path() + "/now"), "from syncthing");
+  EXPECT_FALSE(Save("0|1718000001000", never));
+  EXPECT_FALSE(fs::exists(never));
+  EXPECT_TRUE(Save("1|1718000001000", to));
+  EXPECT_EQ(ReadFile(to), "from syncthing");
 }
 
 TEST_F(ConflictTest, ResolveKeepsOneVersionAndRemovesTheRest) {

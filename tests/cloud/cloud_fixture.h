@@ -51,16 +51,13 @@ inline void SetModified(const std::string& path, int64_t seconds, long nanosecon
   utimensat(AT_FDCWD, path.c_str(), times, 0);
 }
 
-class TempDir {
- public:
-  explicit TempDir(const char* base = "/tmp") {
-    std::string pattern = std::string(base) + "/corvane-cloud-XXXXXX";
-    path_ = mkdtemp(pattern.data());
+struct TempDir {
+  explicit TempDir(const char* base = "/tmp")
+      : path_((std::string(base) + "/corvane-cloud-XXXXXX")) {
+    mkdtemp(path_.data());
   }
   ~TempDir() { fs::remove_all(path_); }
   const std::string& path() const { return path_; }
-
- private:
   std::string path_;
 };
 
@@ -78,6 +75,11 @@ inline std::optional<bool> Flag(const Value& map, const char* key) {
 inline std::optional<int64_t> Integer(const Value& map, const char* key) {
   const Value* v = Field(map, key);
   return v ? v->integer() : std::nullopt;
+}
+inline const ValueList& Items(const Value& event) {
+  static const ValueList none;
+  const Value* items = Field(event, "items");
+  return items && items->list_if() ? *items->list_if() : none;
 }
 
 inline Value Map(std::initializer_list<std::pair<const char*, Value>> entries) {
@@ -141,10 +143,9 @@ class CloudTest : public ::testing::Test {
                            });
     return replies;
   }
-  MethodReply CallReply(const std::string& method, Value args = Value(),
-                        std::chrono::milliseconds timeout = 10s) {
+  MethodReply CallReply(const std::string& method, Value args = Value()) {
     Replies replies = Send(method, std::move(args));
-    dispatch::RunMainUntil([&] { return !replies->empty(); }, timeout);
+    dispatch::RunMainUntil([&] { return !replies->empty(); }, 10s);
     EXPECT_EQ(replies->size(), 1u) << "replies to " << method;
     return replies->empty() ? MethodReply() : replies->front();
   }
@@ -153,13 +154,12 @@ class CloudTest : public ::testing::Test {
     EXPECT_EQ(reply.kind, MethodReply::Kind::kSuccess) << method;
     return reply.value;
   }
-
   std::vector<Value> Events() {
     std::vector<Value> events;
     for (const auto& m : engine_.received()) {
-      if (m.channel != kEventChannel) continue;
       auto e = channel::DecodeEnvelope(m.payload);
-      if (e && e.value->kind == MethodReply::Kind::kSuccess) events.push_back(e.value->value);
+      if (m.channel == kEventChannel && e && e.value->kind == MethodReply::Kind::kSuccess)
+        events.push_back(e.value->value);
     }
     return events;
   }

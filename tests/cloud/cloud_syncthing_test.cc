@@ -136,7 +136,7 @@ TEST_F(SyncthingTest, ARealConflictIsListedSavedAndResolved) {
            Flag(items->list_if()->front(), "conflict") == true;
   }));
 
-  const std::string saved = root_.path() + "/saved.corvane";
+  const std::string saved = container_a_ + "/saved.corvane";
   EXPECT_EQ(Call("saveVersion",
                  Map({{"path", Value(doc)}, {"version", Value(id)}, {"to", Value(saved)}})),
             Value(true));

@@ -4,6 +4,7 @@
 #include <future>
 #include <set>
 
+#include "channel/log.h"
 #include "cloud_fixture.h"
 
 namespace corvane::cloud::testing {
@@ -11,20 +12,14 @@ namespace {
 
 std::set<std::string> Relatives(const Value& event) {
   std::set<std::string> names;
-  const Value* items = Field(event, "items");
-  if (items && items->list_if()) {
-    for (const Value& item : *items->list_if()) names.insert(Text(item, "relative"));
-  }
+  for (const Value& item : Items(event)) names.insert(Text(item, "relative"));
   return names;
 }
-
-const Value* ItemNamed(const Value& event, const std::string& relative) {
-  const Value* items = Field(event, "items");
-  if (!items || !items->list_if()) return nullptr;
-  for (const Value& item : *items->list_if()) {
-    if (Text(item, "relative") == relative) return &item;
+const Value& ItemNamed(const Value& event, const std::string& relative) {
+  for (const Value& item : Items(event)) {
+    if (Text(item, "relative") == relative) return item;
   }
-  return nullptr;
+  return event;
 }
 
 // The synced-folder store, except that its first report on a folder's files waits until the
@@ -48,8 +43,8 @@ class HeldStore final : public CloudStore {
   bool StartDownloading(const std::string& path, std::string* error) override {
     return inner_->StartDownloading(path, error);
   }
-  std::vector<ConflictVersion> ConflictVersions(const std::string& path) override {
-    return inner_->ConflictVersions(path);
+  std::vector<ConflictVersion> ConflictVersions(int folder, const std::string& name) override {
+    return inner_->ConflictVersions(folder, name);
   }
   void Release() { release_.set_value(); }
   std::atomic<bool> holding{false};
@@ -72,15 +67,26 @@ class WatchTest : public CloudTest {
 
 TEST_F(WatchTest, NameRulesAndTheDocumentsBoundary) {
   const std::string docs = StartWithContainer();
-  for (const char* name : {"a.corvane", "B.CorvanePack", "corvane-backup-2024.zip",
-                           "sub/deep/c.corvane", "Corvane-backup-x", "notes.txt", "a.corvane.txt",
-                           ".hidden.corvane", ".stversions/old.corvane", "corvane"}) {
+  for (const char* name :
+       {"a.corvane", "B.CorvanePack", "corvane-backup-2024.zip", "sub/deep/c.corvane",
+        "Corvane-backup-x", "notes.txt", "a.corvane.txt", ".hidden.corvane",
+        ".stversions/old.corvane", "corvane", "not utf-8 \xff.corvane"}) {
     WriteFile(docs + "/" + name, "x");
   }
   WriteFile(docs + "/../outside.corvane", "x");
+  // A name that is not UTF-8 cannot cross the channel: left out, and logged once.
+  std::atomic<int> logged{0};
+  channel::SetLogSink([&](channel::LogLevel, std::string_view, std::string_view line) {
+    logged += line.find("utf-8 \\377.corvane") != std::string_view::npos;
+  });
   Call("startWatching");
-  ASSERT_TRUE(
-      WaitItems({"a.corvane", "B.CorvanePack", "corvane-backup-2024.zip", "sub/deep/c.corvane"}));
+  const std::set<std::string> names = {"a.corvane", "B.CorvanePack", "corvane-backup-2024.zip",
+                                       "sub/deep/c.corvane"};
+  ASSERT_TRUE(WaitItems(names));
+  Call("startWatching");
+  ASSERT_TRUE(WaitItems(names));
+  channel::SetLogSink(nullptr);
+  EXPECT_EQ(logged, 1);
 }
 
 TEST_F(WatchTest, ItemMapsCarryTheFilesAttributes) {
@@ -93,7 +99,6 @@ TEST_F(WatchTest, ItemMapsCarryTheFilesAttributes) {
   Call("startWatching");
   auto event = WaitItems({"doc.corvane", "old.corvane"});
   ASSERT_TRUE(event);
-  const Value* doc = ItemNamed(*event, "doc.corvane");
   const Value expected = Map({{"path", Value(docs + "/doc.corvane")},
                               {"relative", Value("doc.corvane")},
                               {"size", Value::Integer(5)},
@@ -103,9 +108,9 @@ TEST_F(WatchTest, ItemMapsCarryTheFilesAttributes) {
                               {"uploaded", Value(true)},
                               {"uploading", Value(false)},
                               {"conflict", Value(true)}});
-  EXPECT_EQ(*doc, expected);
-  EXPECT_EQ(Integer(*ItemNamed(*event, "old.corvane"), "modifiedMs"), -1500);
-  EXPECT_EQ(Flag(*ItemNamed(*event, "old.corvane"), "conflict"), false);
+  EXPECT_EQ(ItemNamed(*event, "doc.corvane"), expected);
+  EXPECT_EQ(Integer(ItemNamed(*event, "old.corvane"), "modifiedMs"), -1500);
+  EXPECT_EQ(Flag(ItemNamed(*event, "old.corvane"), "conflict"), false);
 }
 
 TEST_F(WatchTest, ChangesOnDiskArriveAsItems) {
@@ -134,12 +139,16 @@ TEST_F(WatchTest, ChangesOnDiskArriveAsItems) {
   ASSERT_TRUE(WaitItems({}));
 }
 
-TEST_F(WatchTest, ListenersStopAndStartedWatching) {
-  const std::string docs = StartWithContainer();
-  WriteFile(docs + "/a.corvane", "1");
+TEST_F(WatchTest, StatusListenersAndStopWatching) {
+  const std::string folder = ConfigureFolder(root_.path() + "/c/" + kContainer);
+  WriteFile(folder + "/Documents/a.corvane", "1");
+  Start();
+  // Watching before "status" waits for the container.
   Call("startWatching");
+  Settle(400ms);
+  EXPECT_FALSE(WaitEvent("items", &from_, {}, 10ms));
+  const std::string docs = Text(Call("status"), "documents");
   ASSERT_TRUE(WaitItems({"a.corvane"}));
-
   // A new listener gets the current list at once; the old sink stays quiet.
   engine_.SendFromEngine(kEventChannel, channel::EncodeMethodCall({"cancel", Value()}));
   WriteFile(docs + "/b.corvane", "2");
@@ -147,7 +156,6 @@ TEST_F(WatchTest, ListenersStopAndStartedWatching) {
   EXPECT_FALSE(WaitEvent("items", &from_, {}, 10ms));
   engine_.SendFromEngine(kEventChannel, channel::EncodeMethodCall({"listen", Value()}));
   ASSERT_TRUE(WaitItems({"a.corvane", "b.corvane"}));
-
   // "status" while watching shows the list again; after stopWatching nothing more comes.
   Call("status");
   ASSERT_TRUE(WaitItems({"a.corvane", "b.corvane"}));
@@ -156,17 +164,6 @@ TEST_F(WatchTest, ListenersStopAndStartedWatching) {
   Call("status");
   Settle(600ms);
   EXPECT_FALSE(WaitEvent("items", &from_, {}, 10ms));
-}
-
-TEST_F(WatchTest, WatchingBeforeStatusWaitsForTheContainer) {
-  const std::string folder = ConfigureFolder(root_.path() + "/c/" + kContainer);
-  WriteFile(folder + "/Documents/a.corvane", "1");
-  Start();
-  Call("startWatching");
-  Settle(400ms);
-  EXPECT_FALSE(WaitEvent("items", &from_, {}, 10ms));
-  Call("status");
-  ASSERT_TRUE(WaitItems({"a.corvane"}));
 }
 
 TEST_F(WatchTest, AListingOvertakenByANewerOneIsNotShown) {
@@ -184,12 +181,7 @@ TEST_F(WatchTest, AListingOvertakenByANewerOneIsNotShown) {
   held->Release();
   dispatch::RunMainUntil([&] { return held->held_done.load(); }, 5s);
   Settle(300ms);
-  std::optional<Value> last;
-  for (const Value& event : Events()) {
-    if (Text(event, "type") == "items") last = event;
-  }
-  ASSERT_TRUE(last);
-  EXPECT_EQ(Relatives(*last), (std::set<std::string>{"a.corvane", "b.corvane"}));
+  EXPECT_EQ(Relatives(Events().back()), (std::set<std::string>{"a.corvane", "b.corvane"}));
 }
 
 }  // namespace
