@@ -4,8 +4,10 @@
 //   roundtrip call HOST CALLS      a "capabilities" call on corvane/udp through the engine
 //                                  socket, vs a raw Unix-socket echo process
 //   roundtrip udp HOST CALLS       a "sendGuarded" datagram to a UDP echo process, back at the
-//                                  client as a "data" event (and the call's reply), vs a raw
-//                                  UDP ping-pong with the same echo process
+//                                  client as a "data" event (and the call's reply), vs the
+//                                  design's floor (guarded_floor: the same two thread hops
+//                                  around a raw datagram) and a raw UDP ping-pong with the same
+//                                  echo process
 //   roundtrip startup HOST RUNS    exec of `HOST --headless` until its socket accepts a
 //                                  connection, and the idle host's resident memory, vs exec
 //                                  of a bare process that binds a socket
@@ -389,6 +391,15 @@ bool IsEvent(const ValueMap& event, const char* type) {
   return t && t->string_if() && *t->string_if() == type;
 }
 
+// bench/guarded_floor, built beside this program.
+std::string FloorBinary() {
+  char self[4096];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) Die("readlink /proc/self/exe");
+  std::string path(self, static_cast<size_t>(n));
+  return path.substr(0, path.rfind('/') + 1) + "guarded_floor";
+}
+
 int UdpRoundTrip(const std::string& binary, int calls) {
   const std::string dir = MakeDir();
   const int echo_fd = UdpSocket();
@@ -454,6 +465,44 @@ int UdpRoundTrip(const std::string& binary, int calls) {
     const Switches after = ReadSwitches(host.pid());
     Print("host_udp", Summarise(samples), calls);
     PrintSwitches("host_udp_switches", host.pid(), before, after, migrations, calls + kWarmUp);
+  }
+
+  {
+    // The design's floor (bench/guarded_floor.cc): the same request frames and the same two
+    // hops around a raw datagram, without the host.
+    const std::string floor = FloorBinary();
+    const std::string path = dir + "/floor.sock";
+    const pid_t server = Spawn([&] {
+      execl(floor.c_str(), floor.c_str(), path.c_str(), std::to_string(echo_port).c_str(),
+            static_cast<char*>(nullptr));
+      _exit(127);
+    });
+    int fd = -1;
+    for (int i = 0; i < 50000 && fd < 0; ++i) {
+      fd = ConnectUnix(path);
+      if (fd < 0) usleep(100);
+    }
+    if (fd < 0) Die("the floor program never accepted a connection");
+    Client client(fd);
+    uint32_t id = 100;
+    channel::Bytes payload(kDatagram, 0x5a), body;
+    auto one = [&] {
+      ++id;
+      client.Send(id, "corvane/udp", "sendGuarded",
+                  Map({{"sessionId", Value("rt")},
+                       {"requestId", Value(std::to_string(id))},
+                       {"data", Value(payload)},
+                       {"timeoutMs", Value::Integer(2000)},
+                       {"expiresAtMs", Value(1e13)}}));
+      return client.Next(body) && FrameId(body) == id;
+    };
+    const Switches before = ReadSwitches(server);
+    const long migrations = ReadMigrations(server);
+    auto samples = Time(calls, one);
+    const Switches after = ReadSwitches(server);
+    Print("floor_udp", Summarise(samples), calls);
+    PrintSwitches("floor_udp_switches", server, before, after, migrations, calls + kWarmUp);
+    Stop(server);
   }
 
   {

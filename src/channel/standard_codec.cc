@@ -1,9 +1,11 @@
 #include "channel/standard_codec.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstring>
 
+#include "channel/log.h"
 #include "channel/utf8.h"
 
 namespace corvane::channel {
@@ -71,11 +73,7 @@ class Writer {
     return p;
   }
 
-  uint8_t* String(uint8_t* p, std::string_view s) {
-    p = Room(p, kRoom);
-    *p++ = kTagString;
-    return Raw(Size(p, s.size()), s.data(), s.size());
-  }
+  uint8_t* String(uint8_t* p, std::string_view s) { return StringInRoom(Room(p, kRoom), s); }
 
   uint8_t* Value(uint8_t* p, const channel::Value& v);
 
@@ -96,6 +94,26 @@ class Writer {
     return p;
   }
   uint8_t* Grow(uint8_t* p, size_t n);
+  uint8_t* Repaired(uint8_t* p, std::string_view s);
+
+  // A string never leaves malformed: Dart's decoder would throw and lose the whole message.
+  // A short one (keys, ids) is checked for ASCII from the words that copy it.
+  [[gnu::always_inline]] uint8_t* StringInRoom(uint8_t* p, std::string_view s) {
+    *p++ = kTagString;
+    const auto* data = reinterpret_cast<const uint8_t*>(s.data());
+    const size_t n = s.size();
+    if (n > kShort) return Checked(p, s);
+    uint8_t* end = Size(p, n);
+    if ((Short(end, data, n) & 0x8080808080808080ull) != 0) [[unlikely]]
+      return Checked(p, s);
+    return end + n;
+  }
+  // Out of line, so that the common path of a short ASCII string keeps its registers.
+  [[gnu::noinline]] uint8_t* Checked(uint8_t* p, std::string_view s) {
+    const auto* data = reinterpret_cast<const uint8_t*>(s.data());
+    if (!IsValidUtf8(data, s.size())) return Repaired(p, s);
+    return Raw(Size(p, s.size()), data, s.size());
+  }
   uint8_t* Bulk(uint8_t* p, const uint8_t* data, size_t n);
 
   template <typename T>
@@ -123,26 +141,35 @@ class Writer {
     return p + pad;
   }
 
+  // Copies a payload of at most kShort bytes with two overlapping word copies instead of a
+  // call to memcpy; returns the bytes or'ed together (a high bit set: not ASCII).
+  [[gnu::always_inline]] static uint64_t Short(uint8_t* p, const uint8_t* s, size_t n) {
+    if (n >= 8) {
+      uint64_t head, tail;
+      std::memcpy(&head, s, 8);
+      std::memcpy(&tail, s + n - 8, 8);
+      std::memcpy(p, &head, 8);
+      std::memcpy(p + n - 8, &tail, 8);
+      return head | tail;
+    }
+    if (n >= 4) {
+      uint32_t head, tail;
+      std::memcpy(&head, s, 4);
+      std::memcpy(&tail, s + n - 4, 4);
+      std::memcpy(p, &head, 4);
+      std::memcpy(p + n - 4, &tail, 4);
+      return head | tail;
+    }
+    uint64_t any = 0;
+    for (size_t i = 0; i < n; ++i) any |= p[i] = s[i];
+    return any;
+  }
+
   // A payload after its header; a short one fits the room the value started with.
   uint8_t* Raw(uint8_t* p, const void* data, size_t n) {
     const auto* s = static_cast<const uint8_t*>(data);
     if (n <= kShort) {
-      // Two overlapping word copies instead of a call to memcpy.
-      if (n >= 8) {
-        uint64_t head, tail;
-        std::memcpy(&head, s, 8);
-        std::memcpy(&tail, s + n - 8, 8);
-        std::memcpy(p, &head, 8);
-        std::memcpy(p + n - 8, &tail, 8);
-      } else if (n >= 4) {
-        uint32_t head, tail;
-        std::memcpy(&head, s, 4);
-        std::memcpy(&tail, s + n - 4, 4);
-        std::memcpy(p, &head, 4);
-        std::memcpy(p + n - 4, &tail, 4);
-      } else {
-        for (size_t i = 0; i < n; ++i) p[i] = s[i];
-      }
+      Short(p, s, n);
       return p + n;
     }
     if (n >= kBulk) return Bulk(p, s, n);
@@ -174,6 +201,19 @@ uint8_t* Writer::Grow(uint8_t* p, size_t n) {
   out_.resize(target);
   Rebase();
   return base_ + used;
+}
+
+std::atomic<size_t> g_repaired_strings{0};
+
+// Out of line: only a bug elsewhere (a file name or device name passed on unchecked) gets here.
+uint8_t* Writer::Repaired(uint8_t* p, std::string_view s) {
+  const std::string valid = MakeValidUtf8(s);
+  if (g_repaired_strings.fetch_add(1, std::memory_order_relaxed) == 0) {
+    Log(LogLevel::kWarning, "corvane-channel",
+        "a string that is not UTF-8 was about to be sent; its bad bytes were replaced by U+FFFD "
+        "(logged once)");
+  }
+  return Raw(Size(p, valid.size()), valid.data(), valid.size());
 }
 
 // Large payloads go in with one copy, without zero-filling their space first.
@@ -210,11 +250,8 @@ uint8_t* Writer::Value(uint8_t* p, const channel::Value& v) {
     case channel::Value::Type::kFloat64:
       *p++ = kTagFloat64;
       return Put(Align(p, 8), *std::get_if<double>(&d));
-    case channel::Value::Type::kString: {
-      const std::string& s = *std::get_if<std::string>(&d);
-      *p++ = kTagString;
-      return Raw(Size(p, s.size()), s.data(), s.size());
-    }
+    case channel::Value::Type::kString:
+      return StringInRoom(p, *std::get_if<std::string>(&d));
     case channel::Value::Type::kBytes: {
       const Bytes& b = *std::get_if<Bytes>(&d);
       *p++ = kTagUint8List;
@@ -253,7 +290,20 @@ uint8_t* Writer::Value(uint8_t* p, const channel::Value& v) {
 // small maps, lists of like elements) without walking the value twice.
 size_t SizeHint(const Value& v, int depth = 0) {
   if (const Bytes* b = v.bytes_if()) return b->size() + 8;
-  if (const ValueMap* m = v.map_if()) return 16 + m->size() * 24;
+  if (const ValueMap* m = v.map_if()) {
+    // A small map by its entries' payloads, so that a call with a buffer in it is written
+    // without growing; strings and buffers count whole, anything else as a scalar.
+    if (m->size() > 16) return 16 + m->size() * 24;
+    size_t n = 16;
+    for (const auto& [key, value] : *m) {
+      for (const Value* e : {&key, &value}) {
+        const std::string* str = e->string_if();
+        const Bytes* bytes = str ? nullptr : e->bytes_if();
+        n += str ? str->size() + 6 : bytes ? bytes->size() + 6 : 12;
+      }
+    }
+    return n;
+  }
   if (const ValueList* l = v.list_if()) {
     // Judged by its first element: listings are lists of maps of one shape.
     if (l->empty() || depth > 0) return 16 + l->size() * 16;
@@ -406,7 +456,7 @@ bool Reader::ReadValue(Value& out, int depth) {
     case kTagString: {
       std::string_view s;
       if (!StringBytes(s)) return false;
-      d.emplace<std::string>().assign(s);
+      d.emplace<std::string>().append(s.data(), s.size());
       return true;
     }
     case kTagUint8List:
@@ -465,7 +515,7 @@ bool ReadCall(Reader& reader, MethodCall& call) {
     std::string_view name;
     reader.Byte(tag);
     if (!reader.StringBytes(name)) return false;
-    call.method.assign(name);
+    call.method.append(name.data(), name.size());
   } else {
     Value method;
     if (!reader.ReadValue(method)) return false;
@@ -580,6 +630,8 @@ Bytes EncodeErrorEnvelope(const MethodError& error) {
   w.Finish(p);
   return out;
 }
+
+size_t RepairedStrings() { return g_repaired_strings.load(std::memory_order_relaxed); }
 
 Decoded<MethodReply> DecodeEnvelope(std::span<const uint8_t> bytes) {
   Decoded<MethodReply> result;

@@ -54,6 +54,11 @@ Bytes EncodeSuccessEnvelope(const Value& result);
 Bytes EncodeErrorEnvelope(const MethodError& error);
 Decoded<MethodReply> DecodeEnvelope(std::span<const uint8_t> bytes);
 
+// Strings the writer found not to be UTF-8 since the process started. Each was sent with its
+// bad bytes replaced by U+FFFD (the first is logged): whatever handed it over should have
+// checked, and a test can ask whether anything did.
+size_t RepairedStrings();
+
 // Deepest nesting of lists and maps accepted when decoding; deeper input is rejected rather
 // than allowed to exhaust the stack.
 inline constexpr int kMaxNestingDepth = 128;

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 namespace corvane::channel {
 
@@ -76,6 +78,25 @@ inline bool IsValidUtf8(const uint8_t* s, size_t n) {
     i += len;
   }
   return true;
+}
+
+// `s` with every byte that does not begin a well-formed sequence replaced by U+FFFD: what the
+// Flutter side can decode, with as much of the text kept as can be.
+inline std::string MakeValidUtf8(std::string_view s) {
+  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+  std::string out;
+  out.reserve(s.size() + 8);
+  for (size_t i = 0; i < s.size();) {
+    const size_t len = Utf8SequenceLength(p + i, s.size() - i);
+    if (len == 0) {
+      out += "\xEF\xBF\xBD";
+      ++i;
+    } else {
+      out.append(s.data() + i, len);
+      i += len;
+    }
+  }
+  return out;
 }
 
 }  // namespace corvane::channel

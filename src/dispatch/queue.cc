@@ -74,11 +74,16 @@ class ContextQueue {
   GMainContext* context() const { return context_; }
 
   void Push(Task task) {
+    bool was_empty;
     {
       std::lock_guard lock(mutex_);
+      was_empty = tasks_.empty();
       tasks_.push_back(std::move(task));
     }
-    g_main_context_wakeup(context_);
+    // A wake-up is a write to the context's eventfd and, for a sleeping thread, a context
+    // switch: only the first task of a batch needs one, and none is needed from the thread
+    // running the context, which prepares the source again before it next sleeps.
+    if (was_empty) g_main_context_wakeup(context_);
   }
 
   WorkItem After(std::chrono::milliseconds delay, Task task) {
@@ -87,8 +92,13 @@ class ContextQueue {
     const gint64 ready_at =
         g_get_monotonic_time() + std::max<int64_t>(delay.count(), 0) * G_TIME_SPAN_MILLISECOND;
     // The timer is made and attached on the queue's own thread, so that everything GLib holds
-    // for it lives on one thread; the deadline still counts from now.
-    Push([this, state, ready_at] { Arm(state, ready_at); });
+    // for it lives on one thread; the deadline still counts from now. On that thread already
+    // (a guarded send starting its time-out), it is armed at once.
+    if (g_main_context_is_owner(context_)) {
+      Arm(state, ready_at);
+    } else {
+      Push([this, state, ready_at] { Arm(state, ready_at); });
+    }
     return WorkItem(state);
   }
 
@@ -109,7 +119,8 @@ class ContextQueue {
     if (run) run();
     return G_SOURCE_REMOVE;
   }
-  static constexpr GSourceFuncs kTimerFuncs = {nullptr, nullptr, TimerDispatch, nullptr, nullptr, nullptr};
+  static constexpr GSourceFuncs kTimerFuncs = {nullptr, nullptr, TimerDispatch,
+                                               nullptr, nullptr, nullptr};
 
   void Arm(const std::shared_ptr<WorkItem::State>& state, gint64 ready_at) {
     GSource* timer = g_source_new(const_cast<GSourceFuncs*>(&kTimerFuncs), sizeof(GSource));
@@ -168,19 +179,24 @@ class ContextQueue {
 
   // Runs the tasks that were queued when draining began; tasks they post run on the next
   // iteration, so one busy queue cannot starve the context's other sources.
+  // The batch's storage is kept for the next drain, so a steady stream of tasks allocates
+  // nothing here (a nested drain, from a task that iterates the context, starts a new one).
   void Drain() {
-    std::deque<Task> batch;
+    std::vector<Task> batch = std::move(spare_);
     {
       std::lock_guard lock(mutex_);
       batch.swap(tasks_);
     }
     for (auto& task : batch) task();
+    batch.clear();
+    if (spare_.capacity() < batch.capacity()) spare_ = std::move(batch);
   }
 
   GMainContext* context_;
   GSource* source_;
   std::mutex mutex_;
-  std::deque<Task> tasks_;
+  std::vector<Task> tasks_;
+  std::vector<Task> spare_;  // the context's thread only
 };
 
 namespace {
@@ -250,7 +266,8 @@ bool SerialQueue::IsCurrent() const { return std::this_thread::get_id() == threa
 GMainContext* SerialQueue::context() const { return queue_->context(); }
 
 ConcurrentQueue::ConcurrentQueue(std::string label, int max_threads)
-    : label_(std::move(label)), max_threads_(max_threads < 1 ? 1 : static_cast<size_t>(max_threads)) {}
+    : label_(std::move(label)),
+      max_threads_(max_threads < 1 ? 1 : static_cast<size_t>(max_threads)) {}
 
 ConcurrentQueue::~ConcurrentQueue() {
   {
@@ -295,8 +312,8 @@ bool RunMainUntil(const std::function<bool()>& done, std::chrono::milliseconds t
   // `done` may turn true on another thread, which does not wake the context; a short tick
   // bounds how late that is noticed.
   GSource* tick = g_timeout_source_new(2);
-  g_source_set_callback(tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr,
-                        nullptr);
+  g_source_set_callback(
+      tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
   g_source_attach(tick, context);
   while (!done() && std::chrono::steady_clock::now() < deadline) {
     g_main_context_iteration(context, TRUE);

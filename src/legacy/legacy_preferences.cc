@@ -56,8 +56,10 @@ std::vector<std::pair<std::string, plist_t>> DictionaryItems(plist_t dict, Accep
   const uint32_t count = plist_dict_get_size(dict);
   items.reserve(count);
   // Most maps in a store are small: a scan finds a repeated key faster than hashing would.
+  // Large ones index the keys where they are kept: `items` never reallocates (reserved), so
+  // the views stay valid.
   constexpr uint32_t kScanLimit = 16;
-  std::unordered_map<std::string, size_t> seen;
+  std::unordered_map<std::string_view, size_t> seen;
   if (count > kScanLimit) seen.reserve(count);
   auto find = [&](const std::string& key) -> std::pair<size_t, bool> {
     if (count <= kScanLimit) {
@@ -66,8 +68,8 @@ std::vector<std::pair<std::string, plist_t>> DictionaryItems(plist_t dict, Accep
       }
       return {items.size(), true};
     }
-    auto [pos, fresh] = seen.emplace(key, items.size());
-    return {pos->second, fresh};
+    auto pos = seen.find(key);
+    return pos == seen.end() ? std::pair{items.size(), true} : std::pair{pos->second, false};
   };
   plist_dict_iter it = nullptr;
   plist_dict_new_iter(dict, &it);
@@ -84,9 +86,10 @@ std::vector<std::pair<std::string, plist_t>> DictionaryItems(plist_t dict, Accep
     if (accept(key)) {
       std::string clean = ValidUtf8(key.data(), key.size());
       const auto [index, fresh] = find(clean);
-      if (fresh) {
+      if (fresh && items.size() < count) {
         items.emplace_back(std::move(clean), value);
-      } else {
+        if (count > kScanLimit) seen.emplace(items.back().first, index);
+      } else if (!fresh) {
         items[index].second = value;
       }
     }
@@ -259,10 +262,18 @@ plist_t LegacyPreferences::Find(std::string_view key) const {
   return nullptr;
 }
 
-ValueMap LegacyPreferences::Values() const {
+ValueMap LegacyPreferences::Values() const& {
   ValueMap values;
   values.reserve(keys_.size());
   for (const auto& [key, node] : keys_) values.Append(Value(key), ToCodecValue(node));
+  return values;
+}
+
+ValueMap LegacyPreferences::Values() && {
+  ValueMap values;
+  values.reserve(keys_.size());
+  for (auto& [key, node] : keys_) values.Append(Value(std::move(key)), ToCodecValue(node));
+  keys_.clear();
   return values;
 }
 

@@ -34,8 +34,9 @@ class LegacyPreferences {
   static LegacyPreferences Parse(const uint8_t* data, size_t size);
 
   size_t size() const { return keys_.size(); }
-  // Legacy keys with their values, in the store's order.
-  channel::ValueMap Values() const;
+  // Legacy keys with their values, in the store's order; from a temporary the keys are moved.
+  channel::ValueMap Values() const&;
+  channel::ValueMap Values() &&;
   // The summary the Flutter side decides on: counts, flags and the language override.
   channel::ValueMap Probe() const;
   // The legacy keys as one binary property list.
