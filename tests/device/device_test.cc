@@ -323,6 +323,17 @@ TEST(Gamepad, DualSenseRumbleReachesItsMotors) {
             "true");
   AwaitMotors(pad, 4);
   EXPECT_EQ(Motors(pad), (std::vector<std::pair<int, int>>{{255, 0}, {0, 0}, {0, 128}, {0, 0}}));
+  // A new pattern cuts the running one off at once: the 300 ms pulse never comes.
+  for (const char* pulses : {"[[0,1,0],[300,1,0]]", "[[100,0.5,1]]"}) {
+    EXPECT_EQ(
+        Text(host->Call(kGamepad, "haptic", Json(R"({"pulses":)" + std::string(pulses) + "}"))),
+        "true");
+  }
+  AwaitMotors(pad, 8);
+  std::this_thread::sleep_for(1s);
+  EXPECT_EQ(Motors(pad),
+            (std::vector<std::pair<int, int>>{
+                {255, 0}, {0, 0}, {0, 128}, {0, 0}, {255, 0}, {0, 0}, {0, 128}, {0, 0}}));
 }
 
 TEST(Gamepad, GenericPadHasNoBatteryAndNoHaptics) {
@@ -330,9 +341,10 @@ TEST(Gamepad, GenericPadHasNoBatteryAndNoHaptics) {
   EXPECT_EQ(
       Controllers(),
       "[" + Entry("Corvane Test Pad", "Corvane Test Pad", -1.0, "unknown", false, true) + "]");
+  EXPECT_EQ(Text(host->Call(kGamepad, "haptic", Json(R"({"pulses":[[0,1,0]]})"))), "false");
 }
 
-TEST(Gamepad, TwoPadsOfOneNameRumbleTheFirstAndUnplugFallsBack) {
+TEST(Gamepad, TwoPadsOfOneNameCurrentByUseRumbleTheFirstAndUnplugFallsBack) {
   auto first = std::make_unique<UhidPad>(DualSense(3));
   Plug(*first, 3, 0x07);
   ASSERT_NE(Controllers(), "[]");  // SDL has seen the first before the second comes
@@ -343,6 +355,13 @@ TEST(Gamepad, TwoPadsOfOneNameRumbleTheFirstAndUnplugFallsBack) {
             "[" + Entry("Sony - DualSense", "DualSense", 0.75, "discharging", true, false, "Sony") +
                 "," + Entry("Sony - DualSense", "DualSense", 0.35, "charging", true, true, "Sony") +
                 "]");
+  Report press = DualSenseInput(0x07);
+  press[8] |= 0x20;  // cross: the pad in use becomes the current one
+  first->Input(press);
+  EXPECT_EQ(
+      Controllers(),
+      "[" + Entry("Sony - DualSense", "DualSense", 0.75, "discharging", true, true, "Sony") + "," +
+          Entry("Sony - DualSense", "DualSense", 0.35, "charging", true, false, "Sony") + "]");
   const Value buzz = Json(R"({"name":"Sony - DualSense","pulses":[[0,1,0]]})");
   EXPECT_EQ(Text(host->Call(kGamepad, "haptic", buzz)), "true");
   AwaitMotors(*first, 2);
