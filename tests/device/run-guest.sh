@@ -11,8 +11,9 @@ skip() { echo "SKIPPED: device suite: $*" | tee "$out/skipped"; exit 77; }
 
 command -v qemu-system-x86_64 >/dev/null || skip "no qemu-system-x86_64 (run scripts/setup.sh)"
 [[ -x /bin/busybox ]] || skip "no busybox-static (run scripts/setup.sh)"
-kernel=$(ls "$cache"/boot/vmlinuz-* 2>/dev/null | head -1)
-[[ -n "$kernel" ]] || skip "no kernel in $cache (run scripts/setup.sh)"
+kernels=("$cache"/boot/vmlinuz-*)
+kernel=${kernels[0]}
+[[ -e "$kernel" ]] || skip "no kernel in $cache (run scripts/setup.sh)"
 version=${kernel##*/vmlinuz-}
 modules="$cache/lib/modules/$version"
 
