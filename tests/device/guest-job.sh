@@ -3,6 +3,7 @@
 # Usage: guest-job.sh MODULES_DIR TEST_BINARY
 modules=$1 binary=$2 out=/run/device-out
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root
+. $out/env
 mount -t proc proc /proc
 mount -t sysfs sys /sys
 mount -t devtmpfs dev /dev

@@ -17,6 +17,11 @@ kernel=${kernels[0]}
 version=${kernel##*/vmlinuz-}
 modules="$cache/lib/modules/$version"
 
+# The sanitizer settings of the test run go along (the guest starts with an empty environment).
+for v in ASAN_OPTIONS UBSAN_OPTIONS TSAN_OPTIONS; do
+  [[ -v $v ]] && printf 'export %s=%q\n' "$v" "${!v}"
+done >"$out/env"
+
 # The initramfs: busybox and the modules that mount the shared root.
 initrd="$out/initrd"
 mkdir -p "$initrd"/{bin,mod,proc,sys,dev,lower,rw,root}
