@@ -17,6 +17,7 @@ packages=(
   libv4l-dev libudev-dev libjpeg62-turbo-dev
   libplist-dev libgdk-pixbuf-2.0-dev zlib1g-dev python3
   webp-pixbuf-loader heif-gdk-pixbuf
+  qemu-system-x86 busybox-static kmod udev v4l-utils
 )
 
 missing=()
@@ -24,7 +25,12 @@ for p in "${packages[@]}"; do
   status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
   [[ "$status" == "install ok installed" ]] || missing+=("$p")
 done
-[[ ${#missing[@]} -eq 0 ]] && exit 0
+# The device tests boot Debian's kernel under qemu; it is unpacked under build/, not installed.
+fetch_kernel() { "$(dirname "$0")/device-kernel.sh" || echo "setup: no kernel: device tests skip"; }
+if [[ ${#missing[@]} -eq 0 ]]; then
+  fetch_kernel
+  exit 0
+fi
 
 echo "setup: installing ${missing[*]}"
 sudo_cmd=()
@@ -39,3 +45,4 @@ if [[ ! -e /usr/sbin/policy-rc.d ]]; then
 fi
 "${sudo_cmd[@]}" apt-get update -q
 "${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends -o DPkg::Lock::Timeout=300 "${missing[@]}"
+fetch_kernel

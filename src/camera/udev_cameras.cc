@@ -27,8 +27,9 @@ struct Probe {
 
 bool Accessible(const std::string& devnode) { return access(devnode.c_str(), R_OK | W_OK) == 0; }
 
-// Asks the node itself what it does: for nodes udev has not described (no udevd). Opening a
-// node another program streams from is allowed.
+// Asks the node itself what it does. udev's tag cannot be trusted alone: it marks touch sensors
+// (touchpads, touchscreens) ":capture:" too. Opening a node another program streams from is
+// allowed.
 Probe ProbeNode(const std::string& devnode) {
   Probe probe;
   const int fd = open(devnode.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
@@ -42,7 +43,7 @@ Probe ProbeNode(const std::string& devnode) {
   if (ioctl(fd, VIDIOC_QUERYCAP, &caps) == 0) {
     const uint32_t node_caps =
         (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
-    probe.capture = (node_caps & V4L2_CAP_VIDEO_CAPTURE) != 0;
+    probe.capture = (node_caps & V4L2_CAP_VIDEO_CAPTURE) && !(node_caps & V4L2_CAP_TOUCH);
     probe.card.assign(reinterpret_cast<const char*>(caps.card),
                       strnlen(reinterpret_cast<const char*>(caps.card), sizeof caps.card));
   }
@@ -51,7 +52,7 @@ Probe ProbeNode(const std::string& devnode) {
 }
 
 // udev's own probe of the node (":capture:" for capture nodes, ":meta:" alone for metadata
-// ones), which spares waking the camera up; empty where udevd did not run.
+// ones), which spares opening nodes that are surely no camera; empty where udevd did not run.
 std::string UdevCapabilities(udev_device* device) {
   return Text(udev_device_get_property_value(device, "ID_V4L_CAPABILITIES"));
 }
@@ -107,10 +108,8 @@ std::vector<CaptureNode> UdevCameras::Enumerate() {
     if (!devnode.empty()) {
       const std::string described = UdevCapabilities(device);
       Probe probe;
-      if (described.empty()) {
+      if (described.empty() || described.find(":capture:") != std::string::npos) {
         probe = ProbeNode(devnode);
-      } else {
-        probe.capture = described.find(":capture:") != std::string::npos;
       }
       if (probe.capture) {
         nodes.push_back(CaptureNode{StableId(device), ProductName(device, probe.card), devnode,

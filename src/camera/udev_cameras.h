@@ -27,7 +27,7 @@ class UdevCameras {
   UdevCameras(const UdevCameras&) = delete;
   UdevCameras& operator=(const UdevCameras&) = delete;
 
-  // Nodes that capture video, in udev's order; metadata-only nodes are left out.
+  // Nodes that capture video, in udev's order; metadata and touch-sensor nodes are left out.
   std::vector<CaptureNode> Enumerate();
 
   // Reports the device node of every removed video device, on `context`. No polling: the

@@ -111,38 +111,6 @@ TEST_F(FramesTest, FramesOutsideTheLimitsEndTheSession) {
   }
 }
 
-TEST_F(FramesTest, FrameOverMaxFrameBytesIsNeverShrunkToFit) {
-  Close(kToken1);
-  ASSERT_TRUE(Open(kToken1, "cam-a", 1000, 64).ok());
-  Pending read = Arm();
-  ASSERT_TRUE(backend_->Deliver("cam-a", SmallFrame(1, 1, 1)));  // even a 1x1 JPEG is > 64 B
-  EXPECT_EQ(Await(read).code(), "tooLarge");
-  EXPECT_EQ(Read(kToken1).code(), "tooLarge");
-  EXPECT_EQ(Read(kToken1).code(), "tooLarge");
-}
-
-TEST_F(FramesTest, FramesArriveAsJfifJpegWithTheirPixels) {
-  Frame frame = TestCaptureBackend::MakeFrame(9, 640, 480, [](int x, int y) {
-    return static_cast<uint32_t>(((x * 255 / 639) << 16) | ((y * 255 / 479) << 8) | 0x40);
-  });
-  Pending read = Arm();
-  ASSERT_TRUE(backend_->Deliver("cam-a", frame));
-  Answer answer = Await(read);
-  ASSERT_TRUE(answer.ok()) << answer.code();
-  const ValueMap& reply = *answer.reply.value.map_if();
-  EXPECT_EQ(reply.size(), 2u);
-  const channel::Bytes* jpeg = reply.Find("bytes") ? reply.Find("bytes")->bytes_if() : nullptr;
-  ASSERT_NE(jpeg, nullptr);
-  auto decoded = corvane::testing::DecodeJpeg(*jpeg);
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded->width, 640);
-  EXPECT_EQ(decoded->height, 480);
-  EXPECT_TRUE(decoded->jfif);
-  EXPECT_EQ(decoded->luma_h, 2);
-  EXPECT_EQ(decoded->luma_v, 2);
-  EXPECT_LT(corvane::testing::MeanDifference(decoded->rgb, *frame.rgb), 2.0);
-}
-
 TEST_F(FramesTest, FailuresReportedByTheStreamEndAWaitingRead) {
   for (const char* code : {kStreamDisconnected, kStreamFailed, kStreamInterrupted}) {
     SCOPED_TRACE(code);
