@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Kills tests outright (SIGKILL, as a CTest time-out does) once their servers are up, and checks
+# that nothing they started outlives them: every process carrying the run's mark in its
+# environment must be gone within a bounded wait. Covers the servers that detach themselves
+# (avahi-daemon and its bus, Syncthing's monitor and child) and a plain child (the host).
+#   scripts/check_killed_tests.sh [BUILD_DIR]       (default build/default; needs root for /proc)
+set -uo pipefail
+build=${1:-build/default}
+cd "$(dirname "$0")/.."
+failed=0
+
+marked() { # pids of processes whose environment carries CORVANE_LEAK_MARK=$1
+  grep -lsxzF "CORVANE_LEAK_MARK=$1" /proc/[0-9]*/environ | cut -d/ -f3
+}
+marked_comm() { # MARK COMM: true when a marked process runs COMM
+  local p; for p in $(marked "$1"); do [ "$(cat "/proc/$p/comm" 2>/dev/null)" = "$2" ] && return 0; done
+  return 1
+}
+until_true() { # SECONDS CMD...
+  local end=$((SECONDS + $1)); shift
+  until "$@"; do [ $SECONDS -ge $end ] && return 1; sleep 0.2; done
+}
+none_left() { [ -z "$(marked "$1")" ]; }
+
+check() { # NAME SERVER_COMM TEST_BINARY [ARGS...]
+  local name=$1 server=$2 mark="i23-$$-$RANDOM" pid; shift 2
+  CORVANE_LEAK_MARK=$mark "$@" >"/tmp/$mark.log" 2>&1 &
+  pid=$!
+  if ! until_true 120 marked_comm "$mark" "$server"; then
+    echo "$name: $server never started"; kill -KILL $pid; failed=1; return
+  fi
+  local before; before=$(marked "$mark" | grep -vx "$pid" | xargs -r ps -o comm= -p | sort | uniq -c | xargs)
+  kill -KILL $pid; wait $pid 2>/dev/null
+  if until_true 30 none_left "$mark"; then
+    echo "$name: killed with [$before] running; nothing left"
+  else
+    echo "$name: LEFT BEHIND:"; marked "$mark" | xargs -r ps -o pid,args -p; failed=1
+  fi
+  rm -f "/tmp/$mark.log"
+}
+
+check avahi avahi-daemon "$build/tests/discovery/discovery_avahi_test" \
+  --gtest_filter='AvahiRestartTest.*'
+check syncthing syncthing "$build/tests/cloud/cloud_syncthing_test"
+check host corvane-host "$build/tests/robustness/robustness_test"
+exit $failed
