@@ -3,9 +3,11 @@
 # that nothing they started outlives them: every process carrying the run's mark in its
 # environment must be gone within a bounded wait. Covers the servers that detach themselves
 # (avahi-daemon and its bus, Syncthing's monitor and child) and a plain child (the host).
-#   scripts/check_killed_tests.sh [BUILD_DIR]       (default build/default; needs root for /proc)
+#   scripts/check_killed_tests.sh [BUILD_DIR [avahi|syncthing|host]...]
+# (default build/default and all three; needs root to read other processes' environments)
 set -uo pipefail
 build=${1:-build/default}
+only=" ${*:2} "
 cd "$(dirname "$0")/.."
 failed=0
 
@@ -23,12 +25,14 @@ until_true() { # SECONDS CMD...
 none_left() { [ -z "$(marked "$1")" ]; }
 
 check() { # NAME SERVER_COMM TEST_BINARY [ARGS...]
-  local name=$1 server=$2 mark="i23-$$-$RANDOM" pid; shift 2
+  local name=$1 server=$2 mark="leak-$$-$RANDOM" pid; shift 2
+  [ "$only" = "  " ] || [[ "$only" == *" $name "* ]] || return 0
   CORVANE_LEAK_MARK=$mark "$@" >"/tmp/$mark.log" 2>&1 &
   pid=$!
   if ! until_true 120 marked_comm "$mark" "$server"; then
-    echo "$name: $server never started"; kill -KILL $pid; failed=1; return
+    echo "$name: $server never started"; tail -5 "/tmp/$mark.log"; kill -KILL $pid; failed=1; return
   fi
+  sleep "${SETTLE:-2}"  # well into the run; SETTLE=0 kills while the servers are still starting
   local before; before=$(marked "$mark" | grep -vx "$pid" | xargs -r ps -o comm= -p | sort | uniq -c | xargs)
   kill -KILL $pid; wait $pid 2>/dev/null
   if until_true 30 none_left "$mark"; then
@@ -40,7 +44,7 @@ check() { # NAME SERVER_COMM TEST_BINARY [ARGS...]
 }
 
 check avahi avahi-daemon "$build/tests/discovery/discovery_avahi_test" \
-  --gtest_filter='AvahiRestartTest.*'
+  --gtest_filter='AvahiTest.*'
 check syncthing syncthing "$build/tests/cloud/cloud_syncthing_test"
 check host corvane-host "$build/tests/robustness/robustness_test"
 exit $failed

@@ -1,8 +1,9 @@
 # syncthing_pair.sh: two loopback-only Syncthing 1.19 peers for tests. `source` it from bash.
 # Needs: apt-get install -y syncthing curl jq iproute2
-st_wait() { # TIMEOUT_S CMD... : poll every 0.2 s, return 1 on timeout
+st_wait() { # TIMEOUT_S CMD... : poll every 0.2 s, return 1 on timeout or once the owner is gone
   local end=$(( $(date +%s) + $1 )); shift
-  until "$@" >/dev/null 2>&1; do [ "$(date +%s)" -ge "$end" ] && return 1; sleep 0.2; done; }
+  until "$@" >/dev/null 2>&1; do
+    [ "$(date +%s)" -ge "$end" ] || ! kill -0 "${ST_OWNER:-$$}" 2>/dev/null && return 1; sleep 0.2; done; }
 st_api() { # A|B METHOD PATH [JSON]
   local key=$ST_B_KEY url=$ST_B_API; [ "$1" = A ] && key=$ST_A_KEY url=$ST_A_API
   curl -fsS -m 5 -X "$2" -H "X-API-Key: $key" ${4:+-H 'Content-Type: application/json' -d "$4"} "$url$3"; }
@@ -38,10 +39,11 @@ st_start() { # A|B : start one side in a process group of its own (the PID is th
   local h=$ST_B_HOME; [ "$1" = A ] && h=$ST_A_HOME
   STNOUPGRADE=1 STHASHING=${STHASHING:-standard} setsid syncthing serve --home="$h" --no-browser --no-restart \
     --no-upgrade --logflags=3 --logfile="$ST_ROOT/$1.log" >"$ST_ROOT/$1.out" 2>&1 </dev/null & eval "export ST_$1_PID=$!"
-  setsid sh -c 'tail --pid="$1" -f /dev/null; kill -KILL -- -"$2"' sh "${ST_OWNER:-$(st_owner)}" $! >/dev/null 2>&1 </dev/null &
+  setsid bash -c 'tail --pid="$1" -f /dev/null; kill -KILL -- -"$2"' bash "$ST_OWNER" $! >/dev/null 2>&1 </dev/null &
   eval "export ST_$1_WATCH=$!"; st_wait 30 st_api "$1" GET /rest/system/ping || { echo "st: $1 REST not up" >&2; return 1; }; }
 start_pair() { # NEW_OR_EMPTY_DIR [BASEPORT]: sets ST_{A,B}_{DIR,HOME,ID,KEY,API,PID}, ST_FOLDER_ID
   local d=$1 base=${2:-} i s
+  export ST_OWNER=${ST_OWNER:-$(st_owner)}; [ "$ST_OWNER" != 1 ] || return 1  # its test is gone
   mkdir -p "$d" && [ -z "$(ls -A "$d")" ] && d=$(cd "$d" && pwd) || { echo "st: $d not empty" >&2; return 1; }
   for i in 1 2 3 4 5 6 7 8 9 10; do
     [ -n "$base" ] && break; base=$(( 20000 + RANDOM % 20000 ))
