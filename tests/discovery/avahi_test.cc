@@ -1,6 +1,5 @@
 // BonjourBridge with its Avahi backend against a real avahi-daemon on a private bus, which the
 // test starts (scripts/avahi-test-daemon.sh) and owns; services are published with avahi-publish.
-// What the bridge makes of sightings is tested against a test backend.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -13,15 +12,6 @@
 namespace corvane::discovery::testing {
 namespace {
 
-using corvane::testing::ServerProcess;
-
-// avahi-publish, ready once it says on standard error that its name is established. It dies with
-// this process, however that ends.
-std::unique_ptr<ServerProcess> Publish(const std::string& name, const char* type) {
-  return std::make_unique<ServerProcess>(std::vector<std::string>{
-      "sh", "-c", "exec avahi-publish -s \"$0\" \"$1\" 4711 2>&1", name, type});
-}
-
 // A listening bridge on a daemon pair of the test's own, kept in `dir_`.
 class AvahiTest : public ::testing::Test {
  protected:
@@ -32,7 +22,6 @@ class AvahiTest : public ::testing::Test {
     ASSERT_EQ(client_.Listen().kind, MethodReply::Kind::kSuccess);
   }
   void TearDown() override {
-    bridge_.reset();
     Script("stop");
     std::filesystem::remove_all(dir_);
   }
@@ -47,13 +36,18 @@ class AvahiTest : public ::testing::Test {
 
   const std::string dir_ = "/tmp/corvane-avahi-" + std::to_string(getpid());
   const std::string name_ = "Z21 " + std::to_string(getpid());
+  // avahi-publish, ready once it says (on standard error) that its name is established.
+  auto Publish() {
+    return std::make_unique<corvane::testing::ServerProcess>(std::vector<std::string>{
+        "sh", "-c", "exec avahi-publish -s \"$0\" _z21._udp 4711 2>&1", name_});
+  }
   BridgeClient client_;
   std::optional<BonjourBridge> bridge_;
 };
 
 TEST_F(AvahiTest, FoundAtTheNumericHostLostAndFoundAgainAfterTheDaemonOrTheBusComesBack) {
   ASSERT_EQ(client_.Call("start", Types({"_z21._udp."})).value, Value(true));
-  auto publisher = Publish(name_, "_z21._udp");
+  auto publisher = Publish();
   ASSERT_TRUE(client_.WaitFor("found", name_));
   EXPECT_EQ(client_.Events(name_).front(),
             (Event{"found", name_, "_z21._udp.", "127.0.0.1", 4711, {"127.0.0.1"}}));
@@ -72,7 +66,7 @@ TEST_F(AvahiTest, FoundAtTheNumericHostLostAndFoundAgainAfterTheDaemonOrTheBusCo
       EXPECT_TRUE(client_.List().empty());
       ASSERT_TRUE(Script("start"));
     }
-    publisher = Publish(name_, "_z21._udp");
+    publisher = Publish();
     ASSERT_TRUE(client_.WaitFor("found", name_, round + 1)) << stop;
   }
   EXPECT_EQ(client_.List().size(), 1u);

@@ -4,21 +4,21 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <utility>
 
 #include "discovery/bridge_client.h"
 
 namespace corvane::discovery::testing {
 namespace {
 
-// Records what the bridge asks for. Written on the bridge's queue; the test reads it only after
-// a reply from that queue, which orders the two.
+// Records what the bridge asks for, on its queue; read only after a reply from that queue.
 struct TestBackend : DnsSdBackend {
   bool Browse(const std::string& type) override { return browsed.emplace_back(type), true; }
   void StopBrowse(const std::string& type) override { stopped.insert(type); }
   std::vector<std::string> browsed;
   std::set<std::string> stopped;
 };
+
+using Args = std::vector<std::string>;
 
 Sighting At(const std::string& name, int32_t interface, int32_t protocol = 0) {
   return Sighting{"_z21._udp.", name, "local", interface, protocol};
@@ -73,11 +73,11 @@ TEST_F(BonjourBridgeTest, StartBrowsesEachTypeStringOnceAndMalformedTypesMeanThe
   // Browsers are keyed by the string: another spelling is another browser, the same string
   // is browsed once; an empty list is no types. Each reports what it finds under its own string.
   ASSERT_EQ(client_.Listen().kind, MethodReply::Kind::kSuccess);
-  EXPECT_EQ(client_.Call("start", Types({"_z21._tcp.", "_z21._tcp", "_z21._tcp."})).value,
-            Value(true));
-  EXPECT_EQ(client_.Call("start", Types({"_Z21._TCP", "_z21._tcp"})).value, Value(true));
-  EXPECT_EQ(client_.Call("start", Types({})).value, Value(true));
-  EXPECT_EQ(TakeBrowsed(), (std::vector<std::string>{"_z21._tcp.", "_z21._tcp", "_Z21._TCP"}));
+  for (Args types :
+       {Args{"_z21._tcp.", "_z21._tcp", "_z21._tcp."}, {"_Z21._TCP", "_z21._tcp"}, {}}) {
+    EXPECT_EQ(client_.Call("start", Types(types)).value, Value(true));
+  }
+  EXPECT_EQ(TakeBrowsed(), (Args{"_z21._tcp.", "_z21._tcp", "_Z21._TCP"}));
   for (const char* type : {"_z21._tcp.", "_z21._tcp"}) {
     Resolve(Sighting{type, "Z", "local", 2, 0}, Endpoint{"10.0.0.5", 21105, ""});
   }

@@ -17,12 +17,7 @@ Sighting At(const std::string& name, int32_t interface, int32_t protocol = 0) {
 // interface with one protocol, and the same name under another type is another service.
 TEST(ServiceTableTest, TheBestSightingLeadsAndOnlyItsChangesAreNews) {
   ServiceTable table;
-  const struct {
-    Sighting at;
-    Endpoint endpoint;
-    Change change;
-    std::string host;  // the service's host afterwards
-  } steps[] = {
+  const std::tuple<Sighting, Endpoint, Change, std::string> steps[] = {
       {At("Z", 1), {"", 1, "z.local"}, Change::kFound, "z.local"},
       {At("Z", 2, 1), {"fe80::2%eth0", 2, ""}, Change::kUpdated, "fe80::2%eth0"},
       {At("Z", 3), {"169.254.7.7", 3, ""}, Change::kUpdated, "169.254.7.7"},
@@ -30,9 +25,9 @@ TEST(ServiceTableTest, TheBestSightingLeadsAndOnlyItsChangesAreNews) {
       {At("Z", 5), {"192.168.1.5", 5, ""}, Change::kUpdated, "192.168.1.5"},
       {At("Z", 6), {"10.0.0.1", 5, ""}, Change::kNone, "192.168.1.5"},  // the shown one stays
   };
-  for (const auto& s : steps) {
-    EXPECT_EQ(table.Resolve(s.at, s.endpoint, "_z21._udp.").change, s.change) << s.endpoint.address;
-    EXPECT_EQ(table.List().front().host, s.host);
+  for (const auto& [at, endpoint, change, host] : steps) {
+    EXPECT_EQ(table.Resolve(at, endpoint, "_z21._udp.").change, change) << endpoint.address;
+    EXPECT_EQ(table.List().front().host, host);
   }
   EXPECT_EQ(table.List().front().addresses, std::vector<std::string>{"192.168.1.5"});
   EXPECT_EQ(table.Remove(At("Z", 2, 1)).change, Change::kNone);  // not the shown one
@@ -53,9 +48,7 @@ TEST(ServiceTableTest, ServicesAndSightingsAreBounded) {
   }
   EXPECT_EQ(table.size(), ServiceTable::kMaxServices);
   const auto kept = static_cast<int32_t>(ServiceTable::kMaxSightingsPerService);
-  for (int32_t i = 2; i < kept + 10; ++i) {
-    table.Resolve(At("S0", i), Endpoint{"10.0.0.1", 1, ""}, "t");
-  }
+  for (int32_t i = 2; i < kept + 10; ++i) table.Resolve(At("S0", i), {"10.0.0.1", 1, ""}, "t");
   // Only the sightings it kept hold the service: it is lost with the last of them.
   for (int32_t i = 1; i < kept; ++i) EXPECT_EQ(table.Remove(At("S0", i)).change, Change::kNone);
   EXPECT_EQ(table.Remove(At("S0", kept)).change, Change::kLost);

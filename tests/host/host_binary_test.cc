@@ -1,9 +1,10 @@
 // The real corvane-host binary, started as a person or a script would start it. The socket
 // folder's own checks are the engine's tests.
 #include <gio/gio.h>
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+
+#include <filesystem>
 
 #include "host/registration_table.h"
 #include "host/support.h"
@@ -12,13 +13,9 @@
 namespace corvane::host {
 namespace {
 
+namespace fs = std::filesystem;
 using Args = std::vector<std::string>;
 using testing::Outcome;
-
-mode_t ModeOf(const std::string& path) {
-  GStatBuf st;
-  return g_stat(path.c_str(), &st) == 0 ? st.st_mode : 0;
-}
 
 class HostBinaryTest : public ::testing::Test {
  protected:
@@ -43,34 +40,28 @@ class HostBinaryTest : public ::testing::Test {
 
 TEST_F(HostBinaryTest, ServesAPrivateSocketUntilStoppedAndHasItToItself) {
   const std::string folder = dir_ / "run";
-  const struct {
-    Args args;
-    std::string socket;
-    int stop;
-  } cases[] = {
-      // clang-format off
-      {{"--headless", "--engine-socket", folder + "/engine.sock"}, folder + "/engine.sock", SIGTERM},
-      // Without --headless and without a display: the default path, still served.
-      {{}, dir_ / "corvane/engine.sock", SIGINT},
-  };  // clang-format on
-  for (const auto& c : cases) {
-    GSubprocess* host = Spawn(c.args, G_SUBPROCESS_FLAGS_STDOUT_PIPE);
+  // Without --headless and without a display: the default path, still served.
+  for (const auto& c : {std::tuple{Args{"--headless", "--engine-socket", folder + "/engine.sock"},
+                                   folder + "/engine.sock", SIGTERM},
+                        std::tuple{Args{}, dir_ / "corvane/engine.sock", SIGINT}}) {
+    const auto& [args, socket, stop] = c;
+    GSubprocess* host = Spawn(args, G_SUBPROCESS_FLAGS_STDOUT_PIPE);
     ASSERT_NE(host, nullptr);
-    EXPECT_EQ(testing::FirstLine(host), "engine socket: " + c.socket);
+    EXPECT_EQ(testing::FirstLine(host), "engine socket: " + socket);
 
     // It answers: a channel no service opened gets the empty (not-implemented) reply.
     testing::WireClient client;
-    ASSERT_TRUE(client.Connect(c.socket));
+    ASSERT_TRUE(client.Connect(socket));
     ASSERT_TRUE(client.SendCall(7, "corvane/no_such_channel", "takePending"));
     EXPECT_EQ(client.WaitReply(7, 10000), std::optional<engine::Bytes>(engine::Bytes{}));
 
     // A second host refuses to start and leaves the socket alone.
-    EXPECT_EQ(RunToEnd(c.args).code, 1);
-    EXPECT_TRUE(S_ISSOCK(ModeOf(c.socket))) << "the second host must not take the socket away";
+    EXPECT_EQ(RunToEnd(args).code, 1);
+    EXPECT_TRUE(fs::is_socket(socket)) << "the second host must not take the socket away";
 
-    g_subprocess_send_signal(host, c.stop);
+    g_subprocess_send_signal(host, stop);
     EXPECT_EQ(testing::Finish(host).code, 0);
-    EXPECT_EQ(ModeOf(c.socket), 0u) << "socket left behind";
+    EXPECT_FALSE(fs::exists(socket)) << "socket left behind";
   }
 }
 
@@ -89,26 +80,22 @@ TEST_F(HostBinaryTest, StartsThatDoNotServeExitAtOnceAndTouchNothing) {
   }
   const std::string notes = dir_ / "notes.txt";
   g_file_set_contents(notes.c_str(), "mine", -1, nullptr);
-  g_chmod(notes.c_str(), 0644);
-  const struct {
-    Args args;
-    int code;
-    std::string out, err;
-  } cases[] = {
+  const std::tuple<Args, int, std::string, std::string> cases[] = {
+      // code, out, part of err
       {{"--print-registrations"}, 0, registrations, ""},
       {{"--info", dir_ / "missing.conf"}, 2, "", "missing.conf"},
       {{"--info"}, 2, "", "--info"},
       {{"--no-such-option"}, 2, "", "--no-such-option"},
       {{"--engine-socket="}, 2, "", "corvane-host: "},
       {{"--headless", "--engine-socket", notes}, 1, "", notes + " exists and is not a socket"}};
-  for (const auto& c : cases) {
-    Outcome outcome = RunToEnd(c.args);
-    EXPECT_EQ(outcome.code, c.code) << c.args.back();
-    EXPECT_EQ(outcome.out, c.out) << c.args.back();
-    EXPECT_NE(outcome.err.find(c.err), std::string::npos) << outcome.err;
+  for (const auto& [args, code, out, err] : cases) {
+    Outcome outcome = RunToEnd(args);
+    EXPECT_EQ(outcome.code, code) << args.back();
+    EXPECT_EQ(outcome.out, out) << args.back();
+    EXPECT_NE(outcome.err.find(err), std::string::npos) << outcome.err;
   }
-  EXPECT_EQ(ModeOf(notes), S_IFREG | 0644u);  // its content stays: the engine's tests
-  EXPECT_EQ(ModeOf(dir_ / "corvane"), 0u) << "the default socket folder was created";
+  EXPECT_TRUE(fs::is_regular_file(notes));  // and its content stays: the engine's tests
+  EXPECT_FALSE(fs::exists(dir_ / "corvane")) << "the default socket folder was created";
 }
 
 }  // namespace

@@ -18,10 +18,8 @@ namespace corvane::testing {
 class TempDir {
  public:
   TempDir() {
-    gchar* path = g_dir_make_tmp("corvane-test-XXXXXX", nullptr);
-    g_assert_nonnull(path);
-    path_ = path;
-    g_free(path);
+    std::string pattern = std::string(g_get_tmp_dir()) + "/corvane-test-XXXXXX";
+    path_ = mkdtemp(pattern.data()) ? pattern : "/nonexistent/corvane-test";
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
@@ -38,17 +36,16 @@ constexpr auto kAllPipes =
     static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE |
                                   G_SUBPROCESS_FLAGS_STDERR_PIPE);
 
-// Starts `argv` through `launcher`, which it takes. The kernel kills the child when this process
-// ends, even by a crash or a time-out, so no child outlives its test; SIGPIPE is back to its
-// default there (a child that dies of it when its peer hangs up is a fault to catch).
+// In a child: the kernel kills it when this process ends, even by a crash or a time-out, so no
+// child outlives its test; SIGPIPE is back to its default (dying of it is a fault to catch).
+inline void OwnedChild(gpointer) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  signal(SIGPIPE, SIG_DFL);
+}
+
+// Starts `argv` through `launcher`, which it takes, as an owned child.
 inline GSubprocess* Spawn(GSubprocessLauncher* launcher, const std::vector<std::string>& argv) {
-  g_subprocess_launcher_set_child_setup(
-      launcher,
-      +[](gpointer) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        signal(SIGPIPE, SIG_DFL);
-      },
-      nullptr, nullptr);
+  g_subprocess_launcher_set_child_setup(launcher, OwnedChild, nullptr, nullptr);
   std::vector<const char*> args;
   for (const std::string& a : argv) args.push_back(a.c_str());
   args.push_back(nullptr);
