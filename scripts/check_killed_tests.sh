@@ -14,31 +14,40 @@ failed=0
 marked() { # pids of processes whose environment carries CORVANE_LEAK_MARK=$1
   grep -lsxzF "CORVANE_LEAK_MARK=$1" /proc/[0-9]*/environ | cut -d/ -f3
 }
-marked_comm() { # MARK COMM: true when a marked process runs COMM
-  local p; for p in $(marked "$1"); do [ "$(cat "/proc/$p/comm" 2>/dev/null)" = "$2" ] && return 0; done
+# What the test started: the marked processes, and those in the avahi pair's pid files
+# (avahi-daemon overwrites its environment with its process title).
+tracked() { # MARK TEST_PID
+  { marked "$1"; cat "/tmp/corvane-avahi-$2"/*.pid; } 2>/dev/null | grep -vx "$2"
+}
+server_up() { # MARK TEST_PID COMM: true when a tracked process runs COMM
+  local p; for p in $(tracked "$1" "$2"); do [ "$(cat "/proc/$p/comm" 2>/dev/null)" = "$3" ] && return 0; done
   return 1
 }
 until_true() { # SECONDS CMD...
   local end=$((SECONDS + $1)); shift
   until "$@"; do [ $SECONDS -ge $end ] && return 1; sleep 0.2; done
 }
-none_left() { [ -z "$(marked "$1")" ]; }
+running() { # PID...: those still running (a zombie has ended)
+  local p; for p in "$@"; do grep -qs '^State:.[^Z]' "/proc/$p/status" && echo "$p"; done
+}
+none_left() { [ -z "$(marked "$1")$(running $pids)" ]; }
 
 check() { # NAME SERVER_COMM TEST_BINARY [ARGS...]
   local name=$1 server=$2 mark="leak-$$-$RANDOM" pid; shift 2
   [ "$only" = "  " ] || [[ "$only" == *" $name "* ]] || return 0
   CORVANE_LEAK_MARK=$mark "$@" >"/tmp/$mark.log" 2>&1 &
   pid=$!
-  if ! until_true 120 marked_comm "$mark" "$server"; then
+  if ! until_true 120 server_up "$mark" "$pid" "$server"; then
     echo "$name: $server never started"; tail -5 "/tmp/$mark.log"; kill -KILL $pid; failed=1; return
   fi
   sleep "${SETTLE:-2}"  # well into the run; SETTLE=0 kills while the servers are still starting
-  local before; before=$(marked "$mark" | grep -vx "$pid" | xargs -r ps -o comm= -p | sort | uniq -c | xargs)
+  pids=$(tracked "$mark" "$pid")
+  local before; before=$(echo $pids | xargs -r ps -o comm= -p | sort | uniq -c | xargs)
   kill -KILL $pid; wait $pid 2>/dev/null
   if until_true 30 none_left "$mark"; then
     echo "$name: killed with [$before] running; nothing left"
   else
-    echo "$name: LEFT BEHIND:"; marked "$mark" | xargs -r ps -o pid,args -p; failed=1
+    echo "$name: LEFT BEHIND:"; { marked "$mark"; running $pids; } | xargs -r ps -o pid,args -p; failed=1
   fi
   rm -f "/tmp/$mark.log"
 }
