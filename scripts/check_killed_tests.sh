@@ -55,5 +55,6 @@ check() { # NAME SERVER_COMM TEST_BINARY [ARGS...]
 check avahi avahi-daemon "$build/tests/discovery/discovery_avahi_test" \
   --gtest_filter='AvahiTest.*'
 check syncthing syncthing "$build/tests/cloud/cloud_syncthing_test"
-check host corvane-host "$build/tests/robustness/robustness_test"
+check host corvane-host env CORVANE_ROBUSTNESS_CALLS=10000000 "$build/tests/robustness/robustness_test" \
+  --gtest_filter="RobustnessTest.*"
 exit $failed
