@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "discovery/avahi_daemon.h"
+#include "avahi_daemon.h"
 #include "discovery/bonjour_bridge.h"
 #include "discovery/bridge_client.h"
 

@@ -15,6 +15,8 @@
 # AVAHI_CI_NETNS=0 runs it in the host namespace instead (allow-interfaces=lo).
 # AVAHI_CI_TWO_LINKS=1 (with the namespace) adds a veth pair, cv0 10.77.0.1 and cv1 10.77.0.2,
 # and IPv6: every published service is then seen on several interfaces and protocols.
+# AVAHI_CI_OWNER=PID ties the pair to that process (a test): a watcher stops the pair and removes
+# the state directory once it is gone, however it ended (a CTest time-out kills with SIGKILL).
 set -euo pipefail
 
 DIR=${AVAHI_CI_DIR:-/tmp/corvane-avahi}
@@ -122,6 +124,21 @@ EOF
     >"$DIR/avahi.log" 2>&1 </dev/null &
 }
 
+# The watcher is the leader of a process group of its own (it and its "tail"), killed as a group.
+start_watch() {
+  [ -n "${AVAHI_CI_OWNER:-}" ] || return 0
+  alive "$DIR/watch.pid" sh && return 0
+  # shellcheck disable=SC2016
+  setsid sh -c 'echo $$ >"$2/watch.pid"; tail --pid="$1" -f /dev/null
+    rm -f "$2/watch.pid"; AVAHI_CI_DIR=$2 "$3" stop; rm -rf "$2"' \
+    sh "$AVAHI_CI_OWNER" "$DIR" "$(readlink -f "$0")" >/dev/null 2>&1 </dev/null &
+}
+
+stop_watch() {
+  if alive "$DIR/watch.pid" sh; then kill -- "-$(cat "$DIR/watch.pid")"; fi
+  rm -f "$DIR/watch.pid"
+}
+
 do_start() {
   for c in avahi-daemon dbus-daemon dbus-send; do
     command -v "$c" >/dev/null || die "$c missing; run scripts/setup.sh"
@@ -129,6 +146,7 @@ do_start() {
   mkdir -p "$DIR"
   local t0 i retried=""
   t0=$(date +%s%N)
+  start_watch
   start_dbus
   start_avahi
   for i in $(seq $((TIMEOUT * 10))); do
@@ -177,6 +195,7 @@ case "${1:-start}" in
   stop)
     stop_pid "$DIR/avahi.pid" avahi-daemon # its namespaces die with it
     stop_pid "$DIR/dbus.pid" dbus-daemon
+    stop_watch
     rm -f "$SOCK"
     echo "avahi-test-daemon: stopped" ;;
   stop-avahi) stop_pid "$DIR/avahi.pid" avahi-daemon ;;

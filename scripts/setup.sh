@@ -14,6 +14,7 @@ packages=(
   avahi-daemon avahi-utils dbus iproute2 util-linux libavahi-client-dev libavahi-glib-dev
   desktop-file-utils shared-mime-info libx11-dev
   syncthing curl jq
+  gcovr
   libv4l-dev libudev-dev libjpeg62-turbo-dev
   libplist-dev libgdk-pixbuf-2.0-dev zlib1g-dev python3
   webp-pixbuf-loader heif-gdk-pixbuf

@@ -7,9 +7,6 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
-#include <ostream>
-#include <string>
-#include <vector>
 
 #include "channel/standard_codec.h"
 #include "discovery/bonjour_bridge.h"
@@ -25,8 +22,7 @@ using channel::ValueMap;
 
 // An event; also an entry of "list", as "found". Keys absent or mistyped read as "?" and -1.
 struct Event {
-  std::string kind;
-  std::string name, type, host;
+  std::string kind, name, type, host;
   int64_t port = -1;
   std::vector<std::string> addresses;
   friend bool operator==(const Event&, const Event&) = default;

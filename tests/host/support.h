@@ -1,5 +1,4 @@
-// Fixtures shared by the host and corvanectl tests: a private folder, child processes, and a
-// private X server.
+// Fixtures shared by the tests: a private folder, child processes, and a private X server.
 #pragma once
 
 #include <gio/gio.h>
@@ -19,10 +18,8 @@ namespace corvane::testing {
 class TempDir {
  public:
   TempDir() {
-    gchar* path = g_dir_make_tmp("corvane-test-XXXXXX", nullptr);
-    g_assert_nonnull(path);
-    path_ = path;
-    g_free(path);
+    std::string pattern = std::string(g_get_tmp_dir()) + "/corvane-test-XXXXXX";
+    path_ = mkdtemp(pattern.data()) ? pattern : "/nonexistent/corvane-test";
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
@@ -39,8 +36,16 @@ constexpr auto kAllPipes =
     static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE |
                                   G_SUBPROCESS_FLAGS_STDERR_PIPE);
 
-// Starts `argv` through `launcher`, which it takes.
+// In a child: the kernel kills it when this process ends, even by a crash or a time-out, so no
+// child outlives its test; SIGPIPE is back to its default (dying of it is a fault to catch).
+inline void OwnedChild(gpointer) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  signal(SIGPIPE, SIG_DFL);
+}
+
+// Starts `argv` through `launcher`, which it takes, as an owned child.
 inline GSubprocess* Spawn(GSubprocessLauncher* launcher, const std::vector<std::string>& argv) {
+  g_subprocess_launcher_set_child_setup(launcher, OwnedChild, nullptr, nullptr);
   std::vector<const char*> args;
   for (const std::string& a : argv) args.push_back(a.c_str());
   args.push_back(nullptr);
@@ -54,16 +59,17 @@ inline GSubprocess* Spawn(GSubprocessLauncher* launcher, const std::vector<std::
 
 struct Outcome {
   int code = -1;  // the exit status, or 128 + the signal that ended it
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
-inline std::string TakeText(GBytes* bytes) {
-  if (!bytes) return {};
-  gsize size = 0;
-  const auto* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
-  std::string text(data ? data : "", size);
-  g_bytes_unref(bytes);
+// The first line the process prints on its piped standard output; empty if it ends first.
+inline std::string FirstLine(GSubprocess* process) {
+  GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process));
+  g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(out), FALSE);
+  gchar* line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
+  std::string text = line ? line : "";
+  g_free(line);
+  g_object_unref(out);
   return text;
 }
 
@@ -93,8 +99,12 @@ inline Outcome Finish(GSubprocess* process, const std::string& input = {}) {
     g_subprocess_force_exit(process);
     dispatch::RunMainUntil([&] { return streams.done; }, std::chrono::seconds(60));
   }
-  outcome.out = TakeText(streams.out);
-  outcome.err = TakeText(streams.err);
+  for (auto [bytes, text] : {std::pair{streams.out, &outcome.out}, {streams.err, &outcome.err}}) {
+    gsize size = 0;
+    const auto* data = bytes ? static_cast<const char*>(g_bytes_get_data(bytes, &size)) : nullptr;
+    if (data) text->assign(data, size);
+    if (bytes) g_bytes_unref(bytes);
+  }
   outcome.code = g_subprocess_get_if_exited(process) ? g_subprocess_get_exit_status(process)
                                                      : 128 + g_subprocess_get_term_sig(process);
   g_object_unref(process);
@@ -102,22 +112,13 @@ inline Outcome Finish(GSubprocess* process, const std::string& input = {}) {
 }
 
 // A server that prints one line once it serves (Xvfb its display, dbus-daemon its address).
-// The kernel kills it when the test process ends, even by a crash or a timeout, so no server
-// outlives its test.
 class ServerProcess {
  public:
   explicit ServerProcess(const std::vector<std::string>& argv) {
     GSubprocessLauncher* launcher = g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
         G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE));
-    g_subprocess_launcher_set_child_setup(
-        launcher, +[](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
     process_ = Spawn(launcher, argv);
-    if (!process_) return;
-    GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process_));
-    gchar* line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
-    if (line) line_ = line;
-    g_free(line);
-    g_object_unref(out);
+    if (process_) line_ = FirstLine(process_);
   }
   ~ServerProcess() {
     if (!process_) return;

@@ -15,38 +15,28 @@ struct ChannelVocabulary {
 };
 
 inline const std::map<std::string, ChannelVocabulary>& KnownVocabulary() {
+  // clang-format off
   static const std::map<std::string, ChannelVocabulary> vocabulary = {
-      // Every event channel answers these two.
-      {"*", {{"listen", "cancel"}, {}}},
+      {"*", {{"listen", "cancel"}, {}}},  // every event channel answers these two
       {"corvane/bonjour", {{"start", "stop", "list"}, {"types"}}},
-      {"corvane/bonjour_events", {{"listen", "cancel"}, {}}},
-      {"corvane/udp",
-       {{"capabilities", "open", "openListener", "send", "sendGuarded", "cancelSend", "close",
-         "interfaces", "triggerPermission"},
-        {"sessionId", "port", "host", "broadcast", "data", "requestId", "timeoutMs",
-         "expiresAtMs"}}},
-      {"corvane/udp_events", {{"listen", "cancel"}, {}}},
-      {"io.corvane/open_projects",
-       {{"takePending", "release", "activeProject", "releaseAll"}, {"path", "keepAccess"}}},
+      {"corvane/udp", {{"capabilities", "open", "openListener", "send", "sendGuarded", "cancelSend", "close",
+                        "interfaces", "triggerPermission"},
+                       {"sessionId", "port", "host", "broadcast", "data", "requestId", "timeoutMs", "expiresAtMs"}}},
+      {"io.corvane/open_projects", {{"takePending", "release", "activeProject", "releaseAll"}, {"path", "keepAccess"}}},
       {"io.corvane/gamepad", {{"controllers", "haptic"}, {"name", "pulses"}}},
-      {"io.corvane/icloud",
-       {{"status", "startWatching", "stopWatching", "deviceName", "download", "read", "write",
-         "delete", "move", "setUbiquitous", "versions", "saveVersion", "resolveConflicts"},
-        {"path", "to", "from", "timeoutMs", "toCloud", "version", "keep"}}},
-      {"io.corvane/icloud/events", {{"listen", "cancel"}, {}}},
-      {"io.corvane/apple_usb_camera",
-       {{"supported", "list", "open", "read", "close"},
-        {"token", "deviceId", "timeoutMs", "maxFrameBytes"}}},
-      {"io.corvane/legacy_swiftui",
-       {{"probe", "readDefaults", "backupDefaults", "listFiles", "convertImage"}, {"path"}}},
+      {"io.corvane/icloud", {{"status", "startWatching", "stopWatching", "deviceName", "download", "read", "write",
+                              "delete", "move", "setUbiquitous", "versions", "saveVersion", "resolveConflicts"},
+                             {"path", "to", "from", "timeoutMs", "toCloud", "version", "keep"}}},
+      {"io.corvane/apple_usb_camera", {{"supported", "list", "open", "read", "close"},
+                                       {"token", "deviceId", "timeoutMs", "maxFrameBytes"}}},
+      {"io.corvane/legacy_swiftui", {{"probe", "readDefaults", "backupDefaults", "listFiles", "convertImage"}, {"path"}}},
       {"corvane/system_symbols", {{"render"}, {"symbol", "color", "size", "scale", "dark"}}},
       // The argument of "setMode" is the bare mode string.
       {"io.corvane/window_appearance", {{"setMode", "system", "light", "dark"}, {}}},
-      {"io.corvane/context_menu",
-       {{"show"},
-        {"x", "y", "items", "title", "children", "inline", "action", "symbol", "disabled",
-         "checked", "destructive", "subtitle"}}},
+      {"io.corvane/context_menu", {{"show"}, {"x", "y", "items", "title", "children", "inline", "action", "symbol",
+                                              "disabled", "checked", "destructive", "subtitle"}}},
   };
+  // clang-format on
   return vocabulary;
 }
 

@@ -1,323 +1,248 @@
 // The real host, headless, driven through its socket by random and malformed calls on every
 // registered channel. Whatever arrives, each call gets exactly one reply and the host stays up.
 // CORVANE_ROBUSTNESS_SEED replays a run; CORVANE_ROBUSTNESS_CALLS changes its length.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <map>
+#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include "robustness/known_names.h"
-#include "robustness/random_values.h"
 #include "support/wire_client.h"
 
 namespace corvane::robustness {
 namespace {
 
 using channel::Bytes;
+using channel::Value;
 using testing::WireClient;
 using namespace std::chrono_literals;
 
 uint64_t EnvNumber(const char* name, uint64_t fallback) {
-  const char* v = std::getenv(name);
-  return v && *v ? std::stoull(v) : fallback;
+  return std::getenv(name) ? std::stoull(std::getenv(name)) : fallback;
 }
 
-// Channels the host registers, from its own account of its start-up.
-std::vector<std::string> RegisteredChannels() {
-  std::vector<std::string> channels;
-  FILE* out = popen(CORVANE_HOST_BINARY " --print-registrations", "r");
-  char line[1024];
-  while (out && fgets(line, sizeof line, out)) {
-    std::stringstream fields(line);
-    std::string list;
-    for (int field = 0; field < 3; ++field) std::getline(fields, list, '\t');
-    std::stringstream names(list);
-    for (std::string name; std::getline(names, name, ',');) {
-      if (name != "-" && !name.empty()) channels.push_back(name);
-    }
-  }
-  EXPECT_TRUE(out && pclose(out) == 0);
-  return channels;
-}
-
-// Random calls that use every channel's real method names and keys, plus a few of nobody's.
-RandomCalls RandomCallsFor(uint64_t seed) {
-  std::vector<std::string> methods = {"", "x", "listen", "cancel"};
-  std::vector<std::string> keys = {"", "id", "value"};
-  for (const auto& [channel, words] : KnownVocabulary()) {
-    methods.insert(methods.end(), words.methods.begin(), words.methods.end());
-    keys.insert(keys.end(), words.keys.begin(), words.keys.end());
-  }
-  return RandomCalls(seed, methods, keys);
-}
-
-class HostProcess {
+// Random values of every codec type, nested, with strings, method names and keys drawn partly
+// from the channels' real vocabulary, so calls reach past "not implemented" into validation.
+class Random {
  public:
-  // `nofile_limit` > 0 lowers the host's descriptor limit to that many.
-  explicit HostProcess(const std::string& dir, rlim_t nofile_limit = 0)
-      : socket_(dir + "/engine.sock"), log_(dir + "/host.log") {
-    pid_ = fork();
-    if (pid_ == 0) {
-      if (nofile_limit > 0) {
-        const rlimit limit{nofile_limit, nofile_limit};
-        setrlimit(RLIMIT_NOFILE, &limit);
+  explicit Random(uint64_t seed) : rng_(seed) {
+    for (const auto& [channel, words] : KnownVocabulary()) {
+      methods_.insert(methods_.end(), words.methods.begin(), words.methods.end());
+      keys_.insert(keys_.end(), words.keys.begin(), words.keys.end());
+    }
+  }
+  size_t operator()(size_t n) { return rng_() % n; }
+  Bytes Junk(size_t max) {
+    Bytes b((*this)(max));
+    for (auto& x : b) x = static_cast<uint8_t>(rng_());
+    return b;
+  }
+  std::string String() {  // addresses, ids, types, paths, modes, and random words
+    // clang-format off
+    static const std::vector<std::string> kMeaningful = {
+        "", "a", "station-1", "127.0.0.1", "localhost", "255.255.255.255", "::1", "_z21._udp.",
+        "/tmp", "dark", "system", "x.x.x.255", "\xc3\xa9\xe2\x82\xac", std::string(300, 'q')};
+    // clang-format on
+    if ((*this)(3) != 0) return Pick(kMeaningful);
+    return std::string((*this)(12), static_cast<char>('a' + (*this)(26)));
+  }
+  Value Any(int depth = 0) {
+    constexpr int64_t kEdges[] = {std::numeric_limits<int64_t>::max(),
+                                  std::numeric_limits<int64_t>::min(), -7, 65535, 65536};
+    const int64_t integer = (*this)(3) == 0 ? kEdges[(*this)(5)] : int64_t((*this)(3000));
+    // clang-format off
+    switch ((*this)(depth > 3 ? 11 : 13)) {
+      case 0: return Value();
+      case 1: return Value((*this)(2) == 0);
+      case 2: return Value::Integer(integer);
+      case 3: return Value(static_cast<double>(integer) / 7.0);
+      case 4: case 5: return Value(String());
+      case 6: return Value(Junk(80));
+      case 7: return Value(channel::Int32List((*this)(4), 7));
+      case 8: return Value(channel::Int64List((*this)(3), -1));
+      case 9: return Value(channel::Float32List((*this)(3), 0.5f));
+      case 10: return Value(channel::Float64List((*this)(3), 1e300));
+      case 11: {
+        channel::ValueList list((*this)(4));
+        for (auto& item : list) item = Any(depth + 1);
+        return Value(std::move(list));
       }
-      FILE* log = std::fopen(log_.c_str(), "w");
-      dup2(fileno(log), STDERR_FILENO);
-      dup2(fileno(log), STDOUT_FILENO);
-      // Random calls name relative paths (a backup to "a"): they land in the test's own folder.
-      if (chdir(dir.c_str()) != 0) _exit(127);
-      execl(CORVANE_HOST_BINARY, CORVANE_HOST_BINARY, "--headless", "--engine-socket",
-            socket_.c_str(), nullptr);
-      _exit(127);
-    }
+    }                       // clang-format on
+    channel::ValueMap map;  // now and then a key of any type
+    for (size_t n = (*this)(6); n > 0; --n)
+      map.Append((*this)(10) ? Value(Pick(keys_)) : Any(depth + 1), Any(depth + 1));
+    return Value(std::move(map));
   }
-  ~HostProcess() {
-    if (pid_ > 0 && alive()) {
-      kill(pid_, SIGTERM);
-      int status;
-      waitpid(pid_, &status, 0);
-    }
+  channel::MethodCall Call() {
+    std::string method = (*this)(6) == 0 ? String() : Pick(methods_);
+    if ((*this)(6) == 0 && !method.empty()) method[0] ^= 0x20;  // a near miss of a real name
+    return {method, (*this)(4) == 0 ? Any(2)
+                                    : Value(channel::ValueMap{{Value(Pick(keys_)), Any(2)},
+                                                              {Value(Pick(keys_)), Any(2)}})};
   }
-
-  bool WaitForSocket(WireClient& client) {
-    for (int i = 0; i < 500 && alive(); ++i) {
-      if (client.Connect(socket_)) return true;
-      std::this_thread::sleep_for(10ms);
-    }
-    return false;
-  }
-
-  bool alive() {
-    if (exited_) return false;
-    int status;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) exited_ = true;
-    return !exited_;
-  }
-
-  std::string LogTail() const {
-    std::ifstream in(log_);
-    std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return all.size() > 4000 ? all.substr(all.size() - 4000) : all;
-  }
-
-  const std::string& socket() const { return socket_; }
-  pid_t pid() const { return pid_; }
-
-  size_t LogSize() const {
-    std::error_code error;
-    const auto size = std::filesystem::file_size(log_, error);
-    return error ? 0 : size;
-  }
-
-  // A field of /proc/PID/status in kB ("VmHWM", "VmRSS"); 0 when unreadable.
-  long StatusKb(const std::string& field) const {
-    std::ifstream in("/proc/" + std::to_string(pid_) + "/status");
-    for (std::string line; std::getline(in, line);) {
-      if (line.compare(0, field.size() + 1, field + ":") == 0) {
-        return std::stol(line.substr(field.size() + 1));
-      }
-    }
-    return 0;
-  }
-
-  // User plus system CPU time so far, in clock ticks: fields 14 and 15 of /proc/PID/stat.
-  long CpuTicks() const {
-    std::ifstream in("/proc/" + std::to_string(pid_) + "/stat");
-    std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::stringstream fields(all.substr(all.rfind(')') + 2));  // from field 3 on
-    std::string skip;
-    long utime = 0, stime = 0;
-    for (int i = 3; i < 14; ++i) fields >> skip;
-    fields >> utime >> stime;
-    return utime + stime;
+  Bytes Malformed() {  // cut short, a byte flipped, a byte more, or garbage
+    Bytes good = channel::EncodeMethodCall(Call());
+    const size_t kind = (*this)(4), at = (*this)(good.size());
+    if (kind == 0) good.resize(at);
+    if (kind == 1) good[at] ^= static_cast<uint8_t>(1 + (*this)(255));
+    if (kind == 2) good.push_back(static_cast<uint8_t>(rng_()));
+    return kind == 3 ? Junk(40) : good;
   }
 
  private:
-  std::string socket_;
-  std::string log_;
-  pid_t pid_ = -1;
+  std::string Pick(const std::vector<std::string>& from) { return from[(*this)(from.size())]; }
+  std::mt19937_64 rng_;
+  std::vector<std::string> methods_ = {"", "x", "listen", "cancel"};
+  std::vector<std::string> keys_ = {"", "id", "value"};
+};
+
+// Channels the host registers, from its own account of its start-up (the third field).
+std::vector<std::string> RegisteredChannels() {
+  std::vector<std::string> channels;
+  FILE* out = popen(CORVANE_HOST_BINARY " --print-registrations", "r");
+  for (char line[1024]; out && fgets(line, sizeof line, out);) {
+    std::stringstream fields(line), names;
+    std::string name;
+    for (int field = 0; field < 3; ++field) std::getline(fields, name, '\t');
+    for (names.str(name); std::getline(names, name, ',');) channels.push_back(name);
+  }
+  EXPECT_TRUE(out && pclose(out) == 0);
+  std::erase(channels, "-");
+  return channels;
+}
+
+// The host in a folder of the test's own, its output in a log there. It dies with this process,
+// however that ends. `nofile_limit` > 0 lowers its descriptor limit to that many.
+class HostProcess {
+ public:
+  HostProcess(const std::string& dir, rlim_t nofile_limit)
+      : socket_(dir + "/engine.sock"), log_(dir + "/host.log") {
+    pid_ = fork();
+    if (pid_ != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const rlimit limit{nofile_limit, nofile_limit};
+    if (nofile_limit > 0) setrlimit(RLIMIT_NOFILE, &limit);
+    const int log = open(log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(log, STDERR_FILENO);
+    dup2(log, STDOUT_FILENO);
+    // Random calls name relative paths (a backup to "a"): they land in the test's own folder.
+    if (chdir(dir.c_str()) == 0) {
+      execl(CORVANE_HOST_BINARY, CORVANE_HOST_BINARY, "--headless", "--engine-socket",
+            socket_.c_str(), nullptr);
+    }
+    _exit(127);
+  }
+  ~HostProcess() { alive() && kill(pid_, SIGTERM) == 0 && waitpid(pid_, nullptr, 0); }
+  bool alive() { return !exited_ && !(exited_ = waitpid(pid_, nullptr, WNOHANG) == pid_); }
+  std::string Log() const {
+    std::ostringstream text;
+    text << std::ifstream(log_).rdbuf();
+    return text.str();
+  }
+  const std::string socket_, log_;
+
+ private:
+  pid_t pid_;
   bool exited_ = false;
 };
 
 class RobustnessTest : public ::testing::Test {
  protected:
   virtual rlim_t DescriptorLimit() const { return 0; }
-
   void SetUp() override {
-    char tmpl[] = "/tmp/corvane-robustness-XXXXXX";
-    dir_ = mkdtemp(tmpl);
-    host_ = std::make_unique<HostProcess>(dir_, DescriptorLimit());
-    ASSERT_TRUE(host_->WaitForSocket(client_)) << host_->LogTail();
+    host_.emplace(dir_, DescriptorLimit());
+    for (int i = 0; i < 500 && host_->alive() && !client_.Connect(host_->socket_); ++i) {
+      std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(client_.connected()) << host_->Log();
   }
   void TearDown() override {
-    client_.Close();
     host_.reset();
     std::filesystem::remove_all(dir_);
   }
 
-  // Reads frames until every id in `waiting` is answered or `timeout` passes. Counts every
-  // reply per id; answers host-initiated calls with the empty reply, as a client should.
-  void Collect(WireClient& client, std::set<uint32_t>& waiting, std::map<uint32_t, int>& replies,
+  // Reads frames until every id in `waiting` is answered or `timeout` passes, counting replies
+  // per id; answers the host's own calls with the empty reply, as a client should.
+  void Collect(std::set<uint32_t>& waiting, std::map<uint32_t, int>& replies,
                std::chrono::seconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!waiting.empty() && std::chrono::steady_clock::now() < deadline) {
-      auto frame = client.Receive(200);
-      if (!frame) {
-        if (client.closed()) break;
-        continue;
+    while (!waiting.empty() && !client_.closed() && std::chrono::steady_clock::now() < deadline) {
+      auto frame = client_.Receive(200);
+      if (frame && frame->kind == engine::FrameKind::kMessage && frame->id != 0) {
+        client_.SendRaw(engine::EncodeReplyFrame(frame->id, {}));
       }
-      if (frame->kind == engine::FrameKind::kMessage) {
-        if (frame->id != 0) client.SendRaw(engine::EncodeReplyFrame(frame->id, {}));
-        continue;
-      }
+      if (!frame || frame->kind == engine::FrameKind::kMessage) continue;
       ++replies[frame->id];
-      if (!frame->payload.empty()) {
-        auto envelope = channel::DecodeEnvelope(frame->payload);
-        EXPECT_TRUE(envelope) << "reply to " << frame->id
-                              << " is not an envelope: " << envelope.error;
-      }
+      auto envelope = channel::DecodeEnvelope(frame->payload);
+      EXPECT_TRUE(frame->payload.empty() || envelope) << frame->id << ": " << envelope.error;
       waiting.erase(frame->id);
     }
   }
 
-  std::string dir_;
-  std::unique_ptr<HostProcess> host_;
+  const std::string dir_ = [] {
+    char tmpl[] = "/tmp/corvane-robustness-XXXXXX";
+    return std::string(mkdtemp(tmpl));
+  }();
+  std::optional<HostProcess> host_;
   WireClient client_;
 };
 
-TEST_F(RobustnessTest, EveryCallGetsExactlyOneReplyAndTheHostStaysUp) {
+TEST_F(RobustnessTest, EveryCallGetsOneReplyAndGarbageOrVanishingClientsLeaveTheHostUp) {
   const uint64_t seed = EnvNumber("CORVANE_ROBUSTNESS_SEED", std::random_device()());
   const uint64_t total = EnvNumber("CORVANE_ROBUSTNESS_CALLS", 4000);
-  std::printf("robustness seed %llu, %llu calls\n", static_cast<unsigned long long>(seed),
-              static_cast<unsigned long long>(total));
-  SCOPED_TRACE("CORVANE_ROBUSTNESS_SEED=" + std::to_string(seed));
-
+  SCOPED_TRACE("CORVANE_ROBUSTNESS_SEED=" + std::to_string(seed));  // replays this run
   std::vector<std::string> channels = RegisteredChannels();
-  const size_t registered = channels.size();
   // Channels nobody registered, including near misses of real ones.
   channels.insert(channels.end(), {"corvane/nothing", "io.corvane/Udp", "corvane/udp/"});
-
-  RandomCalls random = RandomCallsFor(seed);
+  Random random(seed);
 
   std::set<uint32_t> waiting;
   std::map<uint32_t, int> replies;
-  uint32_t next_id = 1;
-  for (uint64_t sent = 0; sent < total;) {
+  for (uint32_t id = 1; id <= total; ++id) {
+    const std::string& channel = channels[random(channels.size())];
+    const Bytes payload =
+        random(5) == 0 ? random.Malformed() : channel::EncodeMethodCall(random.Call());
+    // One in twenty wants no reply: none may come, and the call still must not hurt.
+    const bool wants_reply = random(20) != 0;
+    ASSERT_TRUE(client_.SendMessage(wants_reply ? id : 0, channel, payload)) << host_->Log();
+    if (wants_reply) waiting.insert(id);
     // Batches keep many calls in flight at once, as a busy engine would.
-    for (int i = 0; i < 50 && sent < total; ++i, ++sent) {
-      const std::string& channel = channels[random.rng()() % channels.size()];
-      const uint32_t id = next_id++;
-      const bool malformed = random.rng()() % 5 == 0;
-      const Bytes payload =
-          malformed ? random.Malformed() : channel::EncodeMethodCall(random.Call());
-      if (random.rng()() % 20 == 0) {
-        // No reply wanted: none may come, and the call still must not hurt.
-        ASSERT_TRUE(client_.SendMessage(0, channel, payload));
-        continue;
-      }
-      ASSERT_TRUE(client_.SendMessage(id, channel, payload)) << host_->LogTail();
-      waiting.insert(id);
-    }
-    Collect(client_, waiting, replies, 5s);
+    if (id % 50 == 0) Collect(waiting, replies, 5s);
   }
-  Collect(client_, waiting, replies, 60s);
+  Collect(waiting, replies, 60s);
+  EXPECT_TRUE(waiting.empty()) << waiting.size() << " calls never answered\n" << host_->Log();
+  for (const auto& [id, count] : replies) EXPECT_EQ(count, id == 0 ? 0 : 1) << "call " << id;
 
-  EXPECT_TRUE(waiting.empty()) << waiting.size() << " calls never answered, first id "
-                               << (waiting.empty() ? 0 : *waiting.begin()) << "\n"
-                               << host_->LogTail();
-  for (const auto& [id, count] : replies) {
-    EXPECT_EQ(count, 1) << "call " << id << " answered " << count << " times";
-    EXPECT_NE(id, 0u) << "a message that wanted no reply got one";
-  }
-  EXPECT_TRUE(host_->alive()) << host_->LogTail();
-  std::printf("%zu registered channels, %zu replies\n", registered, replies.size());
-}
-
-TEST_F(RobustnessTest, GarbageFramesAndVanishingClientsLeaveTheHostUp) {
-  const uint64_t seed = EnvNumber("CORVANE_ROBUSTNESS_SEED", std::random_device()());
-  SCOPED_TRACE("CORVANE_ROBUSTNESS_SEED=" + std::to_string(seed));
-  std::vector<std::string> channels = RegisteredChannels();
-  channels.push_back("corvane/nothing");
-  RandomCalls random = RandomCallsFor(seed);
-
-  for (int round = 0; round < 200; ++round) {
+  // Garbage, and clients that go before the services answer (bad frames are the engine's tests).
+  for (int round = 0; round < 100; ++round) {
     WireClient c;
-    ASSERT_TRUE(c.Connect(host_->socket())) << host_->LogTail();
-    switch (round % 4) {
-      case 0: {  // random bytes where a frame should be
-        Bytes junk(1 + random.rng()() % 64);
-        for (auto& b : junk) b = static_cast<uint8_t>(random.rng()());
-        c.SendRaw(junk);
-        break;
-      }
-      case 1: {  // a frame announcing more than the limit
-        c.SendRaw(Bytes{0xff, 0xff, 0xff, 0x7f, 1, 1, 0, 0, 0});
-        break;
-      }
-      case 2: {  // calls, then gone before the replies
-        for (uint32_t id = 1; id <= 20; ++id) {
-          const std::string& channel = channels[random.rng()() % channels.size()];
-          c.SendMessage(id, channel, channel::EncodeMethodCall(random.Call()));
-        }
-        break;
-      }
-      default: {  // half a frame, then gone
-        Bytes frame =
-            engine::EncodeMessageFrame(1, channels[0], channel::EncodeMethodCall(random.Call()));
-        frame.resize(frame.size() / 2);
-        c.SendRaw(frame);
-      }
+    ASSERT_TRUE(c.Connect(host_->socket_)) << host_->Log();
+    if (round % 2 == 0) c.SendRaw(random.Junk(64));
+    for (uint32_t id = 1; round % 2 == 1 && id <= 20; ++id) {
+      c.SendMessage(id, channels[random(channels.size())],
+                    channel::EncodeMethodCall(random.Call()));
     }
   }
   // The host still serves: a call on a channel without handler gets its empty reply.
   ASSERT_TRUE(client_.SendCall(77, "corvane/nothing", "ping"));
-  std::set<uint32_t> waiting = {77};
-  std::map<uint32_t, int> replies;
-  Collect(client_, waiting, replies, 30s);
-  EXPECT_EQ(replies[77], 1) << host_->LogTail();
-  EXPECT_TRUE(host_->alive()) << host_->LogTail();
-}
-
-// A client that sends and never reads costs the host a bounded amount of memory, however small
-// the replies it leaves waiting, and the host goes on serving everyone else.
-TEST_F(RobustnessTest, AClientThatNeverReadsCostsBoundedMemory) {
-  WireClient hog;
-  ASSERT_TRUE(hog.Connect(host_->socket()));
-  const int small = 4096;
-  setsockopt(hog.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-  const long before_kb = host_->StatusKb("VmHWM");
-  // Calls on a channel nobody handles: each reply is a 9-byte frame, the costliest kind to keep.
-  const Bytes call = engine::EncodeMessageFrame(1, "x", {});
-  Bytes batch;
-  for (int i = 0; i < 4096; ++i) batch.insert(batch.end(), call.begin(), call.end());
-  size_t sent = 0;
-  while (sent < 3'000'000 && hog.SendRaw(batch)) sent += 4096;
-  // Let the host work through what it was sent.
-  WireClient probe;
-  ASSERT_TRUE(probe.Connect(host_->socket())) << host_->LogTail();
-  ASSERT_TRUE(probe.SendCall(5, "corvane/udp", "capabilities"));
-  EXPECT_TRUE(probe.WaitReply(5, 60000).has_value()) << host_->LogTail();
-  const long peak_kb = host_->StatusKb("VmHWM");
-  std::printf("non-reading client: %zu calls sent, host peak RSS %ld kB -> %ld kB (+%ld kB)\n",
-              sent, before_kb, peak_kb, peak_kb - before_kb);
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  // A sanitizer's quarantine and shadow memory make the host's size meaningless here.
-#else
-  EXPECT_LT(peak_kb - before_kb, 64 * 1024) << "one client that does not read cost too much";
-#endif
-  EXPECT_TRUE(host_->alive()) << host_->LogTail();
+  waiting = {77};
+  replies.clear();
+  Collect(waiting, replies, 30s);
+  EXPECT_EQ(replies, (std::map<uint32_t, int>{{77, 1}})) << host_->Log();
+  EXPECT_TRUE(host_->alive()) << host_->Log();
 }
 
 class DescriptorLimitTest : public RobustnessTest {
@@ -327,61 +252,44 @@ class DescriptorLimitTest : public RobustnessTest {
 };
 
 // UDP sessions that ask for more sockets than the process may open are refused with "failed"
-// events; the engine keeps accepting its clients, without spinning or flooding its log.
+// events; the engine keeps accepting its clients, without flooding its log.
 TEST_F(DescriptorLimitTest, SocketsPastTheLimitFailAndTheEngineStillServes) {
   ASSERT_TRUE(client_.SendCall(1, "corvane/udp_events", "listen"));
   ASSERT_TRUE(client_.WaitReply(1, 10000).has_value());
   const int sessions = 2 * static_cast<int>(kLimit);
   for (int i = 0; i < sessions; ++i) {
-    channel::ValueMap args;
-    args.Set("sessionId", channel::Value("s" + std::to_string(i)));
-    args.Set("port", channel::Value::Integer(0));
-    ASSERT_TRUE(client_.SendCall(100 + i, "corvane/udp", "openListener", channel::Value(args)));
+    channel::ValueMap args{{Value("sessionId"), Value("s" + std::to_string(i))},
+                           {Value("port"), Value::Integer(0)}};
+    ASSERT_TRUE(client_.SendCall(100 + i, "corvane/udp", "openListener", Value(args)));
   }
-  int ready = 0, failed = 0;
+  std::map<std::string, int> events;  // "ready" and "failed"
   std::set<uint32_t> replies;
   const auto deadline = std::chrono::steady_clock::now() + 30s;
-  while (ready + failed < sessions && std::chrono::steady_clock::now() < deadline) {
+  while (events["ready"] + events["failed"] < sessions &&
+         std::chrono::steady_clock::now() < deadline) {
     auto frame = client_.Receive(500);
     if (!frame) continue;
-    if (frame->kind == engine::FrameKind::kReply) {
-      replies.insert(frame->id);
-      continue;
-    }
+    if (frame->kind == engine::FrameKind::kReply) replies.insert(frame->id);
     auto event = channel::DecodeEnvelope(frame->payload);
-    if (!event || !event.value->value.map_if()) continue;
-    const channel::Value* type = event.value->value.map_if()->Find("type");
-    if (type && *type == channel::Value("ready")) ++ready;
-    if (type && *type == channel::Value("failed")) ++failed;
+    const channel::ValueMap* map = event ? event.value->value.map_if() : nullptr;
+    const Value* type =
+        map && frame->kind == engine::FrameKind::kMessage ? map->Find("type") : nullptr;
+    if (type && type->string_if()) ++events[*type->string_if()];
   }
   EXPECT_EQ(replies.size(), static_cast<size_t>(sessions));
-  EXPECT_GT(ready, 0);
-  EXPECT_GT(failed, 0) << "every session got a socket under a limit of " << kLimit;
+  EXPECT_GT(events["ready"], 0);
+  EXPECT_GT(events["failed"], 0) << "every session got a socket under a limit of " << kLimit;
 
-  // UDP has taken all it may; new clients must still be served, and the host must be quiet
-  // while nothing happens.
-  const size_t log_before = host_->LogSize();
-  const long cpu_before = host_->CpuTicks();
-  const auto started = std::chrono::steady_clock::now();
+  // UDP has taken all it may; new clients must still be served, and the log stay quiet.
+  const size_t log_before = host_->Log().size();
   WireClient late[8];
   for (WireClient& c : late) {
-    ASSERT_TRUE(c.Connect(host_->socket()));
+    ASSERT_TRUE(c.Connect(host_->socket_));
     ASSERT_TRUE(c.SendCall(9, "corvane/udp", "capabilities"));
   }
-  bool served = true;
-  for (WireClient& c : late) served = c.WaitReply(9, 10000).has_value() && served;
-  const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(
-      std::chrono::steady_clock::now() - started);
+  for (WireClient& c : late) EXPECT_TRUE(c.WaitReply(9, 10000).has_value()) << host_->Log();
   std::this_thread::sleep_for(2s);
-  const long cpu_ticks = host_->CpuTicks() - cpu_before;
-  const size_t log_growth = host_->LogSize() - log_before;
-  std::printf(
-      "at the descriptor limit: 8 new clients %s after %lld ms; host CPU %ld ticks "
-      "(of %ld per second), log +%zu bytes\n",
-      served ? "served" : "NOT served", static_cast<long long>(waited.count()), cpu_ticks,
-      sysconf(_SC_CLK_TCK), log_growth);
-  EXPECT_TRUE(served) << host_->LogTail();
-  EXPECT_LT(log_growth, 16u * 1024) << host_->LogTail();
+  EXPECT_LT(host_->Log().size() - log_before, 16u * 1024) << host_->Log();
   EXPECT_TRUE(host_->alive());
 }
 

@@ -17,16 +17,12 @@ WireClient::~WireClient() { Close(); }
 bool WireClient::Connect(const std::string& path) {
   Close();
   fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
+  sockaddr_un addr{.sun_family = AF_UNIX, .sun_path = {}};
   std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-  if (connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    Close();
-    return false;
-  }
   closed_ = false;
   reader_ = engine::FrameReader();
-  return true;
+  if (connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) Close();
+  return fd_ >= 0;
 }
 
 void WireClient::Close() {
@@ -45,54 +41,37 @@ bool WireClient::SendRaw(const engine::Bytes& bytes) {
   return true;
 }
 
-bool WireClient::SendMessage(uint32_t id, const std::string& channel,
-                             const engine::Bytes& payload) {
-  return SendRaw(engine::EncodeMessageFrame(id, channel, payload));
+namespace {
+using Clock = std::chrono::steady_clock;
+int Left(Clock::time_point deadline) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return left > 0 ? static_cast<int>(left) : 0;
 }
-
-bool WireClient::SendCall(uint32_t id, const std::string& channel, const std::string& method,
-                          channel::Value args) {
-  return SendMessage(id, channel, channel::EncodeMethodCall({method, std::move(args)}));
-}
+}  // namespace
 
 std::optional<engine::Frame> WireClient::Receive(int timeout_ms, bool pump_main) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
     if (auto frame = reader_.Next()) return frame;
-    if (closed_ || reader_.failed()) return std::nullopt;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          deadline - std::chrono::steady_clock::now())
-                          .count();
-    if (left <= 0) return std::nullopt;
-    if (pump_main) {
-      while (g_main_context_iteration(nullptr, FALSE)) {
-      }
+    if (closed_ || reader_.failed() || Left(deadline) == 0) return std::nullopt;
+    while (pump_main && g_main_context_iteration(nullptr, FALSE)) {
     }
     pollfd p{fd_, POLLIN, 0};
-    const int ready = poll(&p, 1, pump_main ? 1 : static_cast<int>(left));
-    if (ready <= 0) continue;
+    if (poll(&p, 1, pump_main ? 1 : Left(deadline)) <= 0) continue;
     uint8_t buffer[65536];
     const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      closed_ = true;
-      continue;
-    }
-    reader_.Append(std::span<const uint8_t>(buffer, static_cast<size_t>(n)));
+    closed_ = n <= 0;
+    if (n > 0) reader_.Append(std::span<const uint8_t>(buffer, static_cast<size_t>(n)));
   }
 }
 
 std::optional<engine::Bytes> WireClient::WaitReply(uint32_t id, int timeout_ms, bool pump_main) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          deadline - std::chrono::steady_clock::now())
-                          .count();
-    if (left <= 0) return std::nullopt;
-    auto frame = Receive(static_cast<int>(left), pump_main);
-    if (!frame) return std::nullopt;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (auto frame = Receive(Left(deadline), pump_main)) {
     if (frame->kind == engine::FrameKind::kReply && frame->id == id) return frame->payload;
   }
+  return std::nullopt;
 }
 
 }  // namespace corvane::testing

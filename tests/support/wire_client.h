@@ -1,5 +1,4 @@
-// A blocking client of the engine socket for tests. When the engine runs in the same process,
-// pass pump_main = true so the main context turns while the client waits.
+// A blocking client of the engine socket; pump_main turns the main context while it waits.
 #pragma once
 
 #include <optional>
@@ -23,9 +22,13 @@ class WireClient {
   int fd() const { return fd_; }
 
   bool SendRaw(const engine::Bytes& bytes);
-  bool SendMessage(uint32_t id, const std::string& channel, const engine::Bytes& payload);
+  bool SendMessage(uint32_t id, const std::string& channel, const engine::Bytes& payload) {
+    return SendRaw(engine::EncodeMessageFrame(id, channel, payload));
+  }
   bool SendCall(uint32_t id, const std::string& channel, const std::string& method,
-                channel::Value args = channel::Value());
+                channel::Value args = channel::Value()) {
+    return SendMessage(id, channel, channel::EncodeMethodCall({method, std::move(args)}));
+  }
 
   // The next frame, or nothing on time-out or when the host closed the connection (closed()).
   std::optional<engine::Frame> Receive(int timeout_ms, bool pump_main = false);

@@ -1,18 +1,21 @@
-#include "discovery/avahi_daemon.h"
+#include "avahi_daemon.h"
 
 #include <gio/gio.h>
 #include <gio/gunixinputstream.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace corvane::discovery::testing {
 
 // GIO's subprocesses, because these tests have threads running: they fork and exec safely.
+// This process owns the pair: the script's watcher stops it once this process is gone.
 bool RunDaemonScript(const std::string& script, const std::string& dir,
                      const std::string& command) {
   GSubprocessLauncher* launcher = g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_SILENCE);
   g_subprocess_launcher_setenv(launcher, "AVAHI_CI_DIR", dir.c_str(), TRUE);
+  g_subprocess_launcher_setenv(launcher, "AVAHI_CI_OWNER", std::to_string(getpid()).c_str(), TRUE);
   GError* error = nullptr;
   GSubprocess* process =
       g_subprocess_launcher_spawn(launcher, &error, script.c_str(), command.c_str(), nullptr);
@@ -33,12 +36,14 @@ Child::Child(const std::vector<std::string>& argv, bool capture_stdout) {
   for (const std::string& a : argv) args.push_back(a.c_str());
   args.push_back(nullptr);
   GError* error = nullptr;
-  process_ = g_subprocess_newv(
-      args.data(),
-      static_cast<GSubprocessFlags>(
-          G_SUBPROCESS_FLAGS_STDERR_SILENCE |
-          (capture_stdout ? G_SUBPROCESS_FLAGS_STDOUT_PIPE : G_SUBPROCESS_FLAGS_STDOUT_SILENCE)),
-      &error);
+  GSubprocessLauncher* launcher = g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
+      G_SUBPROCESS_FLAGS_STDERR_SILENCE |
+      (capture_stdout ? G_SUBPROCESS_FLAGS_STDOUT_PIPE : G_SUBPROCESS_FLAGS_STDOUT_SILENCE)));
+  // Killed with this process, even when that is killed outright.
+  g_subprocess_launcher_set_child_setup(
+      launcher, +[](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
+  process_ = g_subprocess_launcher_spawnv(launcher, args.data(), &error);
+  g_object_unref(launcher);
   if (process_ == nullptr) {
     g_printerr("cannot run %s: %s\n", args[0], error->message);
     g_error_free(error);

@@ -1,6 +1,5 @@
-// The pieces of a real DNS-SD setup the tests and the benchmark drive: the private bus and
-// avahi-daemon started by scripts/avahi-test-daemon.sh, and avahi-publish / avahi-browse as
-// child processes.
+// The pieces of a real DNS-SD setup the benchmark drives: the private bus and avahi-daemon
+// started by scripts/avahi-test-daemon.sh, and avahi-publish / avahi-browse as child processes.
 #pragma once
 
 #include <string>
