@@ -29,10 +29,11 @@ using channel::ValueMap;
 // A plain UDP socket on 127.0.0.1 standing in for a command station.
 class Peer {
  public:
-  explicit Peer(bool reuse = false) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  explicit Peer(bool reuse = false, uint16_t port = 0)
+      : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     const int one = 1;
     if (reuse) setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a = Loopback(0);
+    sockaddr_in a = Loopback(port);
     bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
   }
   ~Peer() { close(fd_); }

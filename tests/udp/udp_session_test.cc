@@ -1,6 +1,7 @@
 // Sessions end to end: channel calls in, real datagrams out and back, events observed.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <thread>
 
 #include "udp/local_network_permission.h"
@@ -97,14 +98,33 @@ TEST_F(UdpSessionTest, ConnectedSessionsSendReceiveAndFail) {
     EXPECT_EQ(Text(*data, "fromHost"), "127.0.0.1");
     EXPECT_EQ(data->Find("fromPort")->integer(), station.port());
   }
+}
 
-  // A station whose port is closed: the refusal arrives as a "failed" event.
-  uint16_t closed_port = Peer().port();
-  Open("refused", "127.0.0.1", closed_port);
-  Send("refused", {1});
-  auto failed = WaitEvent("refused", "failed");
-  ASSERT_TRUE(failed);
-  EXPECT_FALSE(Text(*failed, "error").empty());
+// A station that reboots refuses datagrams for a while (ICMP port unreachable); the session
+// stays ready, and the station's answers arrive again once it is back.
+TEST_F(UdpSessionTest, ARebootingStationIsNoFailure) {
+  static std::atomic<int> refusals;
+  const guint handler = g_log_set_handler(
+      "corvane-udp", G_LOG_LEVEL_DEBUG,
+      [](const gchar*, GLogLevelFlags, const gchar* message, gpointer) {
+        if (strstr(message, "refused")) ++refusals;
+      },
+      nullptr);
+  auto station = std::make_unique<Peer>();
+  const uint16_t port = station->port();
+  Open("z21", "127.0.0.1", port);
+  station.reset();
+  Send("z21", {1});
+  dispatch::RunMainUntil([] { return refusals > 0; }, 5s);
+  EXPECT_GT(refusals, 0) << "the refusal is logged";
+  station = std::make_unique<Peer>(false, port);
+  Send("z21", {2});
+  auto request = station->Receive();
+  ASSERT_TRUE(request) << "sends without a host go out again";
+  station->SendTo(request->from_port, {3});
+  EXPECT_TRUE(WaitData("z21", {3}));
+  for (const ValueMap& event : Events()) EXPECT_NE(Text(event, "type"), "failed");
+  g_log_remove_handler("corvane-udp", handler);
 }
 
 // Datagrams of one session to one destination leave in the order they were sent, also while
