@@ -5,8 +5,7 @@
 
 namespace corvane::documents {
 
-// Sends WM_DELETE_WINDOW to every mapped top-level window on `display_name` that takes it.
-// Returns how many were asked.
+// Sends WM_DELETE_WINDOW to every mapped top-level window on `display_name`; how many it asked.
 int CloseTopLevelWindows(const std::string& display_name);
 
 }  // namespace corvane::documents
