@@ -35,15 +35,13 @@ class Peer {
     if (reuse) setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in a = Loopback(port);
     bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    socklen_t n = sizeof a;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &n);
+    port_ = ntohs(a.sin_port);
   }
   ~Peer() { close(fd_); }
 
-  uint16_t port() const {
-    sockaddr_in a{};
-    socklen_t n = sizeof a;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &n);
-    return ntohs(a.sin_port);
-  }
+  uint16_t port() const { return port_; }
   void SendTo(uint16_t port, const channel::Bytes& data) const {
     sockaddr_in a = Loopback(port);
     sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
@@ -68,13 +66,10 @@ class Peer {
 
  private:
   static sockaddr_in Loopback(uint16_t port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(port);
-    return a;
+    return sockaddr_in{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
   }
   int fd_;
+  uint16_t port_ = 0;
 };
 
 // Wraps the real network so a test can hold back two things the loopback never lets it catch

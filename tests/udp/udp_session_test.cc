@@ -84,45 +84,35 @@ TEST_F(UdpSessionTest, MethodsAnswerExactlyAndValidateArguments) {
   EXPECT_EQ(browsers_started_, 1);
 }
 
-TEST_F(UdpSessionTest, ConnectedSessionsSendReceiveAndFail) {
-  Peer station;
-  for (const char* host : {"127.0.0.1", "localhost"}) {
-    Open(host, host, station.port());
-    Send(host, {4, 0, 0x10, 0});
-    auto request = station.Receive();
-    ASSERT_TRUE(request) << host;
-    EXPECT_EQ(request->data, channel::Bytes({4, 0, 0x10, 0}));
-    station.SendTo(request->from_port, {8, 0, 0x10, 0, 1});
-    auto data = WaitData(host, {8, 0, 0x10, 0, 1});
-    ASSERT_TRUE(data) << host;
-    EXPECT_EQ(Text(*data, "fromHost"), "127.0.0.1");
-    EXPECT_EQ(data->Find("fromPort")->integer(), station.port());
-  }
-}
-
 // A station that reboots refuses datagrams for a while (ICMP port unreachable); the session
 // stays ready, and the station's answers arrive again once it is back.
-TEST_F(UdpSessionTest, ARebootingStationIsNoFailure) {
+TEST_F(UdpSessionTest, ConnectedSessionsOutliveARebootingStation) {
   static std::atomic<int> refusals;
   const guint handler = g_log_set_handler(
       "corvane-udp", G_LOG_LEVEL_DEBUG,
       [](const gchar*, GLogLevelFlags, const gchar* message, gpointer) {
-        if (strstr(message, "refused")) ++refusals;
+        refusals += strstr(message, "refused") != nullptr;
       },
       nullptr);
   auto station = std::make_unique<Peer>();
   const uint16_t port = station->port();
-  Open("z21", "127.0.0.1", port);
-  station.reset();
-  Send("z21", {1});
-  dispatch::RunMainUntil([] { return refusals > 0; }, 5s);
-  EXPECT_GT(refusals, 0) << "the refusal is logged";
-  station = std::make_unique<Peer>(false, port);
-  Send("z21", {2});
-  auto request = station->Receive();
-  ASSERT_TRUE(request) << "sends without a host go out again";
-  station->SendTo(request->from_port, {3});
-  EXPECT_TRUE(WaitData("z21", {3}));
+  for (const char* host : {"127.0.0.1", "localhost"}) {
+    Open(host, host, port);
+    station.reset();
+    refusals = 0;
+    Send(host, {1});
+    dispatch::RunMainUntil([] { return refusals > 0; }, 5s);
+    EXPECT_GT(refusals, 0) << "the refusal is logged";
+    station = std::make_unique<Peer>(false, port);
+    Send(host, {4, 0, 0x10, 0});
+    auto request = station->Receive();
+    ASSERT_TRUE(request && request->data == channel::Bytes({4, 0, 0x10, 0})) << host;
+    station->SendTo(request->from_port, {8, 0, 0x10, 0, 1});
+    auto data = WaitData(host, {8, 0, 0x10, 0, 1});
+    ASSERT_TRUE(data) << host;
+    EXPECT_EQ(Text(*data, "fromHost"), "127.0.0.1");
+    EXPECT_EQ(data->Find("fromPort")->integer(), port);
+  }
   for (const ValueMap& event : Events()) EXPECT_NE(Text(event, "type"), "failed");
   g_log_remove_handler("corvane-udp", handler);
 }
