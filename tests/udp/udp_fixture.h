@@ -84,6 +84,8 @@ class HoldingNetwork : public UdpNetwork {
   // Holds back a flow's start, so that it stays in setup as one whose host name still
   // resolves would.
   std::atomic<bool> hold_start{false};
+  // Never starts a flow's receive loop, so a socket error waits for the next send.
+  std::atomic<bool> hold_receive{false};
 
   std::shared_ptr<UdpFlow> Connect(const std::string& host, uint16_t port) override {
     auto inner = inner_->Connect(host, port);
@@ -129,7 +131,9 @@ class HoldingNetwork : public UdpNetwork {
       network_.Hold([inner = inner_] { inner->Start(); });
     }
     FlowState state() const override { return inner_->state(); }
-    void Receive(ReceiveHandler handler) override { inner_->Receive(std::move(handler)); }
+    void Receive(ReceiveHandler handler) override {
+      if (!network_.hold_receive) inner_->Receive(std::move(handler));
+    }
     void Send(Bytes data, SendCompletion completion) override {
       if (!network_.hold_completions || !completion) {
         return inner_->Send(std::move(data), std::move(completion));

@@ -231,5 +231,21 @@ TEST_F(GuardedSendTest, EndingsAfterTheHandOverAreUncertain) {
   AwaitAll(calls);
 }
 
+// The write itself reports the refusal that an earlier datagram drew (ICMP port unreachable):
+// that send is uncertain, and the session stays ready for the station's return.
+TEST_F(GuardedSendTest, ARefusedWriteIsUncertainAndTheSessionStaysReady) {
+  holding_->hold_receive = true;  // no receive loop to take the error first
+  auto station = std::make_unique<Peer>();
+  const uint16_t port = station->port();
+  Open("s", "127.0.0.1", port);
+  station.reset();
+  Send("s", {1});
+  EXPECT_EQ(Guarded(Args("r")), Status("r", "uncertain", true));
+  station = std::make_unique<Peer>(false, port);
+  Send("s", {2});
+  auto got = station->Receive();
+  EXPECT_TRUE(got && got->data == channel::Bytes{2}) << "sends without a host go out again";
+}
+
 }  // namespace
 }  // namespace corvane::udp::testing
