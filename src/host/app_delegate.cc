@@ -125,7 +125,7 @@ int AppDelegate::OnCommandLine(GApplication* application, GApplicationCommandLin
   gchar** argv = g_application_command_line_get_arguments(command_line, &argc);
   const char* cwd = g_application_command_line_get_cwd(command_line);
   gchar* own_cwd = cwd ? nullptr : g_get_current_dir();
-  // Run() put the documents behind "--", which the option parser may or may not have taken.
+  // Run() puts the documents behind "--", and GApplication passes the separator on.
   const int first = argc > 1 && std::strcmp(argv[1], "--") == 0 ? 2 : 1;
   std::vector<std::string> urls;
   for (int i = first; i < argc; ++i) urls.push_back(DocumentUrl(argv[i], cwd ? cwd : own_cwd));
