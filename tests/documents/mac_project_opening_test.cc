@@ -26,6 +26,14 @@ struct FakeWindow : DocumentWindow {
   Urls& log;
 };
 
+// What a reply says, in one line.
+std::string Said(const MethodReply& r) {
+  if (r.kind == Kind::kNotImplemented) return "not implemented";
+  if (r.kind == Kind::kSuccess) return r.value.is_null() ? "ok" : "value";
+  return r.error.code + ": " + r.error.message.value_or("<none>") +
+         (r.error.details.is_null() ? "" : " (with details)");
+}
+
 class DocumentsOpeningTest : public ::testing::Test {
  protected:
   DocumentsOpeningTest() { Make(); }
@@ -75,10 +83,14 @@ class DocumentsOpeningTest : public ::testing::Test {
   }
 
   void Release(const std::string& path, bool keep) {
-    ValueMap args;
-    args.Set("path", Value(path));
-    args.Set("keepAccess", Value(keep));
-    EXPECT_EQ(Call("release", Value(std::move(args))).kind, Kind::kSuccess);
+    EXPECT_EQ(Said(Call("release", Receipt("path", Value(path), "keepAccess", Value(keep)))), "ok");
+  }
+  static Value Receipt(const char* key, Value value, const char* key2 = nullptr,
+                       Value value2 = Value()) {
+    ValueMap m;
+    m.Set(key, std::move(value));
+    if (key2) m.Set(key2, std::move(value2));
+    return Value(std::move(m));
   }
 
   size_t ChangedCalls() const {
@@ -88,14 +100,6 @@ class DocumentsOpeningTest : public ::testing::Test {
       n += call && call.value->method == "changed" && call.value->arguments.is_null();
     }
     return n;
-  }
-
-  static void ExpectError(const MethodReply& reply, const std::string& code,
-                          const std::string& message) {
-    EXPECT_EQ(reply.kind, Kind::kError);
-    EXPECT_EQ(reply.error.code + ": " + reply.error.message.value_or("<none>"),
-              code + ": " + message);
-    EXPECT_TRUE(reply.error.details.is_null());
   }
 
   engine::LoopbackEngine engine_;
@@ -152,7 +156,7 @@ TEST_F(DocumentsOpeningTest, TakePendingBeforeLaunchIsParkedAndAnsweredAtLaunch)
   Open({"file:///p/a.corvane", "file:///p/x.txt"});
   auto parked = Send("takePending");
   EXPECT_TRUE(parked->empty());
-  ExpectError(Call("takePending"), "busy", "Initial document handoff pending");
+  EXPECT_EQ(Said(Call("takePending")), "busy: Initial document handoff pending");
   Open({"file:///p/b.corvane"});
   service_->HandleDidFinishLaunching();
   service_->HandleDidFinishLaunching();
@@ -195,7 +199,7 @@ TEST_F(DocumentsOpeningTest, ReleaseAllGivesGrantedAccessBackAndKeepsTheRejected
   Open({"file:///p/a.corvane", "file:///p/b.corvane", "file:///p/x.txt"});
   Call("activeProject", Value("/p/a.corvane"));
   Release("/p/a.corvane", true);
-  EXPECT_EQ(Call("releaseAll").kind, Kind::kSuccess);
+  EXPECT_EQ(Said(Call("releaseAll")), "ok");
   // Access that was denied is queued all the same and never ended.
   EXPECT_EQ(ended_, (Urls{"file:///p/b.corvane", "file:///p/a.corvane"}));
   Take({}, /*rejected=*/true);
@@ -207,23 +211,16 @@ TEST_F(DocumentsOpeningTest, ReleaseAllGivesGrantedAccessBackAndKeepsTheRejected
 
 TEST_F(DocumentsOpeningTest, BadReceiptsAndUnknownMethods) {
   service_->HandleDidFinishLaunching();
-  auto map = [](const char* key, Value value, const char* key2 = nullptr, Value value2 = Value()) {
-    ValueMap m;
-    m.Set(key, std::move(value));
-    if (key2) m.Set(key2, std::move(value2));
-    return Value(std::move(m));
-  };
-  for (const Value& args :
-       {Value(), Value("/p/a.corvane"), map("path", Value("/p/a.corvane")),
-        map("keepAccess", Value(true)), map("path", Value(int32_t{1}), "keepAccess", Value(true)),
-        map("path", Value("/p/a.corvane"), "keepAccess", Value("true"))}) {
+  for (const Value& args : {Value(), Value("/p/a.corvane"), Receipt("path", Value("/p/a.corvane")),
+                            Receipt("keepAccess", Value(true)),
+                            Receipt("path", Value(int32_t{1}), "keepAccess", Value(true)),
+                            Receipt("path", Value("/p/a.corvane"), "keepAccess", Value("true"))}) {
     MethodReply reply = Call("release", args);
-    EXPECT_EQ(reply.error.code + ": " + reply.error.message.value_or(""),
-              "arguments: Invalid document receipt");
+    EXPECT_EQ(Said(reply), "arguments: Invalid document receipt (with details)");
     EXPECT_EQ(reply.error.details, args);
   }
   for (const char* method : {"TakePending", "changed", ""}) {
-    EXPECT_EQ(Call(method).kind, Kind::kNotImplemented) << method;
+    EXPECT_EQ(Said(Call(method)), "not implemented") << method;
   }
 }
 
@@ -233,14 +230,14 @@ TEST_F(DocumentsOpeningTest, TerminationAndDestructionCloseEverything) {
   service_->HandleWillTerminate();
   Settle();
   ASSERT_EQ(parked->size(), 1u);
-  ExpectError(parked->front(), "closed", "Document receiver closed");
+  EXPECT_EQ(Said(parked->front()), "closed: Document receiver closed");
   EXPECT_EQ(ended_, (Urls{"file:///p/a.corvane", "file:///p/b.corvane"}));
   // Closed for good: launch does not reopen it, files are refused silently, every call fails.
   service_->HandleDidFinishLaunching();
   EXPECT_FALSE(Open({"file:///p/c.corvane"}));
   EXPECT_EQ(ChangedCalls(), 1u);
   for (const char* method : {"takePending", "releaseAll", "release", "nope"}) {
-    ExpectError(Call(method), "closed", "Document receiver closed");
+    EXPECT_EQ(Said(Call(method)), "closed: Document receiver closed") << method;
   }
 
   // Going away without termination gives access back and answers a parked call too.
