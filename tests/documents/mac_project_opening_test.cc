@@ -216,7 +216,7 @@ TEST_F(DocumentsOpeningTest, BadReceiptsAndUnknownMethods) {
                             Receipt("path", Value(int32_t{1}), "keepAccess", Value(true)),
                             Receipt("path", Value("/p/a.corvane"), "keepAccess", Value("true"))}) {
     MethodReply reply = Call("release", args);
-    EXPECT_EQ(reply.error.code + ": " + *reply.error.message,
+    EXPECT_EQ(reply.error.code + ": " + reply.error.message.value_or(""),
               "arguments: Invalid document receipt");
     EXPECT_EQ(reply.error.details, args);
   }
