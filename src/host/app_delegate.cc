@@ -3,6 +3,7 @@
 #include <gtk/gtk.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "host/main_flutter_window.h"
 #include "host/startup.h"
@@ -37,12 +38,17 @@ std::string InstanceApplicationId(const std::string& base_id, const std::string&
 AppDelegate::AppDelegate(HostOptions options, InfoDictionary info)
     : options_(std::move(options)), info_(std::make_unique<InfoDictionary>(std::move(info))) {
   const std::string id = InstanceApplicationId(ApplicationId(*info_), options_.engine_socket);
-  application_ = options_.headless
-                     ? g_application_new(id.c_str(), G_APPLICATION_HANDLES_OPEN)
-                     : G_APPLICATION(gtk_application_new(id.c_str(), G_APPLICATION_HANDLES_OPEN));
+  // The command line travels to the primary instance as written: turned into GFiles on the
+  // way, a URL would lose the host, query and fragment that decide whether it is refused.
+  // "open" stays for launchers that hand over files through the bus.
+  const auto flags =
+      GApplicationFlags(G_APPLICATION_HANDLES_OPEN | G_APPLICATION_HANDLES_COMMAND_LINE);
+  application_ = options_.headless ? g_application_new(id.c_str(), flags)
+                                   : G_APPLICATION(gtk_application_new(id.c_str(), flags));
   g_signal_connect(application_, "startup", G_CALLBACK(OnStartup), this);
   g_signal_connect(application_, "activate", G_CALLBACK(OnActivate), this);
   g_signal_connect(application_, "open", G_CALLBACK(OnOpen), this);
+  g_signal_connect(application_, "command-line", G_CALLBACK(OnCommandLine), this);
   g_signal_connect(application_, "shutdown", G_CALLBACK(OnShutdown), this);
 }
 
@@ -103,19 +109,44 @@ void AppDelegate::OnActivate(GApplication*, void* data) {
 
 void AppDelegate::OnOpen(GApplication*, GFile** files, int n_files, const char*, void* data) {
   auto* self = static_cast<AppDelegate*>(data);
-  if (!self->host_) return;
-  // Bringing an existing window forward is the document hand-off's part of an open.
-  self->EnsureMainWindow();
   std::vector<std::string> uris;
   for (int i = 0; i < n_files; ++i) {
     gchar* uri = g_file_get_uri(files[i]);
     uris.emplace_back(uri);
     g_free(uri);
   }
+  self->OpenDocuments(uris);
+}
+
+int AppDelegate::OnCommandLine(GApplication* application, GApplicationCommandLine* command_line,
+                               void* data) {
+  auto* self = static_cast<AppDelegate*>(data);
+  int argc = 0;
+  gchar** argv = g_application_command_line_get_arguments(command_line, &argc);
+  const char* cwd = g_application_command_line_get_cwd(command_line);
+  gchar* own_cwd = cwd ? nullptr : g_get_current_dir();
+  // Run() puts the documents behind "--", and GApplication passes the separator on.
+  const int first = argc > 1 && std::strcmp(argv[1], "--") == 0 ? 2 : 1;
+  std::vector<std::string> urls;
+  for (int i = first; i < argc; ++i) urls.push_back(DocumentUrl(argv[i], cwd ? cwd : own_cwd));
+  g_strfreev(argv);
+  g_free(own_cwd);
+  if (urls.empty()) {
+    g_application_activate(application);
+  } else {
+    self->OpenDocuments(urls);
+  }
+  return kExitOk;
+}
+
+void AppDelegate::OpenDocuments(const std::vector<std::string>& urls) {
+  if (!host_) return;
+  // Bringing an existing window forward is the document hand-off's part of an open.
+  EnsureMainWindow();
   // Documents that start the application arrive before launching has finished; those of a
   // second launch arrive as one batch.
-  self->host_->OpenUris(uris);
-  self->DidFinishLaunching();
+  host_->OpenUris(urls);
+  DidFinishLaunching();
 }
 
 void AppDelegate::OnShutdown(GApplication*, void* data) {

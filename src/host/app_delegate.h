@@ -15,6 +15,7 @@
 
 typedef struct _GApplication GApplication;
 typedef struct _GFile GFile;
+typedef struct _GApplicationCommandLine GApplicationCommandLine;
 
 namespace corvane::host {
 
@@ -39,11 +40,15 @@ class AppDelegate {
   static void OnActivate(GApplication* application, void* self);
   static void OnOpen(GApplication* application, GFile** files, int n_files, const char* hint,
                      void* self);
+  // Documents given on a command line, this launch's or a second one's, as written there.
+  static int OnCommandLine(GApplication* application, GApplicationCommandLine* command_line,
+                           void* self);
   static void OnShutdown(GApplication* application, void* self);
   static int OnTerminationSignal(void* self);
 
   // Builds the main window (registering the services) unless it exists; whether it did.
   bool EnsureMainWindow();
+  void OpenDocuments(const std::vector<std::string>& urls);
   // The window is up (or, headless, the services are) and every service registered: the
   // local-network permission question is provoked and the launch is handed to the document
   // hand-off (through the host's application delegates). Once.

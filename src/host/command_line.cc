@@ -1,5 +1,7 @@
 #include "host/command_line.h"
 
+#include <glib.h>
+
 namespace corvane::host {
 
 namespace {
@@ -90,6 +92,19 @@ std::string HelpText(const std::string& default_socket_path) {
          "     socket is at the path\n"
          "  2  bad command line, or the --info FILE is missing, unreadable or has no [Info]\n"
          "     group\n";
+}
+
+std::string DocumentUrl(const std::string& argument, const std::string& cwd) {
+  if (gchar* scheme = g_uri_parse_scheme(argument.c_str())) {
+    g_free(scheme);
+    return argument;
+  }
+  gchar* path = g_canonicalize_filename(argument.c_str(), cwd.empty() ? nullptr : cwd.c_str());
+  gchar* uri = g_filename_to_uri(path, nullptr, nullptr);
+  std::string url = uri ? uri : "";
+  g_free(uri);
+  g_free(path);
+  return url;
 }
 
 }  // namespace corvane::host

@@ -26,4 +26,9 @@ std::optional<HostOptions> ParseCommandLine(int argc, char** argv, std::string* 
 
 std::string HelpText(const std::string& default_socket_path);
 
+// The URL a document argument stands for: an argument with a scheme is taken exactly as
+// written, so that the document rules judge its host, query and fragment; anything else is a
+// path, relative to `cwd`, made into a file URL.
+std::string DocumentUrl(const std::string& argument, const std::string& cwd);
+
 }  // namespace corvane::host

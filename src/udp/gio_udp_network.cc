@@ -5,9 +5,10 @@
 //   connect()ed to it. Nothing has crossed the network yet; UDP has no handshake.
 // - a per-datagram send error: the result of that datagram's send(). Besides local trouble
 //   (no route, buffer full), a connected socket reports ECONNREFUSED there when an earlier
-//   datagram drew an ICMP port-unreachable. The receive side sees the same ICMP error; either
-//   way the flow fails with "Connection refused", because the peer's port is closed and the
-//   caller should learn it rather than keep writing into the void.
+//   datagram drew an ICMP port-unreachable (EHOSTUNREACH when the host did not answer at
+//   all), and the receive side sees the same ICMP error. Either way the flow stays ready: a
+//   station that is switched off and on again refuses datagrams for a while, and its answers
+//   must arrive again by themselves once it is back. Only local trouble fails the flow.
 // - "ready" for a listener: the port is bound. A listener's flows are the distinct remote
 //   endpoints it hears from; they share its socket and reply from its port.
 #include <arpa/inet.h>
@@ -45,6 +46,12 @@ constexpr size_t kMaxBufferedPerFlow = 16;
 constexpr size_t kDemuxPruneAt = 512;
 
 std::string Describe(int error) { return g_strerror(error); }
+
+// What an ICMP error from the far end leaves on a connected socket: the peer is not there right
+// now, which says nothing about the flow itself.
+bool IsPeerAbsent(int error) {
+  return error == ECONNREFUSED || error == EHOSTUNREACH || error == EHOSTDOWN;
+}
 
 std::string HostText(const sockaddr_in& address) {
   char text[INET_ADDRSTRLEN] = {};
@@ -203,7 +210,7 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
     if (sent < 0) {
       const int code = errno;
       error = Describe(code);
-      if (code == ECONNREFUSED) Fail(*error);
+      if (IsPeerAbsent(code)) LogPeerAbsent(*error);
     } else if (static_cast<size_t>(sent) != data.size()) {
       error = "datagram truncated";
     }
@@ -282,6 +289,10 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
       if (n < 0) {
         if (errno == EINTR) continue;
         if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+        if (IsPeerAbsent(errno)) {
+          self->LogPeerAbsent(Describe(errno));
+          continue;  // reading the error cleared it; datagrams may still wait behind it
+        }
         self->Fail(Describe(errno));
         return G_SOURCE_CONTINUE;  // Fail() destroyed the source already
       }
@@ -290,6 +301,11 @@ class ConnectedFlow final : public FlowBase, public std::enable_shared_from_this
       if (self->state_ != FlowState::kReady) break;
     }
     return G_SOURCE_CONTINUE;
+  }
+
+  void LogPeerAbsent(const std::string& error) const {
+    g_log(kLogDomain, G_LOG_LEVEL_DEBUG, "flow to %s:%u: datagram refused: %s", host_.c_str(),
+          port_, error.c_str());
   }
 
   void Fail(std::string error) {

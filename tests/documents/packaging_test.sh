@@ -35,20 +35,13 @@ export XDG_CONFIG_HOME=$work/home-config XDG_CONFIG_DIRS=$work/no-config GIO_USE
 export PATH=$prefix/bin:$PATH
 mkdir -p "$XDG_DATA_HOME" "$XDG_CONFIG_HOME"
 
-type_of() {
-  gio info -a standard::content-type "$1" | sed -n 's/^ *standard::content-type: //p'
-}
-check_type() {
-  local name=$1 expected=$2
+for pair in x.CORVANE=application/x-corvane-project Yard.CorvanePack=application/x-corvane-pack \
+            notes.corvane.txt=text/plain; do
+  name=${pair%%=*} expected=${pair#*=}
   printf '{"layout": 1}\n' >"$work/$name"  # not empty: the lookup also reads the content
-  local got
-  got=$(type_of "$work/$name")
+  got=$(gio info -a standard::content-type "$work/$name" | sed -n 's/^ *standard::content-type: //p')
   [[ $got == "$expected" ]] || fail "$name is '$got', expected '$expected'"
-}
-check_type x.CORVANE application/x-corvane-project
-check_type layout.corvane application/x-corvane-project
-check_type Yard.CorvanePack application/x-corvane-pack
-check_type notes.corvane.txt text/plain
+done
 
 # The desktop entry is among the applications offered for both types.
 for type in application/x-corvane-project application/x-corvane-pack; do
