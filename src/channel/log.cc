@@ -18,17 +18,20 @@ void SetLogSink(LogSink sink) {
   Sink() = std::move(sink);
 }
 
+std::string_view CutLogLine(std::string_view message, std::string& storage) {
+  if (message.size() <= kMaxLogLine) return message;
+  size_t end = kMaxLogLine - 32;  // room for the length note
+  while (end > 0 && (static_cast<unsigned char>(message[end]) & 0xc0) == 0x80) --end;
+  storage.assign(message.substr(0, end))
+      .append("... (")
+      .append(std::to_string(message.size()))
+      .append(" bytes)");
+  return storage;
+}
+
 void Log(LogLevel level, std::string_view domain, std::string_view message) {
   std::string cut;
-  if (message.size() > kMaxLogLine) {
-    size_t end = kMaxLogLine - 32;  // room for the length note
-    while (end > 0 && (static_cast<unsigned char>(message[end]) & 0xc0) == 0x80) --end;
-    cut.append(message.substr(0, end))
-        .append("... (")
-        .append(std::to_string(message.size()))
-        .append(" bytes)");
-    message = cut;
-  }
+  message = CutLogLine(message, cut);
   LogSink sink;
   {
     std::lock_guard lock(g_mutex);

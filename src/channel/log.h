@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <string>
 #include <string_view>
 
 namespace corvane::channel {
@@ -15,6 +16,9 @@ enum class LogLevel { kDebug, kInfo, kWarning };
 inline constexpr size_t kMaxLogLine = 2048;
 
 using LogSink = std::function<void(LogLevel, std::string_view domain, std::string_view message)>;
+
+// The message itself when it fits, else its cut form, kept in `storage`.
+std::string_view CutLogLine(std::string_view message, std::string& storage);
 
 void SetLogSink(LogSink sink);
 void Log(LogLevel level, std::string_view domain, std::string_view message);

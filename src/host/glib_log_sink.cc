@@ -2,7 +2,9 @@
 
 #include <glib.h>
 
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "channel/log.h"
 
@@ -22,9 +24,27 @@ GLogLevelFlags ToGLib(channel::LogLevel level) {
   return G_LOG_LEVEL_WARNING;
 }
 
+// Services that log through GLib directly get the same bound on a line as the channel layer.
+GLogWriterOutput WriteCut(GLogLevelFlags level, const GLogField* fields, gsize count, gpointer) {
+  std::vector<GLogField> copy(fields, fields + count);
+  std::string storage;
+  for (GLogField& field : copy) {
+    if (std::strcmp(field.key, "MESSAGE") != 0 || !field.value) continue;
+    const auto* text = static_cast<const char*>(field.value);
+    const std::string_view message(text, field.length < 0 ? std::strlen(text) : field.length);
+    const std::string_view cut = channel::CutLogLine(message, storage);
+    if (cut.data() != message.data()) {
+      field.value = storage.c_str();
+      field.length = -1;
+    }
+  }
+  return g_log_writer_default(level, copy.data(), copy.size(), nullptr);
+}
+
 }  // namespace
 
 void RouteChannelLogToGLib() {
+  g_log_set_writer_func(WriteCut, nullptr, nullptr);
   channel::SetLogSink(
       [](channel::LogLevel level, std::string_view domain, std::string_view message) {
         const GLogLevelFlags glib_level = ToGLib(level);

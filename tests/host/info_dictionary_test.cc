@@ -6,10 +6,24 @@
 
 #include <fstream>
 
+#include "channel/log.h"
+#include "host/glib_log_sink.h"
 #include "host/support.h"
 
 namespace corvane::host {
 namespace {
+
+// A line logged through GLib directly, not only through the channel layer, is cut.
+TEST(HostLog, EveryLongLineIsCut) {
+  RouteChannelLogToGLib();
+  ::testing::internal::CaptureStderr();
+  g_message("refused %s", std::string(1 << 20, 'p').c_str());
+  channel::Log(channel::LogLevel::kWarning, "corvane-test", std::string(1 << 20, 'q'));
+  const std::string out = ::testing::internal::GetCapturedStderr();
+  EXPECT_LT(out.size(), 2 * (channel::kMaxLogLine + 200)) << out.size();
+  EXPECT_NE(out.find("(1048584 bytes)"), std::string::npos);
+  EXPECT_NE(out.find("(1048576 bytes)"), std::string::npos);
+}
 
 TEST(InfoDictionary, BuiltInCopyOrAReplacementFileWholly) {
   InfoDictionary builtin = InfoDictionary::Default();
