@@ -134,7 +134,10 @@ void MacProjectOpening::Release(const Value& args, std::unique_ptr<MethodResult>
   channel::Args reader(args);
   const std::string* path = reader.string("path");
   const std::optional<bool> keep_access = reader.boolean("keepAccess");
-  if (!path || !keep_access) return result->Error(kArgumentsCode, kArgumentsMessage, args);
+  // Only absolute paths are ever queued; a relative one names nothing of ours.
+  if (!path || !path->starts_with('/') || !keep_access) {
+    return result->Error(kArgumentsCode, kArgumentsMessage, args);
+  }
 
   std::erase(undelivered_, *path);
   auto it = pending_.find(*path);
@@ -153,7 +156,9 @@ void MacProjectOpening::Release(const Value& args, std::unique_ptr<MethodResult>
 
 void MacProjectOpening::ActiveProject(const Value& args, std::unique_ptr<MethodResult> result) {
   const std::string* path = args.string_if();
-  current_project_path_ = path ? std::optional<std::string>(*path) : std::nullopt;
+  // A relative path counts as none: it cannot name a file that was handed over.
+  current_project_path_ =
+      path && path->starts_with('/') ? std::optional<std::string>(*path) : std::nullopt;
   if (active_ && current_project_path_ != active_->first) {
     active_->second.GiveBack();
     active_.reset();

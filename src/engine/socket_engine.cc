@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -113,7 +114,10 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     FrameReader reader;
     OutputQueue output;
     uint64_t frames_read = 0;
+    uint64_t bytes_taken = 0;           // output the client has read
     dispatch::WorkItem frame_deadline;  // pending while a frame is partly read
+    dispatch::WorkItem stall_deadline;  // pending while its requests are held back
+    bool held_back = false;             // its requests are left unread until its output drains
     bool closing = false;
   };
 
@@ -152,6 +156,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     for (int fd : spares) close(fd);
     for (auto& [serial, client] : clients) {
       client->frame_deadline.Cancel();
+      client->stall_deadline.Cancel();
       dispatch::DestroySource(client->watch);
       close(client->fd);
     }
@@ -246,37 +251,93 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   // --- reading -----------------------------------------------------------------------------
 
   void OnClientIo(uint64_t serial, GIOCondition revents) {
+    Client* c = Find(serial);
+    if (!c) return;
     if (revents & G_IO_OUT) {
-      if (Client* c = Find(serial)) Flush(*c);
+      Flush(*c);
+      if (c->held_back && !OverReadBound(*c)) {
+        // Its replies have drained: its requests are read again, those already buffered first.
+        c->held_back = false;
+        c->stall_deadline.Cancel();
+        UpdateWatch(*c);
+        revents = GIOCondition(revents | G_IO_IN);
+      }
+    }
+    if (c->held_back) {
+      // Unread on purpose; a peer that has gone entirely cannot take its replies either.
+      if (revents & (G_IO_HUP | G_IO_ERR)) Drop(serial);
+      return;
     }
     if (revents & (G_IO_IN | G_IO_HUP | G_IO_ERR)) {
       Read(serial);
-      if (Client* c = Find(serial)) WatchPartialFrame(*c);
+      if (Client* still = Find(serial)) WatchPartialFrame(*still);
     }
   }
 
+  bool OverReadBound(const Client& client) const {
+    return client.output.memory() >= options.max_pending_output / 2;
+  }
+
+  // Handles the frames complete in the client's buffer; a handler may send to this client or
+  // close it. True when the client is still there and its requests are still read.
+  bool HandleBuffered(uint64_t serial) {
+    for (Client* client = Find(serial); client; client = Find(serial)) {
+      if (client->held_back) return false;
+      std::optional<Frame> frame = client->reader.Next();
+      if (!frame) {
+        if (!client->reader.failed()) return true;
+        g_log(kLogDomain, G_LOG_LEVEL_WARNING, "closing client %llu: %s",
+              static_cast<unsigned long long>(serial), client->reader.error().c_str());
+        Drop(serial);
+        return false;
+      }
+      ++client->frames_read;
+      HandleFrame(serial, std::move(*frame));
+      if (Client* c = Find(serial); c && !c->closing && OverReadBound(*c)) HoldBack(*c);
+    }
+    return false;
+  }
+
+  // A client that sends faster than it reads its replies: its requests wait in its socket (and
+  // so in its own writes) until it takes what waits for it.
+  void HoldBack(Client& client) {
+    client.held_back = true;
+    UpdateWatch(client);
+    WatchStall(client);
+  }
+
+  void WatchStall(Client& client) {
+    std::weak_ptr<State> weak = weak_from_this();
+    const uint64_t serial = client.serial;
+    const uint64_t taken_before = client.bytes_taken;
+    client.stall_deadline =
+        dispatch::MainQueue().After(options.stall_timeout, [weak, serial, taken_before] {
+          auto self = weak.lock();
+          if (!self) return;
+          Client* c = self->Find(serial);
+          if (!c || !c->held_back) return;
+          if (c->bytes_taken != taken_before) return self->WatchStall(*c);
+          self->client_warning.Log(
+              "closing client %llu: it took none of its %zu waiting bytes "
+              "for %lld ms",
+              static_cast<unsigned long long>(serial), c->output.pending(),
+              static_cast<long long>(self->options.stall_timeout.count()));
+          self->Drop(serial);
+        });
+  }
+
   void Read(uint64_t serial) {
-    Client* client = Find(serial);
-    if (!client) return;
     uint8_t buffer[kReadChunk];
     for (;;) {
+      if (!HandleBuffered(serial)) return;
+      Client* client = Find(serial);
       const ssize_t n = recv(client->fd, buffer, sizeof buffer, 0);
       if (n > 0) {
         client->reader.Append(std::span<const uint8_t>(buffer, static_cast<size_t>(n)));
-        // Handle frames as they complete; a handler may send to this client or close it.
-        while (auto frame = client->reader.Next()) {
-          ++client->frames_read;
-          HandleFrame(serial, std::move(*frame));
-          client = Find(serial);
-          if (!client) return;
-        }
-        if (client->reader.failed()) {
-          g_log(kLogDomain, G_LOG_LEVEL_WARNING, "closing client %llu: %s",
-                static_cast<unsigned long long>(serial), client->reader.error().c_str());
-          Drop(serial);
+        if (static_cast<size_t>(n) < sizeof buffer) {
+          HandleBuffered(serial);
           return;
         }
-        if (static_cast<size_t>(n) < sizeof buffer) return;
         continue;
       }
       if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
@@ -307,7 +368,8 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
           if (!self) return;
           Client* c = self->Find(serial);
           if (!c || c->reader.buffered() == 0) return;
-          if (c->frames_read != frames_before) {
+          // Frames held back by the engine are not the client's delay.
+          if (c->frames_read != frames_before || c->held_back) {
             self->WatchPartialFrame(*c);
             return;
           }
@@ -362,7 +424,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
 
   void Reply(uint64_t serial, uint32_t id, const Bytes& payload) {
     if (id == 0) return;  // the client wanted no reply
-    if (Client* c = Find(serial)) Queue(*c, EncodeReplyFrame(id, payload));
+    if (Client* c = Find(serial)) Queue(*c, EncodeReplyFrame(id, payload), /*reply=*/true);
   }
 
   // Hands a client's message to the channel's handler; `inspect` sees the reply first.
@@ -400,12 +462,14 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
 
   // --- writing -----------------------------------------------------------------------------
 
+  // A reply is always taken: the client asked for it, and its requests stop being read while
+  // its output is over the read bound, so only calls already in flight can add more.
   template <typename FrameBytes>
-  void Queue(Client& client, FrameBytes&& frame) {
+  void Queue(Client& client, FrameBytes&& frame, bool reply = false) {
     if (client.closing) return;
     const bool was_empty = client.output.empty();
     const size_t before = client.output.memory();
-    if (!client.output.Push(std::forward<FrameBytes>(frame))) {
+    if (!client.output.Push(std::forward<FrameBytes>(frame), reply)) {
       client_warning.Log("closing client %llu: it is not reading (%zu bytes waiting)",
                          static_cast<unsigned long long>(client.serial), client.output.pending());
       DropLater(client);
@@ -427,16 +491,24 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
 
   void Flush(Client& client) {
     const size_t before = client.output.memory();
+    const size_t pending_before = client.output.pending();
     const OutputQueue::FlushResult result = client.output.Flush(client.fd);
     output_memory -= before - client.output.memory();
+    client.bytes_taken += pending_before - client.output.pending();
     if (result == OutputQueue::FlushResult::kError) {
       // A broken pipe is noticed by the read side as well; stop writing here.
       DropLater(client);
       return;
     }
+    UpdateWatch(client);
+  }
+
+  // Input while its requests are read, output while something waits.
+  void UpdateWatch(Client& client) {
     auto* s = reinterpret_cast<FdSource*>(client.watch);
-    const GIOCondition base = GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR);
-    const GIOCondition want = client.output.empty() ? base : GIOCondition(base | G_IO_OUT);
+    GIOCondition want = GIOCondition(G_IO_HUP | G_IO_ERR);
+    if (!client.held_back) want = GIOCondition(want | G_IO_IN);
+    if (!client.output.empty()) want = GIOCondition(want | G_IO_OUT);
     if (want != s->events) g_source_modify_unix_fd(client.watch, s->tag, s->events = want);
   }
 
@@ -459,6 +531,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     clients.erase(it);
     output_memory -= client->output.memory();
     client->frame_deadline.Cancel();
+    client->stall_deadline.Cancel();
     dispatch::DestroySource(client->watch);
     close(client->fd);
     RefillSpares();

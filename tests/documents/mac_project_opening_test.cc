@@ -190,7 +190,7 @@ TEST_F(DocumentsOpeningTest, KeptAccessFollowsTheCurrentProject) {
   Release("/p/c.corvane", true);
   Call("activeProject", Value("/p/c.corvane"));
   EXPECT_EQ(ended_.size(), 3u) << "the same project again keeps its file";
-  Call("activeProject", Value(int32_t{7}));  // not a string: no current project
+  Call("activeProject", Value("p/c.corvane"));  // relative: no current project
   EXPECT_EQ(ended_.back(), "file:///p/c.corvane");
 
   // Released again, or never known: success, nothing given back twice.
@@ -229,7 +229,8 @@ TEST_F(DocumentsOpeningTest, BadReceiptsAndUnknownMethods) {
   for (const Value& args :
        {Value(), Value("/p/a.corvane"), map("path", Value("/p/a.corvane")),
         map("keepAccess", Value(true)), map("path", Value(int32_t{1}), "keepAccess", Value(true)),
-        map("path", Value("/p/a.corvane"), "keepAccess", Value("true"))}) {
+        map("path", Value("/p/a.corvane"), "keepAccess", Value("true")),
+        map("path", Value("p/a.corvane"), "keepAccess", Value(true))}) {
     MethodReply reply = Call("release", args);
     EXPECT_EQ(reply.error.code, "arguments");
     EXPECT_EQ(reply.error.message.value_or(""), "Invalid document receipt");

@@ -1,11 +1,10 @@
 // Images made in the test: pixbufs saved by gdk-pixbuf's own writers, plus the few encodings
-// it cannot write (GIF, EXIF orientation, a PNG header that lies about its size).
+// it cannot write (EXIF orientation, headers that lie about the size).
 #pragma once
 
 #include <gdk-pixbuf/gdk-pixbuf.h>
 #include <zlib.h>
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -118,45 +117,6 @@ inline std::vector<uint8_t> GreyPng(uint32_t w, uint32_t h, int64_t rows = -1) {
   deflateEnd(&z);
   PngChunk(out, "IDAT", compressed);
   PngChunk(out, "IEND", {});
-  return out;
-}
-
-// A GIF with a four-colour palette; `index(x, y)` picks each pixel's colour. A clear code
-// before every pixel keeps every code three bits wide. Without pixels, only the headers are
-// real.
-inline std::vector<uint8_t> FourColourGif(uint16_t w, uint16_t h,
-                                          const std::array<Rgba, 4>& palette,
-                                          const std::function<int(int, int)>& index,
-                                          bool with_pixels = true) {
-  const auto lo = [](uint16_t v) { return static_cast<uint8_t>(v); };
-  const auto hi = [](uint16_t v) { return static_cast<uint8_t>(v >> 8); };
-  // Header, screen with a global table of 4 entries, the table, then an image of the same size
-  // with a minimum code size of 2.
-  std::vector<uint8_t> out = {'G', 'I', 'F', '8', '9', 'a', lo(w), hi(w), lo(h), hi(h), 0x81, 0, 0};
-  for (const Rgba& c : palette) out.insert(out.end(), {c.r, c.g, c.b});
-  out.insert(out.end(), {0x2C, 0, 0, 0, 0, lo(w), hi(w), lo(h), hi(h), 0, 2});
-  if (!with_pixels) {
-    out.insert(out.end(), {1, 0x2C, 0, 0x3B});  // clear then end: well-formed, no pixels
-    return out;
-  }
-  std::vector<uint8_t> bits;
-  uint32_t acc = 0;
-  int nbits = 0;
-  auto code = [&](int c) {
-    acc |= static_cast<uint32_t>(c) << nbits;
-    for (nbits += 3; nbits >= 8; nbits -= 8, acc >>= 8) bits.push_back(static_cast<uint8_t>(acc));
-  };
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) code(4), code(index(x, y));  // clear, pixel
-  }
-  code(5);  // end of information
-  if (nbits > 0) bits.push_back(static_cast<uint8_t>(acc));
-  for (size_t i = 0; i < bits.size(); i += 255) {
-    const size_t n = std::min<size_t>(255, bits.size() - i);
-    out.push_back(static_cast<uint8_t>(n));
-    out.insert(out.end(), bits.begin() + i, bits.begin() + i + n);
-  }
-  out.insert(out.end(), {0, 0x3B});
   return out;
 }
 

@@ -241,17 +241,52 @@ std::vector<uint8_t> SharedReferenceList(int levels) {
   return out;
 }
 
+// A dictionary whose `refs` keys all name one data value of `bytes` bytes, stored once.
+std::vector<uint8_t> SharedDataList(uint16_t refs, uint64_t bytes) {
+  std::vector<uint8_t> out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+  const auto big_endian = [&](uint64_t v, int n) {
+    while (n-- > 0) out.push_back(static_cast<uint8_t>(v >> (8 * n)));
+  };
+  std::vector<uint64_t> offsets = {out.size()};
+  out.insert(out.end(), {0xDF, 0x11});  // the dictionary, its count as a 2-byte integer
+  big_endian(refs, 2);
+  for (int i = 1; i <= refs; ++i) big_endian(i, 2);  // keys: objects 1..refs
+  for (int i = 1; i <= refs; ++i) big_endian(refs + 1, 2);  // every value: the data object
+  for (int i = 0; i < refs; ++i) {
+    offsets.push_back(out.size());
+    const std::string key = "z21." + std::to_string(i);
+    out.push_back(static_cast<uint8_t>(0x50 | key.size()));
+    out.insert(out.end(), key.begin(), key.end());
+  }
+  offsets.push_back(out.size());
+  out.insert(out.end(), {0x4F, 0x13});  // data, its length as an 8-byte integer
+  big_endian(bytes, 8);
+  out.resize(out.size() + bytes, 'x');
+  const uint64_t table = out.size();
+  for (uint64_t offset : offsets) big_endian(offset, 4);
+  out.insert(out.end(), {0, 0, 0, 0, 0, 0, 4, 2});  // offset and reference sizes
+  big_endian(offsets.size(), 8);
+  big_endian(0, 8);  // the root
+  big_endian(table, 8);
+  return out;
+}
+
 TEST(LegacyStore, ReferenceBombsCyclesAndDanglingReferencesAreRefused) {
   const std::vector<uint8_t> small = SharedReferenceList(4);
-  EXPECT_TRUE(BinaryPropertyListWithinBounds(small.data(), small.size()));
   ASSERT_TRUE(ParsePropertyList(small.data(), small.size())) << "what libplist reads passes";
+  // 127 and 129 times 256 KiB, about the expansion bound: within it, and past it from a file
+  // of 260 KB.
+  const std::vector<uint8_t> within = SharedDataList(127, 256 * 1024);
+  EXPECT_TRUE(BinaryPropertyListWithinBounds(within.data(), within.size()));
+  const std::vector<uint8_t> amplified = SharedDataList(129, 256 * 1024);
+  ASSERT_LT(amplified.size(), 300u * 1024);
 
   // 2^40 leaves from a 150-byte file: refused without libplist ever expanding it.
   std::vector<uint8_t> cycle = SharedReferenceList(3);
   cycle[8 + 3 * 2 + 1] = 0;  // the last array points back at the root
   std::vector<uint8_t> dangling = SharedReferenceList(3);
   dangling[9] = 200;  // no such object
-  for (const auto& bytes : {SharedReferenceList(40), cycle, dangling}) {
+  for (const auto& bytes : {SharedReferenceList(40), cycle, dangling, amplified}) {
     EXPECT_FALSE(BinaryPropertyListWithinBounds(bytes.data(), bytes.size()));
     EXPECT_FALSE(ParsePropertyList(bytes.data(), bytes.size()));
   }
