@@ -156,9 +156,7 @@ void MacProjectOpening::Release(const Value& args, std::unique_ptr<MethodResult>
 
 void MacProjectOpening::ActiveProject(const Value& args, std::unique_ptr<MethodResult> result) {
   const std::string* path = args.string_if();
-  // A relative path counts as none: it cannot name a file that was handed over.
-  current_project_path_ =
-      path && path->starts_with('/') ? std::optional<std::string>(*path) : std::nullopt;
+  current_project_path_ = path ? std::optional<std::string>(*path) : std::nullopt;
   if (active_ && current_project_path_ != active_->first) {
     active_->second.GiveBack();
     active_.reset();
