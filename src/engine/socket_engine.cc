@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -115,6 +116,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     OutputQueue output;
     uint64_t frames_read = 0;
     uint64_t bytes_taken = 0;           // output the client has read
+    uint64_t bytes_sent = 0;            // input it has sent
     dispatch::WorkItem frame_deadline;  // pending while a frame is partly read
     dispatch::WorkItem stall_deadline;  // pending while its requests are held back
     bool held_back = false;             // its requests are left unread until its output drains
@@ -263,9 +265,9 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
         revents = GIOCondition(revents | G_IO_IN);
       }
     }
-    if (c->held_back) {
-      // Unread on purpose; a peer that has gone entirely cannot take its replies either.
-      if (revents & (G_IO_HUP | G_IO_ERR)) Drop(serial);
+    if (c->held_back && (revents & (G_IO_HUP | G_IO_ERR))) {
+      // Gone entirely: it cannot take its replies either.
+      Drop(serial);
       return;
     }
     if (revents & (G_IO_IN | G_IO_HUP | G_IO_ERR)) {
@@ -278,28 +280,26 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     return client.output.memory() >= options.max_pending_output / 2;
   }
 
-  // Handles the frames complete in the client's buffer; a handler may send to this client or
-  // close it. True when the client is still there and its requests are still read.
-  bool HandleBuffered(uint64_t serial) {
-    for (Client* client = Find(serial); client; client = Find(serial)) {
-      if (client->held_back) return false;
+  // Handles the frames complete in the client's buffer until it is held back; a handler may
+  // send to this client or close it.
+  void HandleBuffered(uint64_t serial) {
+    for (Client* client = Find(serial); client && !client->held_back; client = Find(serial)) {
       std::optional<Frame> frame = client->reader.Next();
       if (!frame) {
-        if (!client->reader.failed()) return true;
+        if (!client->reader.failed()) return;
         g_log(kLogDomain, G_LOG_LEVEL_WARNING, "closing client %llu: %s",
               static_cast<unsigned long long>(serial), client->reader.error().c_str());
-        Drop(serial);
-        return false;
+        return Drop(serial);
       }
       ++client->frames_read;
       HandleFrame(serial, std::move(*frame));
       if (Client* c = Find(serial); c && !c->closing && OverReadBound(*c)) HoldBack(*c);
     }
-    return false;
   }
 
-  // A client that sends faster than it reads its replies: its requests wait in its socket (and
-  // so in its own writes) until it takes what waits for it.
+  // A client that sends faster than it reads its replies: its requests wait, first in its
+  // buffer here (up to the held-input bound, so a client that writes all its calls before it
+  // reads is served) and then in its socket, until it takes what waits for it.
   void HoldBack(Client& client) {
     client.held_back = true;
     UpdateWatch(client);
@@ -309,33 +309,47 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   void WatchStall(Client& client) {
     std::weak_ptr<State> weak = weak_from_this();
     const uint64_t serial = client.serial;
-    const uint64_t taken_before = client.bytes_taken;
+    const uint64_t moved_before = client.bytes_taken + client.bytes_sent;
     client.stall_deadline =
-        dispatch::MainQueue().After(options.stall_timeout, [weak, serial, taken_before] {
+        dispatch::MainQueue().After(options.stall_timeout, [weak, serial, moved_before] {
           auto self = weak.lock();
           if (!self) return;
           Client* c = self->Find(serial);
           if (!c || !c->held_back) return;
-          if (c->bytes_taken != taken_before) return self->WatchStall(*c);
+          if (c->bytes_taken + c->bytes_sent != moved_before) return self->WatchStall(*c);
           self->client_warning.Log(
-              "closing client %llu: it took none of its %zu waiting bytes "
-              "for %lld ms",
-              static_cast<unsigned long long>(serial), c->output.pending(),
-              static_cast<long long>(self->options.stall_timeout.count()));
+              "closing client %llu: for %lld ms it read none of its %zu waiting bytes and sent "
+              "nothing",
+              static_cast<unsigned long long>(serial),
+              static_cast<long long>(self->options.stall_timeout.count()), c->output.pending());
           self->Drop(serial);
         });
+  }
+
+  // What a held-back client may still add to its input buffer.
+  size_t HeldInputRoom(const Client& client) const {
+    const size_t bound = options.max_pending_output;
+    return client.reader.buffered() < bound ? bound - client.reader.buffered() : 0;
   }
 
   void Read(uint64_t serial) {
     uint8_t buffer[kReadChunk];
     for (;;) {
-      if (!HandleBuffered(serial)) return;
+      HandleBuffered(serial);
       Client* client = Find(serial);
-      const ssize_t n = recv(client->fd, buffer, sizeof buffer, 0);
+      if (!client) return;
+      size_t want = sizeof buffer;
+      if (client->held_back) {
+        want = std::min(want, HeldInputRoom(*client));
+        if (want == 0) return UpdateWatch(*client);  // its own writes wait now
+      }
+      const ssize_t n = recv(client->fd, buffer, want, 0);
       if (n > 0) {
         client->reader.Append(std::span<const uint8_t>(buffer, static_cast<size_t>(n)));
-        if (static_cast<size_t>(n) < sizeof buffer) {
+        client->bytes_sent += static_cast<uint64_t>(n);
+        if (static_cast<size_t>(n) < want) {
           HandleBuffered(serial);
+          if (Client* c = Find(serial)) UpdateWatch(*c);
           return;
         }
         continue;
@@ -507,7 +521,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   void UpdateWatch(Client& client) {
     auto* s = reinterpret_cast<FdSource*>(client.watch);
     GIOCondition want = GIOCondition(G_IO_HUP | G_IO_ERR);
-    if (!client.held_back) want = GIOCondition(want | G_IO_IN);
+    if (!client.held_back || HeldInputRoom(client) > 0) want = GIOCondition(want | G_IO_IN);
     if (!client.output.empty()) want = GIOCondition(want | G_IO_OUT);
     if (want != s->events) g_source_modify_unix_fd(client.watch, s->tag, s->events = want);
   }

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "channel/event_channel.h"
 #include "channel/method_channel.h"
@@ -44,7 +45,6 @@ class SocketEngineTest : public ::testing::Test {
     engine_.reset();
   }
 
-  // "big" answers with as many bytes as its argument says: a reply far larger than its call.
   SocketEngine& Start(SocketEngineOptions options = {}) {
     options.path = path_;
     engine_ = std::make_unique<SocketEngine>(options);
@@ -53,10 +53,8 @@ class SocketEngineTest : public ::testing::Test {
     echo_ = std::make_unique<channel::MethodChannel>(*engine_, "test/echo");
     echo_->SetMethodCallHandler(
         [this](const channel::MethodCall& call, std::unique_ptr<channel::MethodResult> r) {
-          if (call.method != "big") return r->Success(call.arguments);
-          ++big_calls_;
-          r->Success(
-              Value(std::string(static_cast<size_t>(call.arguments.integer().value_or(0)), 'x')));
+          ++calls_;
+          r->Success(call.arguments);
         });
     return *engine_;
   }
@@ -89,7 +87,7 @@ class SocketEngineTest : public ::testing::Test {
   std::string path_;
   std::unique_ptr<SocketEngine> engine_;
   std::unique_ptr<channel::MethodChannel> echo_;
-  int big_calls_ = 0;
+  int calls_ = 0;
 };
 
 // A file put in place of the socket after the bind is not ours to remove at exit.
@@ -173,23 +171,27 @@ TEST_F(SocketEngineTest, ClientsThatStopReadingAreClosedAndClientsThatWriteFirst
     Stop();
   }
 
-  Start({.path = {}, .max_pending_output = 1u << 20, .stall_timeout = 200ms});
+  Start({.path = {}, .max_pending_output = 1u << 20, .stall_timeout = 2s});
+  calls_ = 0;
   auto writer = Connect(4096), stalled = Connect(4096);
-  constexpr uint32_t kCalls = 6;
-  const int32_t reply_size = 600 * 1024;  // two such replies are past the bound
-  for (uint32_t id = 1; id <= kCalls; ++id) {
-    ASSERT_TRUE(writer->SendCall(id, "test/echo", "big", Value(reply_size)));
-  }
+  const Value arg(std::string(600 * 1024, 'x'));  // echoed: two replies are past the bound
+  constexpr int kCalls = 2;  // as many as the held-input bound takes
+  std::atomic<int> sent = 0;  // more than the sockets hold: sent while the engine runs
+  std::thread sender([&] {
+    for (int id = 1; id <= kCalls; ++id) sent += writer->SendCall(id, "test/echo", "x", arg);
+    sent += stalled->SendCall(1, "test/echo", "x", arg);
+  });
+  dispatch::RunMainUntil([&] { return sent == kCalls + 1 && calls_ >= 2; }, 10s);
+  sender.join();
   Turn(100ms);
-  EXPECT_EQ(big_calls_, 1) << "requests were read faster than their replies were taken";
-  for (uint32_t id = 1; id <= kCalls; ++id) {
-    EXPECT_EQ(Decode(writer->WaitReply(id, 5000, true)).value, Value(std::string(reply_size, 'x')));
+  ASSERT_EQ(sent, kCalls + 1) << "the engine stopped reading a client that was still sending";
+  EXPECT_EQ(calls_, 2) << "requests were handled faster than their replies were taken";
+  for (int id = 1; id <= kCalls; ++id) {
+    EXPECT_TRUE(Decode(writer->WaitReply(id, 5000, true)).value == arg) << id;
   }
-  for (uint32_t id : {1, 2})
-    ASSERT_TRUE(stalled->SendCall(id, "test/echo", "big", Value(reply_size)));
-  dispatch::RunMainUntil([&] { return engine_->client_count() == 1; }, 5s);
-  EXPECT_EQ(engine_->client_count(), 1u) << "a client that takes nothing stayed open";
-  EXPECT_EQ(big_calls_, static_cast<int>(kCalls) + 1);
+  dispatch::RunMainUntil([&] { return engine_->client_count() == 1; }, 10s);
+  EXPECT_EQ(engine_->client_count(), 1u) << "a client that neither reads nor sends stayed open";
+  EXPECT_EQ(calls_, kCalls + 1);
 }
 
 TEST_F(SocketEngineTest, ClientOfAnotherUserIsRefused) {
