@@ -284,6 +284,8 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   // send to this client or close it.
   void HandleBuffered(uint64_t serial) {
     for (Client* client = Find(serial); client && !client->held_back; client = Find(serial)) {
+      // Checked before each frame: replies to earlier calls may have come in meanwhile.
+      if (!client->closing && OverReadBound(*client)) return HoldBack(*client);
       std::optional<Frame> frame = client->reader.Next();
       if (!frame) {
         if (!client->reader.failed()) return;
@@ -293,7 +295,6 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
       }
       ++client->frames_read;
       HandleFrame(serial, std::move(*frame));
-      if (Client* c = Find(serial); c && !c->closing && OverReadBound(*c)) HoldBack(*c);
     }
   }
 
