@@ -250,7 +250,7 @@ std::vector<uint8_t> SharedDataList(uint16_t refs, uint64_t bytes) {
   std::vector<uint64_t> offsets = {out.size()};
   out.insert(out.end(), {0xDF, 0x11});  // the dictionary, its count as a 2-byte integer
   big_endian(refs, 2);
-  for (int i = 1; i <= refs; ++i) big_endian(i, 2);  // keys: objects 1..refs
+  for (int i = 1; i <= refs; ++i) big_endian(i, 2);         // keys: objects 1..refs
   for (int i = 1; i <= refs; ++i) big_endian(refs + 1, 2);  // every value: the data object
   for (int i = 0; i < refs; ++i) {
     offsets.push_back(out.size());
