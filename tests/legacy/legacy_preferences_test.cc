@@ -85,62 +85,46 @@ TEST_P(StoreFormatTest, ConvertsEveryKindOfValue) {
 }
 
 TEST_P(StoreFormatTest, ProbeCountsAndFlags) {
-  const Value no_language;
-  const struct {
-    const char* why;
-    plist_t store;
-    bool has_data;
-    int64_t keys, bytes;
-    bool demo, icloud;
-    Value language;
-    size_t values;  // what readDefaults returns
-  } cases[] = {
-      {"every flag",
-       Dict({{"AppleLanguages", Array({Str("nl"), Str("en")})},
+  const auto probe = [](bool data, int64_t keys, int64_t bytes, bool demo) {
+    return Map({{"hasLegacyData", Value(data)},
+                {"keyCount", Value::Integer(keys)},
+                {"byteCount", Value::Integer(bytes)},
+                {"storeDemo", Value(demo)},
+                {"icloudKeyValue", Value(false)}});
+  };
+  Value every_flag = probe(true, 5, 8, true);
+  every_flag.mutable_map_if()->Append(Value("language"), Value("de"));
+  const std::tuple<plist_t, Value, size_t> cases[] = {
+      {Dict({{"AppleLanguages", Array({Str("nl"), Str("en")})},
              {"z21.a", Data("12345")},
              {"z21.b", Data("678")},
              {"flutter.c", Data("not counted")},
              {"corvane.demo.isEnabled", Bool(true)},
              {"z21.icloud.enabled", Int(1)},  // not a boolean: false
              {"z21.appLanguageOverride", Str("de")}}),
-       true, 5, 8, true, false, Value("de"), 6},
-      {"an empty override is a legacy key, but no language",
-       Dict({{"AppleLanguages", Array({Str("nl")})},
+       every_flag, 6},
+      // An empty override is a legacy key, but no language.
+      {Dict({{"AppleLanguages", Array({Str("nl")})},
              {"z21.appLanguageOverride", Str("")},
              {"flutter.z21.host", Str("x")}}),
-       true, 1, 0, false, false, no_language, 2},
-      {"languages alone are no legacy data", Dict({{"AppleLanguages", Array({Str("nl")})}}), false,
-       0, 0, false, false, no_language, 1},
+       probe(true, 1, 0, false), 2},
+      // Languages alone are no legacy data, though readDefaults returns them.
+      {Dict({{"AppleLanguages", Array({Str("nl")})}}), probe(false, 0, 0, false), 1},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.why);
-    LegacyPreferences prefs = Read(c.store);
-    const ValueMap probe = prefs.Probe();
-    EXPECT_EQ(*probe.Find("hasLegacyData"), Value(c.has_data));
-    EXPECT_EQ(probe.Find("keyCount")->integer(), c.keys);
-    EXPECT_EQ(probe.Find("byteCount")->integer(), c.bytes);
-    EXPECT_EQ(*probe.Find("storeDemo"), Value(c.demo));
-    EXPECT_EQ(*probe.Find("icloudKeyValue"), Value(c.icloud));
-    EXPECT_EQ(probe.Find("language") ? *probe.Find("language") : Value(), c.language);
-    EXPECT_EQ(prefs.Values().size(), c.values);
+  for (const auto& [store, expected, values] : cases) {
+    LegacyPreferences prefs = Read(store);
+    EXPECT_EQ(Value(prefs.Probe()), expected);
+    EXPECT_EQ(prefs.Values().size(), values);
   }
 }
 
 TEST_P(StoreFormatTest, DeepNestingReadsAsNullBelowTheLimit) {
   plist_t deep = Str("bottom");
+  Value expected;
   for (int i = 0; i < kMaxValueDepth + 20; ++i) deep = Array({deep});
-  LegacyPreferences prefs = Read(Dict({{"z21.deep", deep}, {"z21.flat", Int(7)}}));
-  const ValueMap values = prefs.Values();
-  EXPECT_EQ(values.Find("z21.flat")->integer(), 7);
-  int depth = 0;
-  const Value* v = values.Find("z21.deep");
-  while (v && v->list_if() && !v->list_if()->empty()) {
-    v = &v->list_if()->front();
-    ++depth;
-  }
-  ASSERT_TRUE(v);
-  EXPECT_TRUE(v->is_null());
-  EXPECT_EQ(depth, kMaxValueDepth);
+  for (int i = 0; i < kMaxValueDepth; ++i) expected = Value(channel::ValueList{expected});
+  const ValueMap values = Read(Dict({{"z21.deep", deep}, {"z21.flat", Int(7)}})).Values();
+  EXPECT_EQ(Value(values), Map({{"z21.deep", expected}, {"z21.flat", Value::Integer(7)}}));
   EXPECT_TRUE(channel::DecodeMessage(channel::EncodeMessage(Value(values))));
 }
 
@@ -210,14 +194,11 @@ TEST(LegacyStore, MalformedUtf8BecomesReplacementCharacters) {
       "<key>z21.caf\xe9</key><string>bad \xff byte</string>"
       "<key>z21.ok</key><string>caf\xc3\xa9</string></dict></plist>";
   const std::vector<uint8_t> bytes(xml.begin(), xml.end());
-  const ValueMap values = LegacyPreferences::Parse(bytes.data(), bytes.size()).Values();
-  ASSERT_EQ(values.size(), 2u);
-  EXPECT_EQ(values.entries()[0].key, Value("z21.caf\xef\xbf\xbd"));
-  EXPECT_EQ(values.entries()[0].value, Value("bad \xef\xbf\xbd byte"));
-  EXPECT_EQ(values.entries()[1].value, Value("caf\xc3\xa9"));
-
-  // libplist's binary writer cannot take malformed strings: the backup holds the cleaned ones.
   LegacyPreferences prefs = LegacyPreferences::Parse(bytes.data(), bytes.size());
+  const ValueMap values = prefs.Values();
+  EXPECT_EQ(Value(values), Map({{"z21.caf\xef\xbf\xbd", Value("bad \xef\xbf\xbd byte")},
+                                {"z21.ok", Value("caf\xc3\xa9")}}));
+  // libplist's binary writer cannot take malformed strings: the backup holds the cleaned ones.
   const std::vector<uint8_t> backup = prefs.Serialize();
   EXPECT_EQ(LegacyPreferences::Parse(backup.data(), backup.size()).Values(), values);
 }
