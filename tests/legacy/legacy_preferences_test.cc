@@ -203,12 +203,12 @@ TEST(LegacyStore, MalformedUtf8BecomesReplacementCharacters) {
   EXPECT_EQ(LegacyPreferences::Parse(backup.data(), backup.size()).Values(), values);
 }
 
-// A binary list whose objects refer to each other: object i is an array holding object i+1
-// twice, so the file is tiny but names a tree of 2^levels leaves.
-std::vector<uint8_t> SharedReferenceList(int levels) {
-  std::vector<uint8_t> out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+// A binary list whose object i < levels is an array holding object i+1 twice, and whose last
+// object is `leaf` (by default the integer 7): a small file naming a tree of 2^levels leaves.
+std::vector<uint8_t> SharedReferenceList(int levels, std::vector<uint8_t> leaf = {0x10, 7}) {
+  std::vector<uint8_t> out = Bytes("bplist00");
   for (int i = 1; i <= levels; ++i) out.insert(out.end(), {0xA2, uint8_t(i), uint8_t(i)});
-  out.insert(out.end(), {0x10, 7});  // the leaf: integer 7
+  out.insert(out.end(), leaf.begin(), leaf.end());
   const size_t table = out.size();
   // Two-byte offsets: each array is three bytes long.
   for (int i = 0; i <= levels; ++i) out.insert(out.end(), {0, uint8_t(8 + 3 * i)});
@@ -216,60 +216,40 @@ std::vector<uint8_t> SharedReferenceList(int levels) {
   trailer[6] = 2;                     // offset size
   trailer[7] = 1;                     // reference size
   trailer[15] = uint8_t(levels + 1);  // objects; the root is object 0
-  trailer[30] = uint8_t(table >> 8);
-  trailer[31] = uint8_t(table);
+  for (int i = 0; i < 4; ++i) trailer[28 + i] = uint8_t(table >> (24 - 8 * i));
   out.insert(out.end(), trailer.begin(), trailer.end());
   return out;
 }
 
-// A dictionary whose `refs` keys all name one data value of `bytes` bytes, stored once.
-std::vector<uint8_t> SharedDataList(uint16_t refs, uint64_t bytes) {
-  std::vector<uint8_t> out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-  const auto big_endian = [&](uint64_t v, int n) {
-    while (n-- > 0) out.push_back(static_cast<uint8_t>(v >> (8 * n)));
-  };
-  std::vector<uint64_t> offsets = {out.size()};
-  out.insert(out.end(), {0xDF, 0x11});  // the dictionary, its count as a 2-byte integer
-  big_endian(refs, 2);
-  for (int i = 1; i <= refs; ++i) big_endian(i, 2);         // keys: objects 1..refs
-  for (int i = 1; i <= refs; ++i) big_endian(refs + 1, 2);  // every value: the data object
-  for (int i = 0; i < refs; ++i) {
-    offsets.push_back(out.size());
-    const std::string key = "z21." + std::to_string(i);
-    out.push_back(static_cast<uint8_t>(0x50 | key.size()));
-    out.insert(out.end(), key.begin(), key.end());
-  }
-  offsets.push_back(out.size());
-  out.insert(out.end(), {0x4F, 0x13});  // data, its length as an 8-byte integer
-  big_endian(bytes, 8);
-  out.resize(out.size() + bytes, 'x');
-  const uint64_t table = out.size();
-  for (uint64_t offset : offsets) big_endian(offset, 4);
-  out.insert(out.end(), {0, 0, 0, 0, 0, 0, 4, 2});  // offset and reference sizes
-  big_endian(offsets.size(), 8);
-  big_endian(0, 8);  // the root
-  big_endian(table, 8);
-  return out;
+// A data object of `n` bytes.
+std::vector<uint8_t> DataLeaf(uint32_t n) {
+  std::vector<uint8_t> leaf = {0x4F,      0x12, uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8),
+                               uint8_t(n)};
+  leaf.resize(leaf.size() + n, 'x');
+  return leaf;
 }
 
 TEST(LegacyStore, ReferenceBombsCyclesAndDanglingReferencesAreRefused) {
   const std::vector<uint8_t> small = SharedReferenceList(4);
   ASSERT_TRUE(ParsePropertyList(small.data(), small.size())) << "what libplist reads passes";
-  // 127 and 129 times 256 KiB, about the expansion bound: within it, and past it from a file
-  // of 260 KB.
-  const std::vector<uint8_t> within = SharedDataList(127, 256 * 1024);
-  EXPECT_TRUE(BinaryPropertyListWithinBounds(within.data(), within.size()));
-  const std::vector<uint8_t> amplified = SharedDataList(129, 256 * 1024);
-  ASSERT_LT(amplified.size(), 300u * 1024);
-
-  // 2^40 leaves from a 150-byte file: refused without libplist ever expanding it.
   std::vector<uint8_t> cycle = SharedReferenceList(3);
   cycle[8 + 3 * 2 + 1] = 0;  // the last array points back at the root
   std::vector<uint8_t> dangling = SharedReferenceList(3);
   dangling[9] = 200;  // no such object
-  for (const auto& bytes : {SharedReferenceList(40), cycle, dangling, amplified}) {
-    EXPECT_FALSE(BinaryPropertyListWithinBounds(bytes.data(), bytes.size()));
-    EXPECT_FALSE(ParsePropertyList(bytes.data(), bytes.size()));
+  // Nodes and bytes at their bounds and just past them: 2^20 - 1 nodes, 128 times 256 KiB.
+  const std::pair<std::vector<uint8_t>, bool> cases[] = {
+      {SharedReferenceList(19), true},
+      {SharedReferenceList(20), false},
+      {SharedReferenceList(7, DataLeaf(256 * 1024)), true},
+      {SharedReferenceList(7, DataLeaf(256 * 1024 + 1)), false},
+      {SharedReferenceList(40), false},  // 2^40 leaves from a 150-byte file
+      {cycle, false},
+      {dangling, false},
+  };
+  for (const auto& [bytes, within] : cases) {
+    EXPECT_EQ(BinaryPropertyListWithinBounds(bytes.data(), bytes.size()), within)
+        << &bytes - &cases[0].first;
+    if (!within) EXPECT_FALSE(ParsePropertyList(bytes.data(), bytes.size()));
   }
 }
 
