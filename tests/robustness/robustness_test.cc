@@ -297,6 +297,9 @@ TEST_F(RobustnessTest, AClientThatNeverReadsCostsBoundedMemory) {
   ASSERT_TRUE(hog.Connect(host_->socket()));
   const int small = 4096;
   setsockopt(hog.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  // Sending stops once the host has taken nothing for a second: it is holding the hog back.
+  const timeval patience{.tv_sec = 1, .tv_usec = 0};
+  setsockopt(hog.fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
   const long before_kb = host_->StatusKb("VmHWM");
   // Calls on a channel nobody handles: each reply is a 9-byte frame, the costliest kind to keep.
   const Bytes call = engine::EncodeMessageFrame(1, "x", {});
