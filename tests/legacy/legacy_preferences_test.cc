@@ -187,36 +187,41 @@ TEST(LegacyStore, DatesBeyond32BitSecondsKeepTheirValue) {
   EXPECT_EQ(Value(values), Map({{"corvane.snoozeUntil", Map({{"$date", Value(64092211200.0)}})}}));
 }
 
+// A character reference other than NUL is read as what it stands for.
 TEST(LegacyStore, MalformedUtf8BecomesReplacementCharacters) {
   // Written by hand: libplist would not write the malformed bytes.
   const std::string xml =
       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
       "<key>z21.caf\xe9</key><string>bad \xff byte</string>"
-      "<key>z21.ok</key><string>caf\xc3\xa9</string></dict></plist>";
-  const std::vector<uint8_t> bytes(xml.begin(), xml.end());
-  LegacyPreferences prefs = LegacyPreferences::Parse(bytes.data(), bytes.size());
+      "<key>z21.ok&#33;&#x3F;</key><string>caf\xc3\xa9</string></dict></plist>";
+  LegacyPreferences prefs =
+      LegacyPreferences::Parse(reinterpret_cast<const uint8_t*>(xml.data()), xml.size());
   const ValueMap values = prefs.Values();
   EXPECT_EQ(Value(values), Map({{"z21.caf\xef\xbf\xbd", Value("bad \xef\xbf\xbd byte")},
-                                {"z21.ok", Value("caf\xc3\xa9")}}));
+                                {"z21.ok!?", Value("caf\xc3\xa9")}}));
   // libplist's binary writer cannot take malformed strings: the backup holds the cleaned ones.
   const std::vector<uint8_t> backup = prefs.Serialize();
   EXPECT_EQ(LegacyPreferences::Parse(backup.data(), backup.size()).Values(), values);
 }
 
-// A binary list whose object i < levels is an array holding object i+1 twice, and whose last
-// object is `leaf` (by default the integer 7): a small file naming a tree of 2^levels leaves.
-std::vector<uint8_t> SharedReferenceList(int levels, std::vector<uint8_t> leaf = {0x10, 7}) {
-  std::vector<uint8_t> out = Bytes("bplist00");
-  for (int i = 1; i <= levels; ++i) out.insert(out.end(), {0xA2, uint8_t(i), uint8_t(i)});
+// A binary list whose object i < levels is an array holding object i+1 `fanout` times, and
+// whose last object is `leaf` (by default the integer 7): a small file can name a tree of
+// fanout^levels leaves.
+std::vector<uint8_t> SharedReferenceList(int levels, int fanout = 2,
+                                         std::vector<uint8_t> leaf = {0x10, 7}) {
+  std::vector<uint8_t> out = Bytes("bplist00"), table;
+  for (int i = 0; i <= levels; ++i) {
+    table.insert(table.end(), {uint8_t(out.size() >> 8), uint8_t(out.size())});
+    if (i == levels) break;
+    out.push_back(uint8_t(0xA0 | fanout));
+    for (int k = 0; k < fanout; ++k) out.insert(out.end(), {uint8_t((i + 1) >> 8), uint8_t(i + 1)});
+  }
   out.insert(out.end(), leaf.begin(), leaf.end());
-  const size_t table = out.size();
-  // Two-byte offsets: each array is three bytes long.
-  for (int i = 0; i <= levels; ++i) out.insert(out.end(), {0, uint8_t(8 + 3 * i)});
   std::vector<uint8_t> trailer(32, 0);
-  trailer[6] = 2;                     // offset size
-  trailer[7] = 1;                     // reference size
-  trailer[15] = uint8_t(levels + 1);  // objects; the root is object 0
-  for (int i = 0; i < 4; ++i) trailer[28 + i] = uint8_t(table >> (24 - 8 * i));
+  trailer[6] = trailer[7] = 2;  // offset and reference sizes
+  trailer[14] = uint8_t((levels + 1) >> 8), trailer[15] = uint8_t(levels + 1);  // root: 0
+  for (int i = 0; i < 4; ++i) trailer[28 + i] = uint8_t(out.size() >> (24 - 8 * i));
+  out.insert(out.end(), table.begin(), table.end());
   out.insert(out.end(), trailer.begin(), trailer.end());
   return out;
 }
@@ -232,19 +237,23 @@ std::vector<uint8_t> DataLeaf(uint32_t n) {
 TEST(LegacyStore, ReferenceBombsCyclesAndDanglingReferencesAreRefused) {
   const std::vector<uint8_t> small = SharedReferenceList(4);
   ASSERT_TRUE(ParsePropertyList(small.data(), small.size())) << "what libplist reads passes";
-  std::vector<uint8_t> cycle = SharedReferenceList(3);
-  cycle[8 + 3 * 2 + 1] = 0;  // the last array points back at the root
-  std::vector<uint8_t> dangling = SharedReferenceList(3);
-  dangling[9] = 200;  // no such object
-  // Nodes and bytes at their bounds and just past them: 2^20 - 1 nodes, 128 times 256 KiB.
+  std::vector<uint8_t> cycle = SharedReferenceList(3), dangling = cycle, no_root = cycle;
+  cycle[8 + 5 * 2 + 2] = 0;         // the last array points back at the root
+  dangling[9] = 0x7F;               // no such object
+  no_root[no_root.size() - 9] = 4;  // the root is past the objects
+  // Nodes, bytes and depth at their bounds and just past them: 2^20 - 1 nodes, 128 times
+  // 256 KiB, 512 levels.
   const std::pair<std::vector<uint8_t>, bool> cases[] = {
       {SharedReferenceList(19), true},
       {SharedReferenceList(20), false},
-      {SharedReferenceList(7, DataLeaf(256 * 1024)), true},
-      {SharedReferenceList(7, DataLeaf(256 * 1024 + 1)), false},
-      {SharedReferenceList(40), false},  // 2^40 leaves from a 150-byte file
+      {SharedReferenceList(7, 2, DataLeaf(256 * 1024)), true},
+      {SharedReferenceList(7, 2, DataLeaf(256 * 1024 + 1)), false},
+      {SharedReferenceList(511, 1), true},
+      {SharedReferenceList(512, 1), false},
+      {SharedReferenceList(40), false},  // 2^40 leaves from a 250-byte file
       {cycle, false},
       {dangling, false},
+      {no_root, false},
   };
   for (const auto& [bytes, within] : cases) {
     EXPECT_EQ(BinaryPropertyListWithinBounds(bytes.data(), bytes.size()), within)
