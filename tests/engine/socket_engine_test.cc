@@ -14,12 +14,12 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
-#include <tuple>
 
 #include "channel/event_channel.h"
 #include "channel/method_channel.h"
 #include "dispatch/queue.h"
 #include "engine/socket_path.h"
+#include "host/support.h"
 #include "support/wire_client.h"
 
 namespace corvane::engine {
@@ -32,21 +32,9 @@ using namespace std::chrono_literals;
 
 class SocketEngineTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/corvane-engine-test-XXXXXX";
-    root_ = mkdtemp(tmpl);
-    path_ = root_ + "/run/engine.sock";
-  }
-  void TearDown() override {
-    Stop();
-    std::filesystem::remove_all(root_);
-  }
-  void Stop() {
-    echo_.reset();
-    engine_.reset();
-  }
-
-  SocketEngine& Start(SocketEngineOptions options = {}) {
+  void TearDown() override { Stop(); }
+  void Stop() { echo_.reset(), engine_.reset(); }
+  void Start(SocketEngineOptions options = {}) {
     options.path = path_;
     engine_ = std::make_unique<SocketEngine>(options);
     std::string error;
@@ -57,15 +45,12 @@ class SocketEngineTest : public ::testing::Test {
           ++calls_;
           r->Success(call.arguments);
         });
-    return *engine_;
   }
 
   std::unique_ptr<WireClient> Connect(int receive_buffer = 0) {
     auto client = std::make_unique<WireClient>();
     EXPECT_TRUE(client->Connect(path_));
-    if (receive_buffer) {
-      setsockopt(client->fd(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
-    }
+    if (receive_buffer) setsockopt(client->fd(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, 4);
     return client;
   }
 
@@ -84,21 +69,12 @@ class SocketEngineTest : public ::testing::Test {
     return Decode(client.WaitReply(id, 5000, true)).value;
   }
 
-  std::string root_;
-  std::string path_;
+  corvane::testing::TempDir temp_;
+  const std::string root_ = temp_.path(), path_ = root_ + "/run/engine.sock";
   std::unique_ptr<SocketEngine> engine_;
   std::unique_ptr<channel::MethodChannel> echo_;
   int calls_ = 0;
 };
-
-// A file put in place of the socket after the bind is not ours to remove at exit.
-TEST_F(SocketEngineTest, OnlyItsOwnSocketGoesWithTheEngine) {
-  Start();
-  std::filesystem::remove(path_);
-  std::ofstream(path_) << "someone else's";
-  Stop();
-  EXPECT_TRUE(std::filesystem::exists(path_));
-}
 
 // Replies go to the client that asked (same ids on both); host calls go to every client and the
 // first non-empty answer wins; with nobody to answer, the empty reply.
@@ -217,8 +193,9 @@ TEST_F(SocketEngineTest, EventsReachTheClientsThatListenAndTheServiceSeesFirstAn
         return std::optional<channel::MethodError>();
       }));
   auto a = Connect(), b = Connect(), c = Connect();
+  // With arguments: the method name is all that tells listen and cancel apart.
   auto call = [&](WireClient& client, uint32_t id, const char* method) {
-    EXPECT_TRUE(client.SendCall(id, "test/stream", method));
+    EXPECT_TRUE(client.SendCall(id, "test/stream", method, Value("args")));
     return Decode(client.WaitReply(id, 5000, true));
   };
   // What each client has been sent within a moment.
@@ -267,48 +244,42 @@ TEST_F(SocketEngineTest, AFrameThatNeverCompletesClosesItsClient) {
 }
 
 // A socket path given in the options may be in a folder others can read but not write into; a
-// stale socket is replaced. (The default folder's rules are checked on the host binary.)
+// stale socket is replaced, and only the engine's own socket goes with it. (The default folder's
+// rules are checked on the host binary.)
 TEST_F(SocketEngineTest, SocketFolderAndPathAreChecked) {
   const std::string dir = root_ + "/run";
-  const auto folder = [&](mode_t mode) {
-    std::filesystem::create_directories(dir);
-    chmod(dir.c_str(), mode);
-  };
-  const struct {
-    std::function<void()> prepare;
-    const char* complaint;  // empty: served
-  } cases[] = {
-      {[] {}, ""},
-      {[&] { folder(0777); }, "others may write"},
-      {[&] { folder(0755); }, ""},
-      {[&] {
-         folder(0700);
-         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-         sockaddr_un addr{.sun_family = AF_UNIX, .sun_path = {}};
-         std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
-         EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-         close(fd);
-       },
-       ""},
-  };
-  for (const auto& c : cases) {
+  // The folder's mode (0: not there yet), whether a stale socket is in it, the complaint.
+  const std::tuple<mode_t, bool, const char*> cases[] = {
+      {0, false, ""}, {0777, false, "others may write"}, {0755, false, ""}, {0700, true, ""}};
+  for (const auto& [mode, stale, complaint] : cases) {
     std::filesystem::remove_all(dir);
-    c.prepare();
+    if (mode) std::filesystem::create_directories(dir), chmod(dir.c_str(), mode);
+    if (stale) {
+      const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+      sockaddr_un addr{.sun_family = AF_UNIX, .sun_path = {}};
+      std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
+      EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+      close(fd);
+    }
     const mode_t old_umask = umask(0);  // the socket's mode must not depend on it
     SocketEngine engine({.path = path_});
     std::string error;
     const bool served = engine.Start(&error);
     umask(old_umask);
-    EXPECT_EQ(served, *c.complaint == 0) << c.complaint;
-    EXPECT_NE(error.find(c.complaint), std::string::npos) << error;
-    if (!served) continue;
+    EXPECT_EQ(served, *complaint == 0) << complaint;
+    EXPECT_NE(error.find(complaint), std::string::npos) << error;
     struct stat st {};
-    EXPECT_EQ(lstat(path_.c_str(), &st) == 0 ? st.st_mode & 07777 : 0u, 0600u);
-    EXPECT_TRUE(WireClient().Connect(path_));
+    if (served) EXPECT_EQ(lstat(path_.c_str(), &st) == 0 ? st.st_mode & 07777 : 0u, 0600u);
+    EXPECT_EQ(WireClient().Connect(path_), served);
+    if (stale) {  // a file put in place of the socket after the bind is not ours to remove
+      std::filesystem::remove(path_);
+      std::ofstream(path_) << "someone else's";
+    }
   }
+  EXPECT_TRUE(std::filesystem::is_regular_file(path_));
   // The host's own folder must be private.
-  folder(0755);
   std::string error;
+  chmod(dir.c_str(), 0755);
   EXPECT_FALSE(PrepareSocketFolder(dir, FolderRule::kPrivate, &error));
   EXPECT_NE(error.find(dir), std::string::npos) << error;
   chmod(dir.c_str(), 0700);
