@@ -4,12 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "channel/standard_codec.h"
 #include "engine/loopback_engine.h"
@@ -62,11 +58,7 @@ inline std::vector<uint8_t> Serialize(plist_t root, Format format) {
   Plist owned(root);
   char* bytes = nullptr;
   uint32_t n = 0;
-  if (format == Format::kBinary) {
-    plist_to_bin(root, &bytes, &n);
-  } else {
-    plist_to_xml(root, &bytes, &n);
-  }
+  (format == Format::kBinary ? plist_to_bin : plist_to_xml)(root, &bytes, &n);
   std::vector<uint8_t> out(bytes, bytes + n);
   free(bytes);
   return out;
