@@ -134,7 +134,10 @@ void MacProjectOpening::Release(const Value& args, std::unique_ptr<MethodResult>
   channel::Args reader(args);
   const std::string* path = reader.string("path");
   const std::optional<bool> keep_access = reader.boolean("keepAccess");
-  if (!path || !keep_access) return result->Error(kArgumentsCode, kArgumentsMessage, args);
+  // Only absolute paths are ever queued; a relative one names nothing of ours.
+  if (!path || !path->starts_with('/') || !keep_access) {
+    return result->Error(kArgumentsCode, kArgumentsMessage, args);
+  }
 
   std::erase(undelivered_, *path);
   auto it = pending_.find(*path);

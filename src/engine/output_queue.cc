@@ -13,23 +13,23 @@ namespace {
 constexpr size_t kMaxIov = 16;
 }  // namespace
 
-bool OutputQueue::Push(Bytes frame) {
-  if (frame.size() <= kChunkSize / 4) return Push(std::span<const uint8_t>(frame));
-  if (!Fits(Cost(frame))) return false;
+bool OutputQueue::Push(Bytes frame, bool past_limit) {
+  if (frame.size() <= kChunkSize / 4) return Push(std::span<const uint8_t>(frame), past_limit);
+  if (!Fits(Cost(frame), past_limit)) return false;
   pending_ += frame.size();
   memory_ += Cost(frame);
   chunks_.push_back(std::move(frame));
   return true;
 }
 
-bool OutputQueue::Push(std::span<const uint8_t> frame) {
-  if (frame.size() > kChunkSize / 4) return Push(Bytes(frame.begin(), frame.end()));
+bool OutputQueue::Push(std::span<const uint8_t> frame, bool past_limit) {
+  if (frame.size() > kChunkSize / 4) return Push(Bytes(frame.begin(), frame.end()), past_limit);
   // Appending never moves a chunk (its capacity is reserved), so the chunk being written may
   // take more frames too.
   const bool tail_has_room = !chunks_.empty() && chunks_.back().capacity() == kChunkSize &&
                              chunks_.back().size() + frame.size() <= kChunkSize;
   if (!tail_has_room) {
-    if (!Fits(kChunkSize + sizeof(Bytes))) return false;
+    if (!Fits(kChunkSize + sizeof(Bytes), past_limit)) return false;
     Bytes chunk;
     chunk.reserve(kChunkSize);
     memory_ += Cost(chunk);

@@ -22,9 +22,10 @@ class OutputQueue {
   // empty queue, so that a single large frame can still leave.
   explicit OutputQueue(size_t limit) : limit_(limit) {}
 
-  // False, leaving the queue as it was, when the frame would take it past its limit.
-  bool Push(Bytes frame);
-  bool Push(std::span<const uint8_t> frame);
+  // False, leaving the queue as it was, when the frame would take it past its limit, unless
+  // `past_limit` says the frame must be taken all the same.
+  bool Push(Bytes frame, bool past_limit = false);
+  bool Push(std::span<const uint8_t> frame, bool past_limit = false);
 
   enum class FlushResult { kEmpty, kBlocked, kError };
   // Writes what `fd` (non-blocking) takes now.
@@ -38,7 +39,9 @@ class OutputQueue {
 
  private:
   static size_t Cost(const Bytes& chunk) { return chunk.capacity() + sizeof(Bytes); }
-  bool Fits(size_t extra) const { return chunks_.empty() || memory_ + extra <= limit_; }
+  bool Fits(size_t extra, bool past_limit) const {
+    return past_limit || chunks_.empty() || memory_ + extra <= limit_;
+  }
 
   size_t limit_;
   std::deque<Bytes> chunks_;

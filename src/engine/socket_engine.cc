@@ -8,8 +8,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -113,7 +115,11 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     FrameReader reader;
     OutputQueue output;
     uint64_t frames_read = 0;
+    uint64_t bytes_taken = 0;           // output the client has read
+    uint64_t bytes_sent = 0;            // input it has sent
     dispatch::WorkItem frame_deadline;  // pending while a frame is partly read
+    dispatch::WorkItem stall_deadline;  // pending while its requests are held back
+    bool held_back = false;             // its requests are left unread until its output drains
     bool closing = false;
   };
 
@@ -152,6 +158,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     for (int fd : spares) close(fd);
     for (auto& [serial, client] : clients) {
       client->frame_deadline.Cancel();
+      client->stall_deadline.Cancel();
       dispatch::DestroySource(client->watch);
       close(client->fd);
     }
@@ -246,37 +253,106 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
   // --- reading -----------------------------------------------------------------------------
 
   void OnClientIo(uint64_t serial, GIOCondition revents) {
+    Client* c = Find(serial);
+    if (!c) return;
     if (revents & G_IO_OUT) {
-      if (Client* c = Find(serial)) Flush(*c);
+      Flush(*c);
+      if (c->held_back && !OverReadBound(*c)) {
+        // Its replies have drained: its requests are read again, those already buffered first.
+        c->held_back = false;
+        c->stall_deadline.Cancel();
+        UpdateWatch(*c);
+        revents = GIOCondition(revents | G_IO_IN);
+      }
+    }
+    if (c->held_back && (revents & (G_IO_HUP | G_IO_ERR))) {
+      // Gone entirely: it cannot take its replies either.
+      Drop(serial);
+      return;
     }
     if (revents & (G_IO_IN | G_IO_HUP | G_IO_ERR)) {
       Read(serial);
-      if (Client* c = Find(serial)) WatchPartialFrame(*c);
+      if (Client* still = Find(serial)) WatchPartialFrame(*still);
     }
   }
 
+  bool OverReadBound(const Client& client) const {
+    return client.output.memory() >= options.max_pending_output / 2;
+  }
+
+  // Handles the frames complete in the client's buffer until it is held back; a handler may
+  // send to this client or close it.
+  void HandleBuffered(uint64_t serial) {
+    for (Client* client = Find(serial); client && !client->held_back; client = Find(serial)) {
+      // Checked before each frame: replies to earlier calls may have come in meanwhile.
+      if (!client->closing && OverReadBound(*client)) return HoldBack(*client);
+      std::optional<Frame> frame = client->reader.Next();
+      if (!frame) {
+        if (!client->reader.failed()) return;
+        g_log(kLogDomain, G_LOG_LEVEL_WARNING, "closing client %llu: %s",
+              static_cast<unsigned long long>(serial), client->reader.error().c_str());
+        return Drop(serial);
+      }
+      ++client->frames_read;
+      HandleFrame(serial, std::move(*frame));
+    }
+  }
+
+  // A client that sends faster than it reads its replies: its requests wait, first in its
+  // buffer here (up to the held-input bound, so a client that writes all its calls before it
+  // reads is served) and then in its socket, until it takes what waits for it.
+  void HoldBack(Client& client) {
+    client.held_back = true;
+    UpdateWatch(client);
+    WatchStall(client);
+  }
+
+  void WatchStall(Client& client) {
+    std::weak_ptr<State> weak = weak_from_this();
+    const uint64_t serial = client.serial;
+    const uint64_t moved_before = client.bytes_taken + client.bytes_sent;
+    client.stall_deadline =
+        dispatch::MainQueue().After(options.stall_timeout, [weak, serial, moved_before] {
+          auto self = weak.lock();
+          if (!self) return;
+          Client* c = self->Find(serial);
+          if (!c || !c->held_back) return;
+          if (c->bytes_taken + c->bytes_sent != moved_before) return self->WatchStall(*c);
+          self->client_warning.Log(
+              "closing client %llu: for %lld ms it read none of its %zu waiting bytes and sent "
+              "nothing",
+              static_cast<unsigned long long>(serial),
+              static_cast<long long>(self->options.stall_timeout.count()), c->output.pending());
+          self->Drop(serial);
+        });
+  }
+
+  // What a held-back client may still add to its input buffer.
+  size_t HeldInputRoom(const Client& client) const {
+    const size_t bound = options.max_pending_output;
+    return client.reader.buffered() < bound ? bound - client.reader.buffered() : 0;
+  }
+
   void Read(uint64_t serial) {
-    Client* client = Find(serial);
-    if (!client) return;
     uint8_t buffer[kReadChunk];
     for (;;) {
-      const ssize_t n = recv(client->fd, buffer, sizeof buffer, 0);
+      HandleBuffered(serial);
+      Client* client = Find(serial);
+      if (!client) return;
+      size_t want = sizeof buffer;
+      if (client->held_back) {
+        want = std::min(want, HeldInputRoom(*client));
+        if (want == 0) return UpdateWatch(*client);  // its own writes wait now
+      }
+      const ssize_t n = recv(client->fd, buffer, want, 0);
       if (n > 0) {
         client->reader.Append(std::span<const uint8_t>(buffer, static_cast<size_t>(n)));
-        // Handle frames as they complete; a handler may send to this client or close it.
-        while (auto frame = client->reader.Next()) {
-          ++client->frames_read;
-          HandleFrame(serial, std::move(*frame));
-          client = Find(serial);
-          if (!client) return;
-        }
-        if (client->reader.failed()) {
-          g_log(kLogDomain, G_LOG_LEVEL_WARNING, "closing client %llu: %s",
-                static_cast<unsigned long long>(serial), client->reader.error().c_str());
-          Drop(serial);
+        client->bytes_sent += static_cast<uint64_t>(n);
+        if (static_cast<size_t>(n) < want) {
+          HandleBuffered(serial);
+          if (Client* c = Find(serial)) UpdateWatch(*c);
           return;
         }
-        if (static_cast<size_t>(n) < sizeof buffer) return;
         continue;
       }
       if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
@@ -307,7 +383,8 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
           if (!self) return;
           Client* c = self->Find(serial);
           if (!c || c->reader.buffered() == 0) return;
-          if (c->frames_read != frames_before) {
+          // Frames held back by the engine are not the client's delay.
+          if (c->frames_read != frames_before || c->held_back) {
             self->WatchPartialFrame(*c);
             return;
           }
@@ -362,7 +439,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
 
   void Reply(uint64_t serial, uint32_t id, const Bytes& payload) {
     if (id == 0) return;  // the client wanted no reply
-    if (Client* c = Find(serial)) Queue(*c, EncodeReplyFrame(id, payload));
+    if (Client* c = Find(serial)) Queue(*c, EncodeReplyFrame(id, payload), /*reply=*/true);
   }
 
   // Hands a client's message to the channel's handler; `inspect` sees the reply first.
@@ -400,12 +477,14 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
 
   // --- writing -----------------------------------------------------------------------------
 
+  // A reply is always taken: the client asked for it, and its requests stop being read while
+  // its output is over the read bound, so only calls already in flight can add more.
   template <typename FrameBytes>
-  void Queue(Client& client, FrameBytes&& frame) {
+  void Queue(Client& client, FrameBytes&& frame, bool reply = false) {
     if (client.closing) return;
     const bool was_empty = client.output.empty();
     const size_t before = client.output.memory();
-    if (!client.output.Push(std::forward<FrameBytes>(frame))) {
+    if (!client.output.Push(std::forward<FrameBytes>(frame), reply)) {
       client_warning.Log("closing client %llu: it is not reading (%zu bytes waiting)",
                          static_cast<unsigned long long>(client.serial), client.output.pending());
       DropLater(client);
@@ -427,16 +506,24 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
 
   void Flush(Client& client) {
     const size_t before = client.output.memory();
+    const size_t pending_before = client.output.pending();
     const OutputQueue::FlushResult result = client.output.Flush(client.fd);
     output_memory -= before - client.output.memory();
+    client.bytes_taken += pending_before - client.output.pending();
     if (result == OutputQueue::FlushResult::kError) {
       // A broken pipe is noticed by the read side as well; stop writing here.
       DropLater(client);
       return;
     }
+    UpdateWatch(client);
+  }
+
+  // Input while its requests are read, output while something waits.
+  void UpdateWatch(Client& client) {
     auto* s = reinterpret_cast<FdSource*>(client.watch);
-    const GIOCondition base = GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR);
-    const GIOCondition want = client.output.empty() ? base : GIOCondition(base | G_IO_OUT);
+    GIOCondition want = GIOCondition(G_IO_HUP | G_IO_ERR);
+    if (!client.held_back || HeldInputRoom(client) > 0) want = GIOCondition(want | G_IO_IN);
+    if (!client.output.empty()) want = GIOCondition(want | G_IO_OUT);
     if (want != s->events) g_source_modify_unix_fd(client.watch, s->tag, s->events = want);
   }
 
@@ -459,6 +546,7 @@ struct SocketEngine::State : std::enable_shared_from_this<SocketEngine::State> {
     clients.erase(it);
     output_memory -= client->output.memory();
     client->frame_deadline.Cancel();
+    client->stall_deadline.Cancel();
     dispatch::DestroySource(client->watch);
     close(client->fd);
     RefillSpares();

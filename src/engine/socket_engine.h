@@ -16,8 +16,13 @@ namespace corvane::engine {
 struct SocketEngineOptions {
   std::string path;  // empty: DefaultSocketPath()
   size_t max_clients = 32;
-  // A client that stops reading is closed once what waits for it takes this much memory, so
-  // replies and events cannot pile up without bound. One frame of any size is always taken.
+  // Back-pressure: once what waits for a client takes half of this, its requests wait
+  // unhandled until it has taken its replies; up to this much more of its input is still read
+  // meanwhile (a client may write all its calls before it reads), then its own writes wait.
+  // Replies are always queued (they answer calls already taken), so past this bound a client
+  // holds at most the replies of calls still in flight. Host-initiated messages and events that
+  // would take a client past it close that client: it is not keeping up. One frame of any size
+  // is always taken into an empty queue.
   size_t max_pending_output = 16u << 20;
   // What all clients' waiting output may take together; past it, a client holding more than
   // its share is closed.
@@ -25,6 +30,9 @@ struct SocketEngineOptions {
   // A client that starts a frame and does not finish it within this time is closed, so a
   // trickle cannot hold a buffer and a client slot for ever.
   std::chrono::milliseconds frame_timeout{10000};
+  // A client whose requests are held back and that for this long neither takes any of its
+  // waiting output nor sends anything is closed.
+  std::chrono::milliseconds stall_timeout{10000};
 };
 
 class SocketEngine : public Engine {

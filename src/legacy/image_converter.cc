@@ -18,6 +18,12 @@ namespace corvane::legacy {
 namespace {
 
 constexpr int kMaxJpegSide = 65500;  // libjpeg's own limit
+// A progressive JPEG is decoded again over the whole picture for every scan it holds, and
+// nothing in the format stops one scan from being repeated: the work is pixels times scans.
+// An ordinary progressive file has about ten scans; this allows sixteen at the pixel limit,
+// more for smaller pictures, and never more than kMaxJpegScans.
+constexpr int64_t kJpegScansAtPixelLimit = 16;
+constexpr int64_t kMaxJpegScans = 1000;
 
 bool HasPrefix(const uint8_t* data, size_t size, std::string_view prefix, size_t at = 0) {
   return size >= at + prefix.size() && std::memcmp(data + at, prefix.data(), prefix.size()) == 0;
@@ -25,15 +31,32 @@ bool HasPrefix(const uint8_t* data, size_t size, std::string_view prefix, size_t
 
 struct SizeGuard {
   int64_t max_pixels;
+  int64_t scans = 1;
   bool refused = false;
 };
+
+// Every start-of-scan marker the decoder can meet is the byte pair FF DA (fill bytes before a
+// marker are FF too), and entropy-coded data never holds it; counting the pairs gives an upper
+// bound without parsing anything. Counting stops past `limit`.
+int64_t JpegScanCount(const uint8_t* data, size_t size, int64_t limit) {
+  int64_t scans = 0;
+  const uint8_t* end = data + size;
+  for (const uint8_t* p = data; scans <= limit && p + 1 < end; ++p) {
+    p = static_cast<const uint8_t*>(std::memchr(p, 0xFF, static_cast<size_t>(end - p - 1)));
+    if (!p) break;
+    scans += p[1] == 0xDA;
+  }
+  return scans;
+}
 
 // Runs as soon as the decoder knows the dimensions and before it allocates the image. Asking
 // for a 0x0 result makes every loader stop with an error instead.
 void OnSizePrepared(GdkPixbufLoader* loader, int width, int height, gpointer data) {
   auto* guard = static_cast<SizeGuard*>(data);
+  const int64_t pixels = int64_t{width} * height;
   if (width > 0 && height > 0 && width <= kMaxJpegSide && height <= kMaxJpegSide &&
-      int64_t{width} * height <= guard->max_pixels) {
+      pixels <= guard->max_pixels &&
+      pixels * guard->scans <= guard->max_pixels * kJpegScansAtPixelLimit) {
     return;
   }
   guard->refused = true;
@@ -182,13 +205,17 @@ Conversion ConvertToJpeg(const uint8_t* data, size_t size, int64_t max_pixels) {
     return {ConversionStatus::kTooLarge, {}};
   }
   SizeGuard guard{max_pixels};
+  if (std::strcmp(format, "jpeg") == 0) {
+    guard.scans = std::max<int64_t>(1, JpegScanCount(data, size, kMaxJpegScans));
+    if (guard.scans > kMaxJpegScans) return {ConversionStatus::kTooLarge, {}};
+  }
   ConversionStatus status = ConversionStatus::kConverted;
   GdkPixbuf* decoded = Decode(format, data, size, guard, &status);
   if (!decoded) {
-    channel::Log(
-        channel::LogLevel::kDebug, kLogDomain,
-        std::string("image refused: ") + format +
-            (status == ConversionStatus::kTooLarge ? " over the pixel limit" : " does not decode"));
+    channel::Log(channel::LogLevel::kDebug, kLogDomain,
+                 std::string("image refused: ") + format +
+                     (status == ConversionStatus::kTooLarge ? " over the pixel or scan limit"
+                                                            : " does not decode"));
     return {status, {}};
   }
   // A new pixbuf when the EXIF orientation asks for a turn, the same one (with a new

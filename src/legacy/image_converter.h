@@ -16,7 +16,7 @@ inline constexpr int64_t kMaxImagePixels = int64_t{64} << 20;
 enum class ConversionStatus {
   kConverted,
   kNotAnImage,   // empty, or not a format we decode
-  kTooLarge,     // the header announced more pixels than allowed; nothing was decoded
+  kTooLarge,     // more pixels, or pixels times JPEG scans, than allowed; nothing was decoded
   kUndecodable,  // the decoder gave up (truncated, corrupt)
 };
 
@@ -26,7 +26,8 @@ struct Conversion {
 };
 
 // PNG, JPEG, GIF (first frame), TIFF, WebP and HEIF/AVIF, the last two where gdk-pixbuf has a
-// loader for them. Images over `max_pixels` are refused from their header, before decoding.
+// loader for them. Images over `max_pixels` (for JPEG, also past the scans that many pixels
+// allow) are refused from their header, before decoding.
 Conversion ConvertToJpeg(const uint8_t* data, size_t size, int64_t max_pixels = kMaxImagePixels);
 
 // The gdk-pixbuf loader for the image format `data` begins with; null when none of the above.

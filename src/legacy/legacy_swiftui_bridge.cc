@@ -89,7 +89,8 @@ void LegacySwiftUIBridge::HandleCall(const channel::MethodCall& call,
 void LegacySwiftUIBridge::BackupDefaults(const Value& arguments,
                                          std::unique_ptr<MethodResult> result) {
   const std::string* path = channel::Args(arguments).non_empty_string("path");
-  if (!path) return result->Error(kBackupError, kMissingPath, arguments);
+  // A relative path would land wherever the host happened to start: refused like no path.
+  if (!path || path->front() != '/') return result->Error(kBackupError, kMissingPath, arguments);
   OnQueue([path = *path, result = std::move(result)](State& state) {
     // Checked before reading the store, so an existing backup costs nothing.
     if (BackupPathTaken(path)) return result->Error(kBackupError, kBackupExists);

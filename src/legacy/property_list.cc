@@ -1,5 +1,6 @@
 #include "legacy/property_list.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -38,14 +39,15 @@ class BinaryGraph {
   uint64_t count() const { return count_; }
   uint64_t root() const { return root_; }
 
-  // The references held by object `index`: none for scalars, false when malformed. A
-  // dictionary's keys must be strings without a NUL: libplist asserts on reading such a key,
-  // which would end the process.
-  bool Children(uint64_t index, const uint8_t** refs, uint64_t* n) const {
+  // The references held by object `index` (none for scalars) and the bytes its own value takes
+  // once materialised; false when malformed. A dictionary's keys must be strings without a
+  // NUL: libplist asserts on reading such a key, which would end the process.
+  bool Children(uint64_t index, const uint8_t** refs, uint64_t* n, uint64_t* bytes) const {
     uint8_t type;
     uint64_t length, pos;
     if (!Object(index, &type, &length, &pos)) return false;
     *n = 0;
+    *bytes = ValueBytes(type, length);
     if (type != 0xA && type != 0xC && type != 0xD) return true;  // array, set, dictionary
     const uint64_t end = size_ - kTrailerSize;
     const uint64_t refs_count = type == 0xD ? length * 2 : length;
@@ -66,6 +68,21 @@ class BinaryGraph {
   }
 
  private:
+  // Data and strings are copied out of the file, UTF-16 turned into UTF-8 (three bytes per
+  // unit at most); a length past the end of the file is caught when the object is read.
+  static uint64_t ValueBytes(uint8_t type, uint64_t length) {
+    switch (type) {
+      case 0x4:  // data
+      case 0x5:  // ASCII
+      case 0x7:  // UTF-8
+        return length;
+      case 0x6:  // UTF-16
+        return length > UINT64_MAX / 3 ? UINT64_MAX : length * 3;
+      default:
+        return 0;
+    }
+  }
+
   // Object `index`'s type (high nibble of its marker), its length (count of bytes, units or
   // references) and where its contents begin.
   bool Object(uint64_t index, uint8_t* type, uint64_t* length, uint64_t* pos) const {
@@ -155,59 +172,66 @@ int XmlDepth(std::string_view text) {
 bool BinaryPropertyListWithinBounds(const uint8_t* data, size_t size) {
   BinaryGraph graph(data, size);
   if (!graph.Open()) return false;
-  // Post-order walk that gives each object the size and depth of the tree it expands to,
-  // computed once per object; a reference back into the current path is a cycle.
+  // Post-order walk that gives each object the nodes, bytes and depth of the tree it expands
+  // to, computed once per object; a reference back into the current path is a cycle.
   enum : uint8_t { kUnseen, kOnPath, kDone };
+  struct Expansion {
+    uint64_t nodes = 0, bytes = 0;
+    uint32_t depth = 0;
+    // Sums saturate: a shared object may be counted more times than fit in 64 bits.
+    void Add(const Expansion& child) {
+      nodes = std::min(nodes + child.nodes, kMaxPropertyListNodes + 1);
+      bytes = std::min(bytes + child.bytes, kMaxPropertyListExpansion + 1);
+      depth = std::max(depth, child.depth + 1);
+    }
+    bool WithinBounds() const {
+      return nodes <= kMaxPropertyListNodes && bytes <= kMaxPropertyListExpansion &&
+             depth <= static_cast<uint32_t>(kMaxPropertyListDepth);
+    }
+  };
   struct Frame {
     uint64_t index;
     const uint8_t* refs;
     uint64_t n;
     uint64_t next;
-    uint64_t nodes;
-    uint32_t depth;
+    Expansion total;
   };
   std::vector<uint8_t> state(graph.count(), kUnseen);
-  std::vector<uint64_t> nodes(graph.count(), 0);
-  std::vector<uint32_t> depth(graph.count(), 0);
+  std::vector<Expansion> expansion(graph.count());
   std::vector<Frame> path;
 
   auto enter = [&](uint64_t index) {
-    Frame f{index, nullptr, 0, 0, 1, 1};
-    if (!graph.Children(index, &f.refs, &f.n)) return false;
+    Frame f{index, nullptr, 0, 0, {1, 0, 1}};
+    if (!graph.Children(index, &f.refs, &f.n, &f.total.bytes)) return false;
+    f.total.bytes = std::min(f.total.bytes, kMaxPropertyListExpansion + 1);
     state[index] = kOnPath;
     path.push_back(f);
-    return path.size() <= static_cast<size_t>(kMaxPropertyListDepth);
+    return path.size() <= static_cast<size_t>(kMaxPropertyListDepth) && f.total.WithinBounds();
   };
   if (!enter(graph.root())) return false;
   while (!path.empty()) {
     Frame& top = path.back();
     if (top.next == top.n) {
       state[top.index] = kDone;
-      nodes[top.index] = top.nodes;
-      depth[top.index] = top.depth;
-      const Frame done = top;
+      expansion[top.index] = top.total;
+      const Expansion done = top.total;
       path.pop_back();
       if (!path.empty()) {
-        path.back().nodes += done.nodes;
-        path.back().depth = std::max(path.back().depth, done.depth + 1);
-        if (path.back().nodes > kMaxPropertyListNodes) return false;
+        path.back().total.Add(done);
+        if (!path.back().total.WithinBounds()) return false;
       }
       continue;
     }
     const uint64_t child = graph.Reference(top.refs, top.next++);
     if (child >= graph.count() || state[child] == kOnPath) return false;
     if (state[child] == kDone) {
-      top.nodes += nodes[child];
-      top.depth = std::max(top.depth, depth[child] + 1);
-      if (top.nodes > kMaxPropertyListNodes ||
-          top.depth > static_cast<uint32_t>(kMaxPropertyListDepth)) {
-        return false;
-      }
+      top.total.Add(expansion[child]);
+      if (!top.total.WithinBounds()) return false;
       continue;
     }
     if (!enter(child)) return false;
   }
-  return nodes[graph.root()] <= kMaxPropertyListNodes;
+  return expansion[graph.root()].WithinBounds();
 }
 
 Plist ParsePropertyList(const uint8_t* data, size_t size) {

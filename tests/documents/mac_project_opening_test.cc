@@ -214,7 +214,8 @@ TEST_F(DocumentsOpeningTest, BadReceiptsAndUnknownMethods) {
   for (const Value& args : {Value(), Value("/p/a.corvane"), Receipt("path", Value("/p/a.corvane")),
                             Receipt("keepAccess", Value(true)),
                             Receipt("path", Value(int32_t{1}), "keepAccess", Value(true)),
-                            Receipt("path", Value("/p/a.corvane"), "keepAccess", Value("true"))}) {
+                            Receipt("path", Value("/p/a.corvane"), "keepAccess", Value("true")),
+                            Receipt("path", Value("p/a.corvane"), "keepAccess", Value(true))}) {
     MethodReply reply = Call("release", args);
     EXPECT_EQ(reply.error.code + ": " + reply.error.message.value_or(""),
               "arguments: Invalid document receipt");

@@ -4,12 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "channel/standard_codec.h"
 #include "engine/loopback_engine.h"
@@ -25,18 +21,15 @@ using channel::Value;
 using channel::ValueMap;
 namespace fs = std::filesystem;
 
-inline void WriteFile(const fs::path& path, const std::vector<uint8_t>& bytes) {
+template <typename Bytes>
+void WriteFile(const fs::path& path, const Bytes& bytes) {
   fs::create_directories(path.parent_path());
   std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
+      .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
 }
-inline void WriteFile(const fs::path& path, const std::string& text) {
-  WriteFile(path, std::vector<uint8_t>(text.begin(), text.end()));
-}
-inline std::vector<uint8_t> ReadFile(const fs::path& path) {
+inline std::string ReadFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Property lists as a test writes them.
@@ -65,11 +58,7 @@ inline std::vector<uint8_t> Serialize(plist_t root, Format format) {
   Plist owned(root);
   char* bytes = nullptr;
   uint32_t n = 0;
-  if (format == Format::kBinary) {
-    plist_to_bin(root, &bytes, &n);
-  } else {
-    plist_to_xml(root, &bytes, &n);
-  }
+  (format == Format::kBinary ? plist_to_bin : plist_to_xml)(root, &bytes, &n);
   std::vector<uint8_t> out(bytes, bytes + n);
   free(bytes);
   return out;
@@ -79,10 +68,6 @@ inline Value Map(std::initializer_list<std::pair<const char*, Value>> entries) {
   ValueMap m;
   for (const auto& [k, v] : entries) m.Append(Value(k), v);
   return Value(std::move(m));
-}
-
-inline const Value* Field(const Value& map, const char* key) {
-  return map.map_if() ? map.map_if()->Find(key) : nullptr;
 }
 
 // A home folder laid out as the earlier edition's users bring it along, and a bridge that
@@ -114,19 +99,14 @@ class BridgeTest : public ::testing::Test {
     return *bridge_;
   }
 
-  using Replies = std::shared_ptr<std::vector<MethodReply>>;
-  Replies CallLater(const std::string& method, Value args = Value()) {
+  MethodReply Call(const std::string& method, Value args = Value()) {
     Bridge();
-    auto replies = std::make_shared<std::vector<MethodReply>>();
+    auto replies = std::make_shared<std::vector<MethodReply>>();  // outlives a lost reply
     engine_.SendFromEngine(kMethodChannel, channel::EncodeMethodCall({method, std::move(args)}),
                            [replies](channel::Bytes b) {
                              auto decoded = channel::DecodeEnvelope(b);
                              replies->push_back(decoded ? *decoded.value : MethodReply());
                            });
-    return replies;
-  }
-  MethodReply Call(const std::string& method, Value args = Value()) {
-    Replies replies = CallLater(method, std::move(args));
     dispatch::RunMainUntil([&] { return !replies->empty(); }, 30s);
     EXPECT_EQ(replies->size(), 1u) << method;
     return replies->empty() ? MethodReply() : replies->front();

@@ -85,62 +85,46 @@ TEST_P(StoreFormatTest, ConvertsEveryKindOfValue) {
 }
 
 TEST_P(StoreFormatTest, ProbeCountsAndFlags) {
-  const Value no_language;
-  const struct {
-    const char* why;
-    plist_t store;
-    bool has_data;
-    int64_t keys, bytes;
-    bool demo, icloud;
-    Value language;
-    size_t values;  // what readDefaults returns
-  } cases[] = {
-      {"every flag",
-       Dict({{"AppleLanguages", Array({Str("nl"), Str("en")})},
+  const auto probe = [](bool data, int64_t keys, int64_t bytes, bool demo) {
+    return Map({{"hasLegacyData", Value(data)},
+                {"keyCount", Value::Integer(keys)},
+                {"byteCount", Value::Integer(bytes)},
+                {"storeDemo", Value(demo)},
+                {"icloudKeyValue", Value(false)}});
+  };
+  Value every_flag = probe(true, 5, 8, true);
+  every_flag.mutable_map_if()->Append(Value("language"), Value("de"));
+  const std::tuple<plist_t, Value, size_t> cases[] = {
+      {Dict({{"AppleLanguages", Array({Str("nl"), Str("en")})},
              {"z21.a", Data("12345")},
              {"z21.b", Data("678")},
              {"flutter.c", Data("not counted")},
              {"corvane.demo.isEnabled", Bool(true)},
              {"z21.icloud.enabled", Int(1)},  // not a boolean: false
              {"z21.appLanguageOverride", Str("de")}}),
-       true, 5, 8, true, false, Value("de"), 6},
-      {"an empty override is a legacy key, but no language",
-       Dict({{"AppleLanguages", Array({Str("nl")})},
+       every_flag, 6},
+      // An empty override is a legacy key, but no language.
+      {Dict({{"AppleLanguages", Array({Str("nl")})},
              {"z21.appLanguageOverride", Str("")},
              {"flutter.z21.host", Str("x")}}),
-       true, 1, 0, false, false, no_language, 2},
-      {"languages alone are no legacy data", Dict({{"AppleLanguages", Array({Str("nl")})}}), false,
-       0, 0, false, false, no_language, 1},
+       probe(true, 1, 0, false), 2},
+      // Languages alone are no legacy data, though readDefaults returns them.
+      {Dict({{"AppleLanguages", Array({Str("nl")})}}), probe(false, 0, 0, false), 1},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.why);
-    LegacyPreferences prefs = Read(c.store);
-    const ValueMap probe = prefs.Probe();
-    EXPECT_EQ(*probe.Find("hasLegacyData"), Value(c.has_data));
-    EXPECT_EQ(probe.Find("keyCount")->integer(), c.keys);
-    EXPECT_EQ(probe.Find("byteCount")->integer(), c.bytes);
-    EXPECT_EQ(*probe.Find("storeDemo"), Value(c.demo));
-    EXPECT_EQ(*probe.Find("icloudKeyValue"), Value(c.icloud));
-    EXPECT_EQ(probe.Find("language") ? *probe.Find("language") : Value(), c.language);
-    EXPECT_EQ(prefs.Values().size(), c.values);
+  for (const auto& [store, expected, values] : cases) {
+    LegacyPreferences prefs = Read(store);
+    EXPECT_EQ(Value(prefs.Probe()), expected);
+    EXPECT_EQ(prefs.Values().size(), values);
   }
 }
 
 TEST_P(StoreFormatTest, DeepNestingReadsAsNullBelowTheLimit) {
   plist_t deep = Str("bottom");
+  Value expected;
   for (int i = 0; i < kMaxValueDepth + 20; ++i) deep = Array({deep});
-  LegacyPreferences prefs = Read(Dict({{"z21.deep", deep}, {"z21.flat", Int(7)}}));
-  const ValueMap values = prefs.Values();
-  EXPECT_EQ(values.Find("z21.flat")->integer(), 7);
-  int depth = 0;
-  const Value* v = values.Find("z21.deep");
-  while (v && v->list_if() && !v->list_if()->empty()) {
-    v = &v->list_if()->front();
-    ++depth;
-  }
-  ASSERT_TRUE(v);
-  EXPECT_TRUE(v->is_null());
-  EXPECT_EQ(depth, kMaxValueDepth);
+  for (int i = 0; i < kMaxValueDepth; ++i) expected = Value(channel::ValueList{expected});
+  const ValueMap values = Read(Dict({{"z21.deep", deep}, {"z21.flat", Int(7)}})).Values();
+  EXPECT_EQ(Value(values), Map({{"z21.deep", expected}, {"z21.flat", Value::Integer(7)}}));
   EXPECT_TRUE(channel::DecodeMessage(channel::EncodeMessage(Value(values))));
 }
 
@@ -203,57 +187,78 @@ TEST(LegacyStore, DatesBeyond32BitSecondsKeepTheirValue) {
   EXPECT_EQ(Value(values), Map({{"corvane.snoozeUntil", Map({{"$date", Value(64092211200.0)}})}}));
 }
 
+// A character reference other than NUL is read as what it stands for.
 TEST(LegacyStore, MalformedUtf8BecomesReplacementCharacters) {
   // Written by hand: libplist would not write the malformed bytes.
   const std::string xml =
       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
       "<key>z21.caf\xe9</key><string>bad \xff byte</string>"
-      "<key>z21.ok</key><string>caf\xc3\xa9</string></dict></plist>";
-  const std::vector<uint8_t> bytes(xml.begin(), xml.end());
-  const ValueMap values = LegacyPreferences::Parse(bytes.data(), bytes.size()).Values();
-  ASSERT_EQ(values.size(), 2u);
-  EXPECT_EQ(values.entries()[0].key, Value("z21.caf\xef\xbf\xbd"));
-  EXPECT_EQ(values.entries()[0].value, Value("bad \xef\xbf\xbd byte"));
-  EXPECT_EQ(values.entries()[1].value, Value("caf\xc3\xa9"));
-
+      "<key>z21.ok&#33;&#x3F;</key><string>caf\xc3\xa9</string></dict></plist>";
+  LegacyPreferences prefs =
+      LegacyPreferences::Parse(reinterpret_cast<const uint8_t*>(xml.data()), xml.size());
+  const ValueMap values = prefs.Values();
+  EXPECT_EQ(Value(values), Map({{"z21.caf\xef\xbf\xbd", Value("bad \xef\xbf\xbd byte")},
+                                {"z21.ok!?", Value("caf\xc3\xa9")}}));
   // libplist's binary writer cannot take malformed strings: the backup holds the cleaned ones.
-  LegacyPreferences prefs = LegacyPreferences::Parse(bytes.data(), bytes.size());
   const std::vector<uint8_t> backup = prefs.Serialize();
   EXPECT_EQ(LegacyPreferences::Parse(backup.data(), backup.size()).Values(), values);
 }
 
-// A binary list whose objects refer to each other: object i is an array holding object i+1
-// twice, so the file is tiny but names a tree of 2^levels leaves.
-std::vector<uint8_t> SharedReferenceList(int levels) {
-  std::vector<uint8_t> out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-  for (int i = 1; i <= levels; ++i) out.insert(out.end(), {0xA2, uint8_t(i), uint8_t(i)});
-  out.insert(out.end(), {0x10, 7});  // the leaf: integer 7
-  const size_t table = out.size();
-  // Two-byte offsets: each array is three bytes long.
-  for (int i = 0; i <= levels; ++i) out.insert(out.end(), {0, uint8_t(8 + 3 * i)});
+// A binary list whose object i < levels is an array holding object i+1 `fanout` times, and
+// whose last object is `leaf` (by default the integer 7): a small file can name a tree of
+// fanout^levels leaves.
+std::vector<uint8_t> SharedReferenceList(int levels, int fanout = 2,
+                                         std::vector<uint8_t> leaf = {0x10, 7}) {
+  std::vector<uint8_t> out = Bytes("bplist00"), table;
+  for (int i = 0; i <= levels; ++i) {
+    table.insert(table.end(), {uint8_t(out.size() >> 8), uint8_t(out.size())});
+    if (i == levels) break;
+    out.push_back(uint8_t(0xA0 | fanout));
+    for (int k = 0; k < fanout; ++k) out.insert(out.end(), {uint8_t((i + 1) >> 8), uint8_t(i + 1)});
+  }
+  out.insert(out.end(), leaf.begin(), leaf.end());
   std::vector<uint8_t> trailer(32, 0);
-  trailer[6] = 2;                     // offset size
-  trailer[7] = 1;                     // reference size
-  trailer[15] = uint8_t(levels + 1);  // objects; the root is object 0
-  trailer[30] = uint8_t(table >> 8);
-  trailer[31] = uint8_t(table);
+  trailer[6] = trailer[7] = 2;  // offset and reference sizes
+  trailer[14] = uint8_t((levels + 1) >> 8), trailer[15] = uint8_t(levels + 1);  // root: 0
+  for (int i = 0; i < 4; ++i) trailer[28 + i] = uint8_t(out.size() >> (24 - 8 * i));
+  out.insert(out.end(), table.begin(), table.end());
   out.insert(out.end(), trailer.begin(), trailer.end());
   return out;
 }
 
+// A data object of `n` bytes.
+std::vector<uint8_t> DataLeaf(uint32_t n) {
+  std::vector<uint8_t> leaf = {0x4F,      0x12, uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8),
+                               uint8_t(n)};
+  leaf.resize(leaf.size() + n, 'x');
+  return leaf;
+}
+
 TEST(LegacyStore, ReferenceBombsCyclesAndDanglingReferencesAreRefused) {
   const std::vector<uint8_t> small = SharedReferenceList(4);
-  EXPECT_TRUE(BinaryPropertyListWithinBounds(small.data(), small.size()));
   ASSERT_TRUE(ParsePropertyList(small.data(), small.size())) << "what libplist reads passes";
-
-  // 2^40 leaves from a 150-byte file: refused without libplist ever expanding it.
-  std::vector<uint8_t> cycle = SharedReferenceList(3);
-  cycle[8 + 3 * 2 + 1] = 0;  // the last array points back at the root
-  std::vector<uint8_t> dangling = SharedReferenceList(3);
-  dangling[9] = 200;  // no such object
-  for (const auto& bytes : {SharedReferenceList(40), cycle, dangling}) {
-    EXPECT_FALSE(BinaryPropertyListWithinBounds(bytes.data(), bytes.size()));
-    EXPECT_FALSE(ParsePropertyList(bytes.data(), bytes.size()));
+  std::vector<uint8_t> cycle = SharedReferenceList(3), dangling = cycle, no_root = cycle;
+  cycle[8 + 5 * 2 + 2] = 0;         // the last array points back at the root
+  dangling[9] = 0x7F;               // no such object
+  no_root[no_root.size() - 9] = 4;  // the root is past the objects
+  // Nodes, bytes and depth at their bounds and just past them: 2^20 - 1 nodes, 128 times
+  // 256 KiB, 512 levels.
+  const std::pair<std::vector<uint8_t>, bool> cases[] = {
+      {SharedReferenceList(19), true},
+      {SharedReferenceList(20), false},
+      {SharedReferenceList(7, 2, DataLeaf(256 * 1024)), true},
+      {SharedReferenceList(7, 2, DataLeaf(256 * 1024 + 1)), false},
+      {SharedReferenceList(511, 1), true},
+      {SharedReferenceList(512, 1), false},
+      {SharedReferenceList(40), false},  // 2^40 leaves from a 250-byte file
+      {cycle, false},
+      {dangling, false},
+      {no_root, false},
+  };
+  for (const auto& [bytes, within] : cases) {
+    EXPECT_EQ(BinaryPropertyListWithinBounds(bytes.data(), bytes.size()), within)
+        << &bytes - &cases[0].first;
+    if (!within) EXPECT_FALSE(ParsePropertyList(bytes.data(), bytes.size()));
   }
 }
 
