@@ -7,16 +7,15 @@
 #include <thread>
 #include <utility>
 
-using fake_flutter::Bytes;
-using fake_flutter::HostMessage;
+using namespace fake_flutter;
 
 namespace {
 
-int g_unanswered = 0, g_repeated = 0, g_off_main = 0;
+int g_faults = 0;
 std::thread::id g_platform_thread;  // flutter_linux's: the one that made the engine
 
 void NoteThread() {
-  if (std::this_thread::get_id() != g_platform_thread) ++g_off_main;
+  if (std::this_thread::get_id() != g_platform_thread) ++g_faults;
 }
 
 Bytes ToBytes(GBytes* bytes) {
@@ -25,99 +24,70 @@ Bytes ToBytes(GBytes* bytes) {
   return Bytes(data, data + size);
 }
 
-struct Handler {
-  FlBinaryMessengerMessageHandler function;
-  gpointer data;
-  GDestroyNotify destroy;
-};
-
-void Drop(std::map<std::string, Handler> handlers) {
-  for (auto& [channel, handler] : handlers) {
-    if (handler.destroy) handler.destroy(handler.data);
-  }
-}
-
 struct MessengerState {
   FlEngine* engine = nullptr;  // weak, as flutter_linux's
-  std::map<std::string, Handler> handlers;
+  std::map<std::string, std::pair<FlBinaryMessengerMessageHandler, gpointer>> handlers;
   std::vector<HostMessage> sent;
-  std::function<std::optional<Bytes>(const HostMessage&)> responder;
+  std::function<Response(const HostMessage&)> responder;
 };
 
 }  // namespace
 
-G_DEFINE_QUARK(fl_binary_messenger_codec_error_quark, fl_binary_messenger_codec_error)
 G_DEFINE_INTERFACE(FlBinaryMessenger, fl_binary_messenger, G_TYPE_OBJECT)
 static void fl_binary_messenger_default_init(FlBinaryMessengerInterface*) {}
 
-typedef struct {
-  std::function<void(std::optional<Bytes>)>* on_response;
+struct _FlBinaryMessengerResponseHandle {
+  GObject parent_instance;
+  std::function<void(Response)>* on_response;
   bool responded;
-} FlBinaryMessengerResponseHandlePrivate;
-G_DEFINE_TYPE_WITH_PRIVATE(FlBinaryMessengerResponseHandle, fl_binary_messenger_response_handle,
-                           G_TYPE_OBJECT)
-static FlBinaryMessengerResponseHandlePrivate* Priv(gpointer handle) {
-  return static_cast<FlBinaryMessengerResponseHandlePrivate*>(
-      fl_binary_messenger_response_handle_get_instance_private(
-          FL_BINARY_MESSENGER_RESPONSE_HANDLE(handle)));
-}
+};
+G_DEFINE_TYPE(FlBinaryMessengerResponseHandle, fl_binary_messenger_response_handle, G_TYPE_OBJECT)
 static void fl_binary_messenger_response_handle_init(FlBinaryMessengerResponseHandle*) {}
 static void fl_binary_messenger_response_handle_class_init(
     FlBinaryMessengerResponseHandleClass* klass) {
   G_OBJECT_CLASS(klass)->finalize = [](GObject* object) {
-    if (!Priv(object)->responded) ++g_unanswered;  // a critical in flutter_linux
-    delete Priv(object)->on_response;
+    auto* handle = FL_BINARY_MESSENGER_RESPONSE_HANDLE(object);
+    if (!handle->responded) ++g_faults;  // a critical in flutter_linux
+    delete handle->on_response;
     G_OBJECT_CLASS(fl_binary_messenger_response_handle_parent_class)->finalize(object);
   };
 }
 
-G_DECLARE_FINAL_TYPE(FakeMessenger, fake_messenger, FAKE, MESSENGER, GObject)
-struct _FakeMessenger {
-  GObject parent_instance;
-  MessengerState* state;
-};
+typedef GObject FakeMessenger;
+typedef GObjectClass FakeMessengerClass;
 G_DEFINE_TYPE_WITH_CODE(FakeMessenger, fake_messenger, G_TYPE_OBJECT,
                         G_IMPLEMENT_INTERFACE(fl_binary_messenger_get_type(), nullptr))
-static void fake_messenger_init(FakeMessenger* self) { self->state = new MessengerState(); }
-static void fake_messenger_class_init(FakeMessengerClass* klass) {
-  G_OBJECT_CLASS(klass)->finalize = [](GObject* object) {
-    delete FAKE_MESSENGER(object)->state;
-    G_OBJECT_CLASS(fake_messenger_parent_class)->finalize(object);
-  };
+static void fake_messenger_init(FakeMessenger* self) {
+  g_object_set_data_full(self, "state", new MessengerState(),
+                         [](gpointer state) { delete static_cast<MessengerState*>(state); });
 }
-static MessengerState& State(gpointer messenger) { return *FAKE_MESSENGER(messenger)->state; }
+static void fake_messenger_class_init(FakeMessengerClass*) {}
+static MessengerState& State(gpointer messenger) {
+  return *static_cast<MessengerState*>(g_object_get_data(G_OBJECT(messenger), "state"));
+}
 
+// The host never passes a destroy notify.
 void fl_binary_messenger_set_message_handler_on_channel(FlBinaryMessenger* messenger,
                                                         const gchar* channel,
                                                         FlBinaryMessengerMessageHandler handler,
-                                                        gpointer user_data,
-                                                        GDestroyNotify destroy_notify) {
+                                                        gpointer user_data, GDestroyNotify) {
   MessengerState& state = State(messenger);
-  std::map<std::string, Handler> replaced;
-  if (auto it = state.handlers.find(channel); it != state.handlers.end()) {
-    replaced.insert(state.handlers.extract(it));
-  }
-  if (handler && state.engine) {
-    state.handlers[channel] = {handler, user_data, destroy_notify};
-  } else if (handler && destroy_notify) {
-    destroy_notify(user_data);  // refused: the engine is gone
-  }
-  Drop(std::move(replaced));
+  state.handlers.erase(channel);
+  if (handler && state.engine) state.handlers[channel] = {handler, user_data};
 }
 
 gboolean fl_binary_messenger_send_response(FlBinaryMessenger* messenger,
                                            FlBinaryMessengerResponseHandle* handle,
                                            GBytes* response, GError**) {
   NoteThread();
-  if (Priv(handle)->responded) {  // g_return_val_if_fail in flutter_linux: no error set
-    ++g_repeated;
+  if (handle->responded) {  // g_return_val_if_fail in flutter_linux: no error set
+    ++g_faults;
     g_critical("response handle already used");
     return FALSE;
   }
-  Priv(handle)->responded = true;
-  auto* on_response = Priv(handle)->on_response;
-  if (State(messenger).engine && on_response && *on_response) {
-    (*on_response)(response ? std::optional<Bytes>(ToBytes(response)) : std::nullopt);
+  handle->responded = true;
+  if (State(messenger).engine && handle->on_response && *handle->on_response) {
+    (*handle->on_response)(response ? Response(ToBytes(response)) : std::nullopt);
   }
   return TRUE;
 }
@@ -145,25 +115,19 @@ GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger*, GAsyncRes
 
 struct _FlDartProject {
   GObject parent_instance;
-  gchar** arguments;
 };
 G_DEFINE_TYPE(FlDartProject, fl_dart_project, G_TYPE_OBJECT)
 static void fl_dart_project_init(FlDartProject*) {}
-static void fl_dart_project_class_init(FlDartProjectClass* klass) {
-  G_OBJECT_CLASS(klass)->finalize = [](GObject* object) {
-    g_strfreev(FL_DART_PROJECT(object)->arguments);
-    G_OBJECT_CLASS(fl_dart_project_parent_class)->finalize(object);
-  };
-}
+static void fl_dart_project_class_init(FlDartProjectClass*) {}
 FlDartProject* fl_dart_project_new() {
   return FL_DART_PROJECT(g_object_new(fl_dart_project_get_type(), nullptr));
 }
 void fl_dart_project_set_dart_entrypoint_arguments(FlDartProject* project, char** argv) {
-  g_strfreev(project->arguments);
-  project->arguments = g_strdupv(argv);
+  g_object_set_data_full(G_OBJECT(project), "arguments", g_strdupv(argv),
+                         reinterpret_cast<GDestroyNotify>(g_strfreev));
 }
 gchar** fl_dart_project_get_dart_entrypoint_arguments(FlDartProject* project) {
-  return project->arguments;
+  return static_cast<gchar**>(g_object_get_data(G_OBJECT(project), "arguments"));
 }
 
 struct _FlEngine {
@@ -171,15 +135,14 @@ struct _FlEngine {
   FakeMessenger* messenger;
 };
 G_DEFINE_TYPE(FlEngine, fl_engine, G_TYPE_OBJECT)
-// The engine going drops every handler, telling each owner through its destroy notify.
+// The engine going drops every handler.
 static void engine_gone(gpointer messenger, GObject*) {
-  State(messenger).engine = nullptr;
-  Drop(std::exchange(State(messenger).handlers, {}));
+  State(messenger) = {};
   g_object_unref(messenger);
 }
 static void fl_engine_init(FlEngine* self) {
   g_platform_thread = std::this_thread::get_id();
-  self->messenger = FAKE_MESSENGER(g_object_new(fake_messenger_get_type(), nullptr));
+  self->messenger = G_OBJECT(g_object_new(fake_messenger_get_type(), nullptr));
   State(self->messenger).engine = self;
   g_object_weak_ref(G_OBJECT(self), engine_gone, self->messenger);
 }
@@ -195,16 +158,9 @@ G_DEFINE_INTERFACE(FlPluginRegistrar, fl_plugin_registrar, G_TYPE_OBJECT)
 static void fl_plugin_registrar_default_init(FlPluginRegistrarInterface*) {}
 G_DEFINE_INTERFACE(FlPluginRegistry, fl_plugin_registry, G_TYPE_OBJECT)
 static void fl_plugin_registry_default_init(FlPluginRegistryInterface*) {}
-FlPluginRegistrar* fl_plugin_registry_get_registrar_for_plugin(FlPluginRegistry* registry,
-                                                               const gchar* name) {
-  return FL_PLUGIN_REGISTRY_GET_IFACE(registry)->get_registrar_for_plugin(registry, name);
-}
 
-G_DECLARE_FINAL_TYPE(FakeRegistrar, fake_registrar, FAKE, REGISTRAR, GObject)
-struct _FakeRegistrar {
-  GObject parent_instance;
-  FlView* view;  // weak: the view owns the registry
-};
+typedef GObject FakeRegistrar;  // its view (weak: the view owns the registry) as "view" data
+typedef GObjectClass FakeRegistrarClass;
 G_DEFINE_TYPE_WITH_CODE(FakeRegistrar, fake_registrar, G_TYPE_OBJECT,
                         G_IMPLEMENT_INTERFACE(fl_plugin_registrar_get_type(), nullptr))
 static void fake_registrar_init(FakeRegistrar*) {}
@@ -214,16 +170,8 @@ struct _FlView {
   GtkBox parent_instance;
   FlEngine* engine;
 };
-static void fl_view_registry_init(FlPluginRegistryInterface* iface) {
-  // Whatever the name, a new registrar (transfer full), as flutter_linux.
-  iface->get_registrar_for_plugin = [](FlPluginRegistry* registry, const gchar*) {
-    auto* registrar = FAKE_REGISTRAR(g_object_new(fake_registrar_get_type(), nullptr));
-    registrar->view = FL_VIEW(registry);
-    return FL_PLUGIN_REGISTRAR(registrar);
-  };
-}
 G_DEFINE_TYPE_WITH_CODE(FlView, fl_view, GTK_TYPE_BOX,
-                        G_IMPLEMENT_INTERFACE(fl_plugin_registry_get_type(), fl_view_registry_init))
+                        G_IMPLEMENT_INTERFACE(fl_plugin_registry_get_type(), nullptr))
 static void fl_view_init(FlView* self) { self->engine = fl_engine_new_headless(nullptr); }
 static void fl_view_class_init(FlViewClass* klass) {
   G_OBJECT_CLASS(klass)->dispose = [](GObject* object) {
@@ -234,28 +182,35 @@ static void fl_view_class_init(FlViewClass* klass) {
 FlView* fl_view_new(FlDartProject*) { return FL_VIEW(g_object_new(fl_view_get_type(), nullptr)); }
 FlEngine* fl_view_get_engine(FlView* view) { return view->engine; }
 void fl_view_set_background_color(FlView*, const GdkRGBA*) {}
-FlBinaryMessenger* fl_plugin_registrar_get_messenger(FlPluginRegistrar* registrar) {
-  return fl_engine_get_binary_messenger(FAKE_REGISTRAR(registrar)->view->engine);
+// Whatever the name, a new registrar (transfer full), as flutter_linux.
+FlPluginRegistrar* fl_plugin_registry_get_registrar_for_plugin(FlPluginRegistry* registry,
+                                                               const gchar*) {
+  auto* registrar = G_OBJECT(g_object_new(fake_registrar_get_type(), nullptr));
+  g_object_set_data(registrar, "view", registry);
+  return FL_PLUGIN_REGISTRAR(registrar);
 }
 FlView* fl_plugin_registrar_get_view(FlPluginRegistrar* registrar) {
-  return FAKE_REGISTRAR(registrar)->view;
+  return FL_VIEW(g_object_get_data(G_OBJECT(registrar), "view"));
+}
+FlBinaryMessenger* fl_plugin_registrar_get_messenger(FlPluginRegistrar* registrar) {
+  return fl_engine_get_binary_messenger(fl_plugin_registrar_get_view(registrar)->engine);
 }
 
 namespace fake_flutter {
 
 void DartSend(FlBinaryMessenger* messenger, const std::string& channel, const Bytes& message,
-              std::function<void(std::optional<Bytes>)> on_response) {
+              std::function<void(Response)> on_response) {
   auto it = State(messenger).handlers.find(channel);
   if (it == State(messenger).handlers.end()) {
     if (on_response) on_response(std::nullopt);
     return;
   }
-  auto* handle = g_object_new(fl_binary_messenger_response_handle_get_type(), nullptr);
-  Priv(handle)->on_response = new std::function(std::move(on_response));
+  auto* handle = FL_BINARY_MESSENGER_RESPONSE_HANDLE(
+      g_object_new(fl_binary_messenger_response_handle_get_type(), nullptr));
+  handle->on_response = new std::function(std::move(on_response));
   GBytes* bytes = g_bytes_new(message.data(), message.size());
-  const Handler handler = it->second;
-  handler.function(messenger, channel.c_str(), bytes, FL_BINARY_MESSENGER_RESPONSE_HANDLE(handle),
-                   handler.data);
+  const auto [function, data] = it->second;
+  function(messenger, channel.c_str(), bytes, handle, data);
   g_bytes_unref(bytes);
   g_object_unref(handle);  // a handler that answers later keeps a reference of its own
 }
@@ -267,12 +222,9 @@ std::vector<HostMessage> TakeHostMessages(FlBinaryMessenger* messenger) {
   return std::exchange(State(messenger).sent, {});
 }
 void SetDartResponder(FlBinaryMessenger* messenger,
-                      std::function<std::optional<Bytes>(const HostMessage&)> responder) {
+                      std::function<Response(const HostMessage&)> responder) {
   State(messenger).responder = std::move(responder);
 }
-int unanswered_handles() { return g_unanswered; }
-int repeated_responses() { return g_repeated; }
-int off_main_thread_calls() { return g_off_main; }
-void ResetCounters() { g_unanswered = g_repeated = g_off_main = 0; }
+int faults() { return g_faults; }
 
 }  // namespace fake_flutter

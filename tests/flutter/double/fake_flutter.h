@@ -12,33 +12,27 @@
 namespace fake_flutter {
 
 using Bytes = std::vector<uint8_t>;
+using Response = std::optional<Bytes>;  // nullopt: the empty (not-implemented) response
 
-// Dart sends `message` on `channel`. `on_response` receives the host's response: nullopt for the
-// empty (not-implemented) response. With no handler on the channel the double answers empty at
-// once, as the engine does.
+// Dart sends `message` on `channel`; with no handler there the double answers empty at once.
 void DartSend(FlBinaryMessenger* messenger, const std::string& channel, const Bytes& message,
-              std::function<void(std::optional<Bytes>)> on_response);
-
+              std::function<void(Response)> on_response);
 bool HasHandler(FlBinaryMessenger* messenger, const std::string& channel);
 
 struct HostMessage {
   std::string channel;
   Bytes message;
   bool wants_reply;
+  bool operator==(const HostMessage&) const = default;
 };
-// Messages the host sent to Dart, in order, each taken once.
+// Messages the host sent to Dart, in order, each taken once. Dart answers those that want a
+// reply with `responder` (by default the empty response).
 std::vector<HostMessage> TakeHostMessages(FlBinaryMessenger* messenger);
-
-// How Dart answers host-to-Dart messages; by default with the empty response.
 void SetDartResponder(FlBinaryMessenger* messenger,
-                      std::function<std::optional<Bytes>(const HostMessage&)> responder);
+                      std::function<Response(const HostMessage&)> responder);
 
-// Response handles finalised without a response (a critical in flutter_linux), and responses
-// refused because the handle had answered already. Process-wide counters.
-int unanswered_handles();
-int repeated_responses();
-// send_response or send_on_channel called off the thread that owns the default main context.
-int off_main_thread_calls();
-void ResetCounters();
+// Process-wide count of faults flutter_linux objects to: response handles finalised without a
+// response, repeated responses, and sends off the thread that made the engine.
+int faults();
 
 }  // namespace fake_flutter

@@ -4,45 +4,20 @@
 #pragma once
 
 #include <gio/gio.h>
-#include <glib-object.h>
-#include <gmodule.h>
 #include <gtk/gtk.h>
-
-#include <cstdint>
 
 G_BEGIN_DECLS
 
-#define FL_BINARY_MESSENGER_ERROR fl_binary_messenger_codec_error_quark()
-typedef enum { FL_BINARY_MESSENGER_ERROR_ALREADY_RESPONDED } FlBinaryMessengerError;
-GQuark fl_binary_messenger_codec_error_quark(void) G_GNUC_CONST;
-
 G_DECLARE_INTERFACE(FlBinaryMessenger, fl_binary_messenger, FL, BINARY_MESSENGER, GObject)
-G_DECLARE_DERIVABLE_TYPE(FlBinaryMessengerResponseHandle, fl_binary_messenger_response_handle, FL,
-                         BINARY_MESSENGER_RESPONSE_HANDLE, GObject)
+struct _FlBinaryMessengerInterface {
+  GTypeInterface parent_iface;
+};
+G_DECLARE_FINAL_TYPE(FlBinaryMessengerResponseHandle, fl_binary_messenger_response_handle, FL,
+                     BINARY_MESSENGER_RESPONSE_HANDLE, GObject)
 typedef void (*FlBinaryMessengerMessageHandler)(FlBinaryMessenger* messenger, const gchar* channel,
                                                 GBytes* message,
                                                 FlBinaryMessengerResponseHandle* response_handle,
                                                 gpointer user_data);
-struct _FlBinaryMessengerInterface {
-  GTypeInterface parent_iface;
-  void (*set_message_handler_on_channel)(FlBinaryMessenger* messenger, const gchar* channel,
-                                         FlBinaryMessengerMessageHandler handler,
-                                         gpointer user_data, GDestroyNotify destroy_notify);
-  gboolean (*send_response)(FlBinaryMessenger* messenger,
-                            FlBinaryMessengerResponseHandle* response_handle, GBytes* response,
-                            GError** error);
-  void (*send_on_channel)(FlBinaryMessenger* messenger, const gchar* channel, GBytes* message,
-                          GCancellable* cancellable, GAsyncReadyCallback callback,
-                          gpointer user_data);
-  GBytes* (*send_on_channel_finish)(FlBinaryMessenger* messenger, GAsyncResult* result,
-                                    GError** error);
-  void (*resize_channel)(FlBinaryMessenger* messenger, const gchar* channel, int64_t new_size);
-  void (*set_warns_on_channel_overflow)(FlBinaryMessenger* messenger, const gchar* channel,
-                                        bool warns);
-};
-struct _FlBinaryMessengerResponseHandleClass {
-  GObjectClass parent_class;
-};
 void fl_binary_messenger_set_message_handler_on_channel(FlBinaryMessenger* messenger,
                                                         const gchar* channel,
                                                         FlBinaryMessengerMessageHandler handler,
@@ -85,7 +60,6 @@ FlView* fl_plugin_registrar_get_view(FlPluginRegistrar* registrar);
 G_DECLARE_INTERFACE(FlPluginRegistry, fl_plugin_registry, FL, PLUGIN_REGISTRY, GObject)
 struct _FlPluginRegistryInterface {
   GTypeInterface g_iface;
-  FlPluginRegistrar* (*get_registrar_for_plugin)(FlPluginRegistry* registry, const gchar* name);
 };
 // Returns: (transfer full) a new registrar each call; the name is not used.
 FlPluginRegistrar* fl_plugin_registry_get_registrar_for_plugin(FlPluginRegistry* registry,
