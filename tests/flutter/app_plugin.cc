@@ -1,7 +1,5 @@
 // A native plug-in of the test app: prints its package, whether its view was realized, and
 // whether the host's first and last own channels answered on its messenger by then.
-#include <flutter_linux/flutter_linux.h>
-
 #include <cstdio>
 
 #include "fake_flutter.h"
@@ -19,16 +17,13 @@ extern "C" void REGISTER(FlPluginRegistrar* registrar) {
 extern "C" void desktop_multi_window_plugin_set_window_created_callback(
     void (*callback)(FlPluginRegistry*)) {
   static void (*created)(FlPluginRegistry*) = callback;
-  g_idle_add(
-      +[](gpointer) {
+  g_idle_add_once(
+      [](gpointer) {
         GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-        FlDartProject* project = fl_dart_project_new();
-        FlView* view = fl_view_new(project);
-        g_object_unref(project);
+        FlView* view = fl_view_new(nullptr);
         gtk_container_add(GTK_CONTAINER(window), GTK_WIDGET(view));
         gtk_widget_show_all(window);
         created(FL_PLUGIN_REGISTRY(view));
-        return G_SOURCE_REMOVE;
       },
       nullptr);
 }

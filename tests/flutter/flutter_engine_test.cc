@@ -1,10 +1,6 @@
 // The flutter_linux engine connection against the test double of flutter_linux: routing both
 // ways, one response per message from the main thread, the engine going, socket mirrors.
-#include <flutter_linux/flutter_linux.h>
 #include <gtest/gtest.h>
-
-#include <chrono>
-#include <memory>
 
 #include "channel/event_channel.h"
 #include "channel/method_channel.h"
@@ -24,7 +20,7 @@ namespace {
 
 using fake_flutter::Bytes;
 using fake_flutter::Response;
-using Calls = std::vector<fake_flutter::HostMessage>;
+using Sent = std::vector<fake_flutter::HostMessage>;
 
 class FlutterEngineTest : public ::testing::Test {
  protected:
@@ -32,28 +28,28 @@ class FlutterEngineTest : public ::testing::Test {
     g_clear_object(&fl_engine_);
     EXPECT_EQ(fake_flutter::faults(), faults_);
   }
-  // Dart sends `method`; its response once it came (nullopt: the empty response).
-  Response Send(const std::string& channel, const std::string& method) {
-    std::optional<Response> response;
+  // Dart sends `method`; `response` is set once the host responded.
+  void DartCall(const std::string& channel, const std::string& method) {
+    response_.reset();
     fake_flutter::DartSend(messenger_, channel, channel::EncodeMethodCall({method, Value()}),
-                           [&](Response bytes) { response = std::move(bytes); });
-    EXPECT_TRUE(dispatch::RunMainUntil([&] { return response.has_value(); }, 5s));
-    return response.value_or(std::nullopt);
+                           [this](Response bytes) { response_ = std::move(bytes); });
   }
   std::optional<Value> Call(const std::string& channel, const std::string& method) {
-    Response response = Send(channel, method);
-    if (!response) return std::nullopt;
-    return channel::DecodeEnvelope(*response).value->value;
+    DartCall(channel, method);
+    EXPECT_TRUE(dispatch::RunMainUntil([&] { return response_.has_value(); }, 5s));
+    if (!response_.value_or(std::nullopt)) return std::nullopt;
+    return channel::DecodeEnvelope(**response_).value->value;
   }
 
   const int faults_ = fake_flutter::faults();
   FlEngine* fl_engine_ = fl_engine_new_headless(nullptr);
   FlBinaryMessenger* messenger_ = fl_engine_get_binary_messenger(fl_engine_);
-  FlutterLinuxEngine engine_;
+  std::unique_ptr<FlutterLinuxEngine> engine_ = std::make_unique<FlutterLinuxEngine>();
+  std::optional<Response> response_;
 };
 
 TEST_F(FlutterEngineTest, RoutesBothWaysOneResponseFromTheMainThread) {
-  channel::MethodChannel early(engine_, "t/early");
+  channel::MethodChannel early(*engine_, "t/early");
   dispatch::SerialQueue queue("test.flutter.service");
   early.SetMethodCallHandler([&](const channel::MethodCall& call, auto result) {
     // Answered twice from a service queue: one response, from the main thread.
@@ -62,7 +58,7 @@ TEST_F(FlutterEngineTest, RoutesBothWaysOneResponseFromTheMainThread) {
       result->Success(Value("again"));
     });
   });
-  engine_.Attach(fl_engine_);  // handlers set before are installed now
+  engine_->Attach(fl_engine_);  // handlers set before are installed now
   EXPECT_EQ(Call("t/early", "ping"), Value("early:ping"));
   EXPECT_EQ(Call("t/nobody", "ping"), std::nullopt);
 
@@ -73,50 +69,38 @@ TEST_F(FlutterEngineTest, RoutesBothWaysOneResponseFromTheMainThread) {
   early.InvokeMethod("changed", Value(), [&](const channel::MethodReply& r) { dart_reply = r; });
   ASSERT_TRUE(dispatch::RunMainUntil([&] { return dart_reply.has_value(); }, 5s));
   EXPECT_EQ(dart_reply->value, Value("t/early"));
-  engine_.Send("t/events", channel::EncodeMessage(Value(7)));
+  engine_->Send("t/events", channel::EncodeMessage(Value(7)));
   EXPECT_EQ(fake_flutter::TakeHostMessages(messenger_),
-            (Calls{{"t/early", channel::EncodeMethodCall({"changed", Value()}), true},
-                   {"t/events", channel::EncodeMessage(Value(7)), false}}));
-
+            (Sent{{"t/early", channel::EncodeMethodCall({"changed", Value()}), true},
+                  {"t/events", channel::EncodeMessage(Value(7)), false}}));
   early.SetMethodCallHandler(nullptr);
   EXPECT_FALSE(fake_flutter::HasHandler(messenger_, "t/early"));
 }
 
-TEST_F(FlutterEngineTest, ResponsesOutliveTheEngineObject) {
-  auto engine = std::make_unique<FlutterLinuxEngine>();
-  engine->Attach(fl_engine_);
+TEST_F(FlutterEngineTest, ResponsesOutliveTheEngineObjectRepliesEndWithTheEngine) {
+  engine_->Attach(fl_engine_);
   std::unique_ptr<channel::MethodResult> parked;
-  auto service = std::make_unique<channel::MethodChannel>(*engine, "t/slow");
+  auto service = std::make_unique<channel::MethodChannel>(*engine_, "t/slow");
   service->SetMethodCallHandler(
       [&](const channel::MethodCall&, auto result) { parked = std::move(result); });
-  std::optional<Response> response;
-  fake_flutter::DartSend(messenger_, "t/slow", channel::EncodeMethodCall({"x", Value()}),
-                         [&](Response bytes) { response = std::move(bytes); });
-  ASSERT_TRUE(parked);
+  DartCall("t/slow", "x");
   service.reset();
   parked->Success(Value(1));
-  parked.reset();
-  engine.reset();
-  ASSERT_TRUE(dispatch::RunMainUntil([&] { return response.has_value(); }, 5s));
-  EXPECT_TRUE(*response);
-}
+  engine_.reset();
+  ASSERT_TRUE(dispatch::RunMainUntil([&] { return response_.has_value(); }, 5s));
+  EXPECT_TRUE(*response_);
 
-TEST_F(FlutterEngineTest, RepliesAwaitedFromDartEndWhenTheEngineGoes) {
-  engine_.Attach(fl_engine_);
-  channel::MethodChannel methods(engine_, "t/host");
-  methods.SetMethodCallHandler([](const channel::MethodCall&, auto result) { result->Success(); });
+  FlutterLinuxEngine engine;
+  engine.Attach(fl_engine_);
   fake_flutter::SetDartResponder(messenger_, [](const fake_flutter::HostMessage&) {
     return Response(channel::EncodeSuccessEnvelope(Value(1)));
   });
   std::vector<Bytes> replies;
   // The first is never answered: the engine goes before Dart could. Later ones get empty at once.
   for (int i : {1, 2}) {
-    engine_.Send("t/host", channel::EncodeMessage(Value(i)),
-                 [&](Bytes b) { replies.push_back(b); });
+    engine.Send("t/host", channel::EncodeMessage(Value(i)), [&](Bytes b) { replies.push_back(b); });
     g_clear_object(&fl_engine_);
   }
-  EXPECT_FALSE(engine_.attached());
-  EXPECT_FALSE(fake_flutter::HasHandler(messenger_, "t/host"));
   dispatch::RunMainUntil([] { return false; }, 20ms);
   EXPECT_EQ(replies, (std::vector<Bytes>{Bytes(), Bytes()}));
 }
@@ -132,14 +116,14 @@ TEST(DartProject, CarriesTheEntryPointArguments) {
 // A socket engine mirrors flutter_linux's: one set of services, two sides.
 TEST_F(FlutterEngineTest, SocketClientsShareTheServicesWithoutDisturbingDart) {
   testing::TempDir dir;
-  engine_.Attach(fl_engine_);
+  engine_->Attach(fl_engine_);
   auto socket = std::make_unique<engine::SocketEngine>(engine::SocketEngineOptions{dir / "e.sock"});
   std::string error;
   ASSERT_TRUE(socket->Start(&error)) << error;
-  engine_.AddMirror(std::move(socket));
+  engine_->AddMirror(std::move(socket));
   std::vector<std::string> heard;
   std::unique_ptr<channel::EventSink> sink;
-  channel::EventChannel events(engine_, "t/events");
+  channel::EventChannel events(*engine_, "t/events");
   events.SetStreamHandler(std::make_unique<channel::FunctionStreamHandler>(
       [&](const Value&, auto s) -> std::optional<channel::MethodError> {
         heard.push_back("listen");
@@ -150,11 +134,11 @@ TEST_F(FlutterEngineTest, SocketClientsShareTheServicesWithoutDisturbingDart) {
         heard.push_back("cancel");
         return std::nullopt;
       }));
-  channel::MethodChannel methods(engine_, "t/methods");
+  channel::MethodChannel methods(*engine_, "t/methods");
   methods.SetMethodCallHandler(
       [](const channel::MethodCall& call, auto result) { result->Success(Value(call.method)); });
 
-  ASSERT_TRUE(Send("t/events", "listen"));
+  ASSERT_TRUE(Call("t/events", "listen"));
   testing::WireClient client;
   ASSERT_TRUE(client.Connect(dir / "e.sock"));
   // The service hears Dart's listen only; socket calls reach the same services.
@@ -174,10 +158,10 @@ TEST_F(FlutterEngineTest, SocketClientsShareTheServicesWithoutDisturbingDart) {
   ASSERT_TRUE(client.WaitReply(3, 5000, true));
   sink->Success(Value(2));
   EXPECT_EQ(fake_flutter::TakeHostMessages(messenger_),
-            (Calls{{"t/events", channel::EncodeSuccessEnvelope(Value(1)), false},
-                   {"t/events", channel::EncodeSuccessEnvelope(Value(2)), false}}));
+            (Sent{{"t/events", channel::EncodeSuccessEnvelope(Value(1)), false},
+                  {"t/events", channel::EncodeSuccessEnvelope(Value(2)), false}}));
   EXPECT_EQ(heard, (std::vector<std::string>{"listen"}));
-  ASSERT_TRUE(Send("t/events", "cancel"));
+  ASSERT_TRUE(Call("t/events", "cancel"));
   EXPECT_EQ(heard, (std::vector<std::string>{"listen", "cancel"}));
 }
 

@@ -14,9 +14,7 @@ namespace {
 int g_faults = 0;
 std::thread::id g_platform_thread;  // flutter_linux's: the one that made the engine
 
-void NoteThread() {
-  if (std::this_thread::get_id() != g_platform_thread) ++g_faults;
-}
+void NoteThread() { g_faults += std::this_thread::get_id() != g_platform_thread; }
 
 Bytes ToBytes(GBytes* bytes) {
   gsize size = 0;
@@ -47,7 +45,7 @@ static void fl_binary_messenger_response_handle_class_init(
     FlBinaryMessengerResponseHandleClass* klass) {
   G_OBJECT_CLASS(klass)->finalize = [](GObject* object) {
     auto* handle = FL_BINARY_MESSENGER_RESPONSE_HANDLE(object);
-    if (!handle->responded) ++g_faults;  // a critical in flutter_linux
+    g_faults += !handle->responded;  // a critical in flutter_linux
     delete handle->on_response;
     G_OBJECT_CLASS(fl_binary_messenger_response_handle_parent_class)->finalize(object);
   };
@@ -70,10 +68,10 @@ static MessengerState& State(gpointer messenger) {
 void fl_binary_messenger_set_message_handler_on_channel(FlBinaryMessenger* messenger,
                                                         const gchar* channel,
                                                         FlBinaryMessengerMessageHandler handler,
-                                                        gpointer user_data, GDestroyNotify) {
+                                                        gpointer data, GDestroyNotify) {
   MessengerState& state = State(messenger);
   state.handlers.erase(channel);
-  if (handler && state.engine) state.handlers[channel] = {handler, user_data};
+  if (handler && state.engine) state.handlers[channel] = {handler, data};
 }
 
 gboolean fl_binary_messenger_send_response(FlBinaryMessenger* messenger,
@@ -86,23 +84,21 @@ gboolean fl_binary_messenger_send_response(FlBinaryMessenger* messenger,
     return FALSE;
   }
   handle->responded = true;
-  if (State(messenger).engine && handle->on_response && *handle->on_response) {
-    (*handle->on_response)(response ? Response(ToBytes(response)) : std::nullopt);
-  }
+  if (State(messenger).engine) (*handle->on_response)(response ? ToBytes(response) : Response());
   return TRUE;
 }
 
 void fl_binary_messenger_send_on_channel(FlBinaryMessenger* messenger, const gchar* channel,
                                          GBytes* message, GCancellable* cancellable,
-                                         GAsyncReadyCallback callback, gpointer user_data) {
+                                         GAsyncReadyCallback callback, gpointer data) {
   NoteThread();
   MessengerState& state = State(messenger);
   if (!state.engine) return;  // never calls back, as flutter_linux
   state.sent.push_back({channel, ToBytes(message), callback != nullptr});
   if (!callback) return;
-  auto answer = state.responder ? state.responder(state.sent.back()) : std::nullopt;
+  Response answer = state.responder ? state.responder(state.sent.back()) : Response();
   // Dart answers from the main loop later, as the engine does.
-  GTask* task = g_task_new(messenger, cancellable, callback, user_data);
+  GTask* task = g_task_new(messenger, cancellable, callback, data);
   g_task_return_pointer(task, answer ? g_bytes_new(answer->data(), answer->size()) : nullptr,
                         reinterpret_cast<GDestroyNotify>(g_bytes_unref));
   g_object_unref(task);
@@ -135,16 +131,18 @@ struct _FlEngine {
   FakeMessenger* messenger;
 };
 G_DEFINE_TYPE(FlEngine, fl_engine, G_TYPE_OBJECT)
-// The engine going drops every handler.
-static void engine_gone(gpointer messenger, GObject*) {
-  State(messenger) = {};
-  g_object_unref(messenger);
-}
 static void fl_engine_init(FlEngine* self) {
   g_platform_thread = std::this_thread::get_id();
   self->messenger = G_OBJECT(g_object_new(fake_messenger_get_type(), nullptr));
   State(self->messenger).engine = self;
-  g_object_weak_ref(G_OBJECT(self), engine_gone, self->messenger);
+  // The engine going drops every handler.
+  g_object_weak_ref(
+      G_OBJECT(self),
+      [](gpointer messenger, GObject*) {
+        State(messenger) = {};
+        g_object_unref(messenger);
+      },
+      self->messenger);
 }
 static void fl_engine_class_init(FlEngineClass*) {}
 FlEngine* fl_engine_new_headless(FlDartProject*) {
@@ -185,7 +183,7 @@ void fl_view_set_background_color(FlView*, const GdkRGBA*) {}
 // Whatever the name, a new registrar (transfer full), as flutter_linux.
 FlPluginRegistrar* fl_plugin_registry_get_registrar_for_plugin(FlPluginRegistry* registry,
                                                                const gchar*) {
-  auto* registrar = G_OBJECT(g_object_new(fake_registrar_get_type(), nullptr));
+  GObject* registrar = G_OBJECT(g_object_new(fake_registrar_get_type(), nullptr));
   g_object_set_data(registrar, "view", registry);
   return FL_PLUGIN_REGISTRAR(registrar);
 }
@@ -201,10 +199,7 @@ namespace fake_flutter {
 void DartSend(FlBinaryMessenger* messenger, const std::string& channel, const Bytes& message,
               std::function<void(Response)> on_response) {
   auto it = State(messenger).handlers.find(channel);
-  if (it == State(messenger).handlers.end()) {
-    if (on_response) on_response(std::nullopt);
-    return;
-  }
+  if (it == State(messenger).handlers.end()) return on_response(std::nullopt);
   auto* handle = FL_BINARY_MESSENGER_RESPONSE_HANDLE(
       g_object_new(fl_binary_messenger_response_handle_get_type(), nullptr));
   handle->on_response = new std::function(std::move(on_response));

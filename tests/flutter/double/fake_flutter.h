@@ -3,7 +3,6 @@
 
 #include <flutter_linux/flutter_linux.h>
 
-#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -13,26 +12,23 @@ namespace fake_flutter {
 
 using Bytes = std::vector<uint8_t>;
 using Response = std::optional<Bytes>;  // nullopt: the empty (not-implemented) response
-
-// Dart sends `message` on `channel`; with no handler there the double answers empty at once.
-void DartSend(FlBinaryMessenger* messenger, const std::string& channel, const Bytes& message,
-              std::function<void(Response)> on_response);
-bool HasHandler(FlBinaryMessenger* messenger, const std::string& channel);
-
 struct HostMessage {
   std::string channel;
   Bytes message;
   bool wants_reply;
   bool operator==(const HostMessage&) const = default;
 };
+
+// Dart sends `message` on `channel`; with no handler there the double answers empty at once.
+void DartSend(FlBinaryMessenger*, const std::string& channel, const Bytes& message,
+              std::function<void(Response)> on_response);
+bool HasHandler(FlBinaryMessenger*, const std::string& channel);
 // Messages the host sent to Dart, in order, each taken once. Dart answers those that want a
 // reply with `responder` (by default the empty response).
-std::vector<HostMessage> TakeHostMessages(FlBinaryMessenger* messenger);
-void SetDartResponder(FlBinaryMessenger* messenger,
-                      std::function<Response(const HostMessage&)> responder);
-
-// Process-wide count of faults flutter_linux objects to: response handles finalised without a
-// response, repeated responses, and sends off the thread that made the engine.
+std::vector<HostMessage> TakeHostMessages(FlBinaryMessenger*);
+void SetDartResponder(FlBinaryMessenger*, std::function<Response(const HostMessage&)> responder);
+// Process-wide count of what flutter_linux objects to: handles finalised without a response,
+// repeated responses, sends off the thread that made the engine.
 int faults();
 
 }  // namespace fake_flutter
