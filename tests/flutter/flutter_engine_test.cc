@@ -122,18 +122,15 @@ TEST_F(FlutterEngineTest, SocketClientsShareTheServicesWithoutDisturbingDart) {
   ASSERT_TRUE(socket->Start(&error)) << error;
   engine_->AddMirror(std::move(socket));
   std::vector<std::string> heard;
+  auto hear = [&](const char* what) { return heard.push_back(what), std::nullopt; };
   std::unique_ptr<channel::EventSink> sink;
   channel::EventChannel events(*engine_, "t/events");
   events.SetStreamHandler(std::make_unique<channel::FunctionStreamHandler>(
       [&](const Value&, auto s) -> std::optional<channel::MethodError> {
-        heard.push_back("listen");
         sink = std::move(s);
-        return std::nullopt;
+        return hear("listen");
       },
-      [&](const Value&) -> std::optional<channel::MethodError> {
-        heard.push_back("cancel");
-        return std::nullopt;
-      }));
+      [&](const Value&) -> std::optional<channel::MethodError> { return hear("cancel"); }));
   channel::MethodChannel methods(*engine_, "t/methods");
   methods.SetMethodCallHandler(
       [](const channel::MethodCall& call, auto result) { result->Success(Value(call.method)); });

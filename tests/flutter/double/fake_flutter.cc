@@ -5,6 +5,7 @@
 
 #include <map>
 #include <thread>
+#include <typeinfo>
 #include <utility>
 
 using namespace fake_flutter;
@@ -13,7 +14,6 @@ namespace {
 
 int g_faults = 0;
 std::thread::id g_platform_thread;  // flutter_linux's: the one that made the engine
-
 void NoteThread() { g_faults += std::this_thread::get_id() != g_platform_thread; }
 
 Bytes ToBytes(GBytes* bytes) {
@@ -22,69 +22,62 @@ Bytes ToBytes(GBytes* bytes) {
   return Bytes(data, data + size);
 }
 
-struct MessengerState {
-  FlEngine* engine = nullptr;  // weak, as flutter_linux's
+// C++ state kept on a GObject, one of each type, freed with it.
+template <typename T>
+T& Data(gpointer object) {
+  auto* data = static_cast<T*>(g_object_get_data(G_OBJECT(object), typeid(T).name()));
+  if (data) return *data;
+  g_object_set_data_full(G_OBJECT(object), typeid(T).name(), data = new T(),
+                         [](gpointer p) { delete static_cast<T*>(p); });
+  return *data;
+}
+
+struct Messenger {
+  bool engine_gone = false;
   std::map<std::string, std::pair<FlBinaryMessengerMessageHandler, gpointer>> handlers;
   std::vector<HostMessage> sent;
   std::function<Response(const HostMessage&)> responder;
+};
+struct Handle {
+  std::function<void(Response)> on_response;
+  bool responded = false;
+  ~Handle() { g_faults += !responded; }  // a critical in flutter_linux
 };
 
 }  // namespace
 
 G_DEFINE_INTERFACE(FlBinaryMessenger, fl_binary_messenger, G_TYPE_OBJECT)
 static void fl_binary_messenger_default_init(FlBinaryMessengerInterface*) {}
-
-struct _FlBinaryMessengerResponseHandle {
-  GObject parent_instance;
-  std::function<void(Response)>* on_response;
-  bool responded;
-};
-G_DEFINE_TYPE(FlBinaryMessengerResponseHandle, fl_binary_messenger_response_handle, G_TYPE_OBJECT)
-static void fl_binary_messenger_response_handle_init(FlBinaryMessengerResponseHandle*) {}
-static void fl_binary_messenger_response_handle_class_init(
-    FlBinaryMessengerResponseHandleClass* klass) {
-  G_OBJECT_CLASS(klass)->finalize = [](GObject* object) {
-    auto* handle = FL_BINARY_MESSENGER_RESPONSE_HANDLE(object);
-    g_faults += !handle->responded;  // a critical in flutter_linux
-    delete handle->on_response;
-    G_OBJECT_CLASS(fl_binary_messenger_response_handle_parent_class)->finalize(object);
-  };
-}
-
 typedef GObject FakeMessenger;
 typedef GObjectClass FakeMessengerClass;
 G_DEFINE_TYPE_WITH_CODE(FakeMessenger, fake_messenger, G_TYPE_OBJECT,
                         G_IMPLEMENT_INTERFACE(fl_binary_messenger_get_type(), nullptr))
-static void fake_messenger_init(FakeMessenger* self) {
-  g_object_set_data_full(self, "state", new MessengerState(),
-                         [](gpointer state) { delete static_cast<MessengerState*>(state); });
-}
+static void fake_messenger_init(FakeMessenger*) {}
 static void fake_messenger_class_init(FakeMessengerClass*) {}
-static MessengerState& State(gpointer messenger) {
-  return *static_cast<MessengerState*>(g_object_get_data(G_OBJECT(messenger), "state"));
-}
 
 // The host never passes a destroy notify.
 void fl_binary_messenger_set_message_handler_on_channel(FlBinaryMessenger* messenger,
                                                         const gchar* channel,
                                                         FlBinaryMessengerMessageHandler handler,
                                                         gpointer data, GDestroyNotify) {
-  MessengerState& state = State(messenger);
+  Messenger& state = Data<Messenger>(messenger);
   state.handlers.erase(channel);
-  if (handler && state.engine) state.handlers[channel] = {handler, data};
+  if (handler && !state.engine_gone) state.handlers[channel] = {handler, data};
 }
 
 gboolean fl_binary_messenger_send_response(FlBinaryMessenger* messenger,
-                                           FlBinaryMessengerResponseHandle* handle,
+                                           FlBinaryMessengerResponseHandle* response_handle,
                                            GBytes* response, GError**) {
   NoteThread();
-  if (handle->responded) {  // g_return_val_if_fail in flutter_linux: no error set
+  Handle& handle = Data<Handle>(response_handle);
+  if (handle.responded) {  // g_return_val_if_fail in flutter_linux: no error set
     ++g_faults;
     g_critical("response handle already used");
     return FALSE;
   }
-  handle->responded = true;
-  if (State(messenger).engine) (*handle->on_response)(response ? ToBytes(response) : Response());
+  handle.responded = true;
+  if (!Data<Messenger>(messenger).engine_gone)
+    handle.on_response(response ? ToBytes(response) : Response());
   return TRUE;
 }
 
@@ -92,8 +85,8 @@ void fl_binary_messenger_send_on_channel(FlBinaryMessenger* messenger, const gch
                                          GBytes* message, GCancellable* cancellable,
                                          GAsyncReadyCallback callback, gpointer data) {
   NoteThread();
-  MessengerState& state = State(messenger);
-  if (!state.engine) return;  // never calls back, as flutter_linux
+  Messenger& state = Data<Messenger>(messenger);
+  if (state.engine_gone) return;  // never calls back, as flutter_linux
   state.sent.push_back({channel, ToBytes(message), callback != nullptr});
   if (!callback) return;
   Response answer = state.responder ? state.responder(state.sent.back()) : Response();
@@ -128,18 +121,17 @@ gchar** fl_dart_project_get_dart_entrypoint_arguments(FlDartProject* project) {
 
 struct _FlEngine {
   GObject parent_instance;
-  FakeMessenger* messenger;
+  GObject* messenger;
 };
 G_DEFINE_TYPE(FlEngine, fl_engine, G_TYPE_OBJECT)
 static void fl_engine_init(FlEngine* self) {
   g_platform_thread = std::this_thread::get_id();
   self->messenger = G_OBJECT(g_object_new(fake_messenger_get_type(), nullptr));
-  State(self->messenger).engine = self;
   // The engine going drops every handler.
   g_object_weak_ref(
       G_OBJECT(self),
       [](gpointer messenger, GObject*) {
-        State(messenger) = {};
+        Data<Messenger>(messenger) = {.engine_gone = true};
         g_object_unref(messenger);
       },
       self->messenger);
@@ -156,7 +148,6 @@ G_DEFINE_INTERFACE(FlPluginRegistrar, fl_plugin_registrar, G_TYPE_OBJECT)
 static void fl_plugin_registrar_default_init(FlPluginRegistrarInterface*) {}
 G_DEFINE_INTERFACE(FlPluginRegistry, fl_plugin_registry, G_TYPE_OBJECT)
 static void fl_plugin_registry_default_init(FlPluginRegistryInterface*) {}
-
 typedef GObject FakeRegistrar;  // its view (weak: the view owns the registry) as "view" data
 typedef GObjectClass FakeRegistrarClass;
 G_DEFINE_TYPE_WITH_CODE(FakeRegistrar, fake_registrar, G_TYPE_OBJECT,
@@ -198,27 +189,27 @@ namespace fake_flutter {
 
 void DartSend(FlBinaryMessenger* messenger, const std::string& channel, const Bytes& message,
               std::function<void(Response)> on_response) {
-  auto it = State(messenger).handlers.find(channel);
-  if (it == State(messenger).handlers.end()) return on_response(std::nullopt);
-  auto* handle = FL_BINARY_MESSENGER_RESPONSE_HANDLE(
-      g_object_new(fl_binary_messenger_response_handle_get_type(), nullptr));
-  handle->on_response = new std::function(std::move(on_response));
+  auto it = Data<Messenger>(messenger).handlers.find(channel);
+  if (it == Data<Messenger>(messenger).handlers.end()) return on_response(std::nullopt);
+  auto* handle = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
+  Data<Handle>(handle).on_response = std::move(on_response);
   GBytes* bytes = g_bytes_new(message.data(), message.size());
   const auto [function, data] = it->second;
-  function(messenger, channel.c_str(), bytes, handle, data);
+  function(messenger, channel.c_str(), bytes,
+           reinterpret_cast<FlBinaryMessengerResponseHandle*>(handle), data);
   g_bytes_unref(bytes);
   g_object_unref(handle);  // a handler that answers later keeps a reference of its own
 }
 
 bool HasHandler(FlBinaryMessenger* messenger, const std::string& channel) {
-  return State(messenger).handlers.count(channel) > 0;
+  return Data<Messenger>(messenger).handlers.count(channel) > 0;
 }
 std::vector<HostMessage> TakeHostMessages(FlBinaryMessenger* messenger) {
-  return std::exchange(State(messenger).sent, {});
+  return std::exchange(Data<Messenger>(messenger).sent, {});
 }
 void SetDartResponder(FlBinaryMessenger* messenger,
                       std::function<Response(const HostMessage&)> responder) {
-  State(messenger).responder = std::move(responder);
+  Data<Messenger>(messenger).responder = std::move(responder);
 }
 int faults() { return g_faults; }
 

@@ -12,8 +12,7 @@ G_DECLARE_INTERFACE(FlBinaryMessenger, fl_binary_messenger, FL, BINARY_MESSENGER
 struct _FlBinaryMessengerInterface {
   GTypeInterface parent_iface;
 };
-G_DECLARE_FINAL_TYPE(FlBinaryMessengerResponseHandle, fl_binary_messenger_response_handle, FL,
-                     BINARY_MESSENGER_RESPONSE_HANDLE, GObject)
+typedef struct _FlBinaryMessengerResponseHandle FlBinaryMessengerResponseHandle;  // a GObject
 typedef void (*FlBinaryMessengerMessageHandler)(FlBinaryMessenger*, const gchar* channel, GBytes*,
                                                 FlBinaryMessengerResponseHandle*, gpointer);
 void fl_binary_messenger_set_message_handler_on_channel(FlBinaryMessenger*, const gchar* channel,
