@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <map>
 
 #include "host/support.h"
 #include "support/wire_client.h"
@@ -23,15 +22,15 @@ class FlutterRunnerTest : public ::testing::Test {
                      const std::string& display = "",
                      GSubprocessFlags flags = G_SUBPROCESS_FLAGS_STDOUT_PIPE) {
     GSubprocessLauncher* launcher = g_subprocess_launcher_new(flags);
-    for (const auto& [name, value] : std::map<std::string, std::string>{
+    for (const auto& [name, value] : std::vector<std::pair<const char*, std::string>>{
              {"DISPLAY", display},
              {"G_MESSAGES_DEBUG", "corvane-host"},
              {"WAYLAND_DISPLAY", ""},
              {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir_ / "no-bus"},
              {"XDG_RUNTIME_DIR", dir_.path()},
              {"CORVANE_ENGINE_SOCKET", socket_variable}}) {
-      if (value.empty()) g_subprocess_launcher_unsetenv(launcher, name.c_str());
-      if (!value.empty()) g_subprocess_launcher_setenv(launcher, name.c_str(), value.c_str(), 1);
+      g_subprocess_launcher_setenv(launcher, name, value.c_str(), TRUE);
+      if (value.empty()) g_subprocess_launcher_unsetenv(launcher, name);
     }
     args.insert(args.begin(), CORVANE_FLUTTER_RUNNER);
     return testing::Spawn(launcher, args);
@@ -66,11 +65,10 @@ TEST_F(FlutterRunnerTest, RegistersEveryPluginOnceInOrderAfterTheViewIsRealized)
   GSubprocess* app = Start({}, "", xvfb.display());
   // Each plug-in prints its package, then 1/0 for: view realized, the host's first own channel
   // answering, its last one answering. The last line is desktop_multi_window's second window.
+  // The host logs a line per plug-in too: the sixteen, the two others, the second window's two.
   const std::vector<std::string> expected = {"desktop_multi_window 110", "url_launcher_linux 110",
                                              "window_manager 110",       "alpha_extra 111",
                                              "zeta_extra 111",           "window_manager 100"};
-  // The host logs one line per plug-in (the sixteen, the two others, the second window's two)
-  // to standard output too.
   GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(app));
   g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(out), FALSE);
   std::vector<std::string> lines, logged;

@@ -111,13 +111,7 @@ static void fl_dart_project_class_init(FlDartProjectClass*) {}
 FlDartProject* fl_dart_project_new() {
   return FL_DART_PROJECT(g_object_new(fl_dart_project_get_type(), nullptr));
 }
-void fl_dart_project_set_dart_entrypoint_arguments(FlDartProject* project, char** argv) {
-  g_object_set_data_full(G_OBJECT(project), "arguments", g_strdupv(argv),
-                         reinterpret_cast<GDestroyNotify>(g_strfreev));
-}
-gchar** fl_dart_project_get_dart_entrypoint_arguments(FlDartProject* project) {
-  return static_cast<gchar**>(g_object_get_data(G_OBJECT(project), "arguments"));
-}
+void fl_dart_project_set_dart_entrypoint_arguments(FlDartProject*, char**) {}
 
 struct _FlEngine {
   GObject parent_instance;

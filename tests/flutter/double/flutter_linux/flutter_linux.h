@@ -27,7 +27,6 @@ GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger*, GAsyncRes
 G_DECLARE_FINAL_TYPE(FlDartProject, fl_dart_project, FL, DART_PROJECT, GObject)
 FlDartProject* fl_dart_project_new();
 void fl_dart_project_set_dart_entrypoint_arguments(FlDartProject*, char** argv);
-gchar** fl_dart_project_get_dart_entrypoint_arguments(FlDartProject*);
 
 G_DECLARE_FINAL_TYPE(FlEngine, fl_engine, FL, ENGINE, GObject)
 FlEngine* fl_engine_new_headless(FlDartProject*);
