@@ -1,5 +1,6 @@
 // A native plug-in of the test app: prints its package, whether its view was realized, and
 // whether the host's first and last own channels answered on its messenger by then.
+#include <csignal>
 #include <cstdio>
 
 #include "fake_flutter.h"
@@ -13,7 +14,8 @@ extern "C" void REGISTER(FlPluginRegistrar* registrar) {
   std::fflush(stdout);
 }
 
-// desktop_multi_window's hook: once the app runs, it opens one window of its own.
+// desktop_multi_window's hook: once the app runs, it opens one window of its own, and then the
+// test's run is over.
 extern "C" void desktop_multi_window_plugin_set_window_created_callback(
     void (*callback)(FlPluginRegistry*)) {
   static void (*created)(FlPluginRegistry*) = callback;
@@ -24,6 +26,7 @@ extern "C" void desktop_multi_window_plugin_set_window_created_callback(
         gtk_container_add(GTK_CONTAINER(window), GTK_WIDGET(view));
         gtk_widget_show_all(window);
         created(FL_PLUGIN_REGISTRY(view));
+        raise(SIGTERM);
       },
       nullptr);
 }
