@@ -102,42 +102,29 @@ GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger*, GAsyncRes
   return static_cast<GBytes*>(g_task_propagate_pointer(G_TASK(result), error));
 }
 
-struct _FlDartProject {
-  GObject parent_instance;
-};
-G_DEFINE_TYPE(FlDartProject, fl_dart_project, G_TYPE_OBJECT)
-static void fl_dart_project_init(FlDartProject*) {}
-static void fl_dart_project_class_init(FlDartProjectClass*) {}
+// A project and an engine are plain objects here: the host only refs and watches them.
 FlDartProject* fl_dart_project_new() {
-  return FL_DART_PROJECT(g_object_new(fl_dart_project_get_type(), nullptr));
+  return reinterpret_cast<FlDartProject*>(g_object_new(G_TYPE_OBJECT, nullptr));
 }
 void fl_dart_project_set_dart_entrypoint_arguments(FlDartProject*, char**) {}
-
-struct _FlEngine {
-  GObject parent_instance;
-  GObject* messenger;
-};
-G_DEFINE_TYPE(FlEngine, fl_engine, G_TYPE_OBJECT)
-static void fl_engine_init(FlEngine* self) {
+FlEngine* fl_engine_new_headless(FlDartProject*) {
   g_platform_thread = std::this_thread::get_id();
-  self->messenger = G_OBJECT(g_object_new(fake_messenger_get_type(), nullptr));
+  GObject* engine = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
+  GObject* messenger = G_OBJECT(g_object_new(fake_messenger_get_type(), nullptr));
+  g_object_set_data(engine, "messenger", messenger);
   // The engine going drops every handler.
   g_object_weak_ref(
-      G_OBJECT(self),
+      engine,
       [](gpointer messenger, GObject*) {
         Data<Messenger>(messenger) = {.engine_gone = true};
         g_object_unref(messenger);
       },
-      self->messenger);
-}
-static void fl_engine_class_init(FlEngineClass*) {}
-FlEngine* fl_engine_new_headless(FlDartProject*) {
-  return FL_ENGINE(g_object_new(fl_engine_get_type(), nullptr));
+      messenger);
+  return reinterpret_cast<FlEngine*>(engine);
 }
 FlBinaryMessenger* fl_engine_get_binary_messenger(FlEngine* engine) {
-  return FL_BINARY_MESSENGER(engine->messenger);
+  return FL_BINARY_MESSENGER(g_object_get_data(G_OBJECT(engine), "messenger"));
 }
-
 G_DEFINE_INTERFACE(FlPluginRegistrar, fl_plugin_registrar, G_TYPE_OBJECT)
 static void fl_plugin_registrar_default_init(FlPluginRegistrarInterface*) {}
 G_DEFINE_INTERFACE(FlPluginRegistry, fl_plugin_registry, G_TYPE_OBJECT)

@@ -24,11 +24,11 @@ void fl_binary_messenger_send_on_channel(FlBinaryMessenger*, const gchar* channe
                                          GCancellable*, GAsyncReadyCallback, gpointer);
 GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger*, GAsyncResult*, GError**);
 
-G_DECLARE_FINAL_TYPE(FlDartProject, fl_dart_project, FL, DART_PROJECT, GObject)
+typedef struct _FlDartProject FlDartProject;  // a GObject
 FlDartProject* fl_dart_project_new();
 void fl_dart_project_set_dart_entrypoint_arguments(FlDartProject*, char** argv);
 
-G_DECLARE_FINAL_TYPE(FlEngine, fl_engine, FL, ENGINE, GObject)
+typedef struct _FlEngine FlEngine;  // a GObject
 FlEngine* fl_engine_new_headless(FlDartProject*);
 FlBinaryMessenger* fl_engine_get_binary_messenger(FlEngine*);
 
