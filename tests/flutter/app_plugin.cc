@@ -6,11 +6,11 @@
 #include "fake_flutter.h"
 
 extern "C" void REGISTER(FlPluginRegistrar* registrar) {
-  FlBinaryMessenger* messenger = fl_plugin_registrar_get_messenger(registrar);
+  FlBinaryMessenger* m = fl_plugin_registrar_get_messenger(registrar);
   std::printf("%s %d%d%d\n", PACKAGE,
               gtk_widget_get_realized(GTK_WIDGET(fl_plugin_registrar_get_view(registrar))),
-              fake_flutter::HasHandler(messenger, "io.corvane/open_projects"),
-              fake_flutter::HasHandler(messenger, "corvane/bonjour"));
+              fake_flutter::HasHandler(m, "io.corvane/open_projects"),
+              fake_flutter::HasHandler(m, "corvane/bonjour"));
   std::fflush(stdout);
 }
 

@@ -1,6 +1,5 @@
-# What a Flutter app's build includes of the host must configure with CMake 3.16 (the oldest the
-# runner supports; this machine has only a newer one): no file asks for more, and none uses a
-# command or option that came later. Run: cmake -DROOT=<checkout> -P cmake_minimum_test.cmake
+# What a Flutter app's build includes of the host must configure with CMake 3.16, the oldest the
+# runner supports (this machine has a newer one). Run: cmake -DROOT=<checkout> -P <this file>
 file(GLOB_RECURSE files ${ROOT}/src/CMakeLists.txt ${ROOT}/src/*.cmake ${ROOT}/apps/CMakeLists.txt
      ${ROOT}/packaging/CMakeLists.txt ${ROOT}/packaging/*.cmake)
 list(APPEND files ${ROOT}/CMakeLists.txt)

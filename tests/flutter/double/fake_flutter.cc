@@ -1,6 +1,4 @@
-// The flutter_linux test double, behaving as flutter_linux's sources where the host depends on
-// it: handlers live until their engine goes, sends stop then, a handle answers once, and the
-// registry hands out a new registrar on every request.
+// The flutter_linux double, behaving as flutter_linux's sources where the host depends on it.
 #include "fake_flutter.h"
 
 #include <map>
@@ -174,11 +172,10 @@ void DartSend(FlBinaryMessenger* messenger, const std::string& channel, const By
   if (it == Data<Messenger>(messenger).handlers.end()) return on_response(std::nullopt);
   auto* handle = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
   Data<Handle>(handle).on_response = std::move(on_response);
-  GBytes* bytes = g_bytes_new(message.data(), message.size());
+  g_autoptr(GBytes) bytes = g_bytes_new(message.data(), message.size());
   const auto [function, data] = it->second;
   function(messenger, channel.c_str(), bytes,
            reinterpret_cast<FlBinaryMessengerResponseHandle*>(handle), data);
-  g_bytes_unref(bytes);
   g_object_unref(handle);  // a handler that answers later keeps a reference of its own
 }
 

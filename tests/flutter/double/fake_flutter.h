@@ -19,16 +19,14 @@ struct HostMessage {
   bool operator==(const HostMessage&) const = default;
 };
 
-// Dart sends `message` on `channel`; with no handler there the double answers empty at once.
+// Dart sends; with no handler on the channel the double answers empty at once.
 void DartSend(FlBinaryMessenger*, const std::string& channel, const Bytes& message,
               std::function<void(Response)> on_response);
 bool HasHandler(FlBinaryMessenger*, const std::string& channel);
-// Messages the host sent to Dart, in order, each taken once. Dart answers those that want a
-// reply with `responder` (by default the empty response).
+// Messages the host sent to Dart, each taken once; Dart answers with `responder` (or empty).
 std::vector<HostMessage> TakeHostMessages(FlBinaryMessenger*);
 void SetDartResponder(FlBinaryMessenger*, std::function<Response(const HostMessage&)> responder);
-// Process-wide count of what flutter_linux objects to: handles finalised without a response,
-// repeated responses, sends off the thread that made the engine.
+// Handles finalised unanswered, repeated responses, sends off the engine's thread: process-wide.
 int faults();
 
 }  // namespace fake_flutter

@@ -1,6 +1,5 @@
-// A test double of the part of flutter_linux's public API that the host uses, with the current
-// headers' declarations. No Flutter engine can be installed on the build machines, so CI builds
-// and tests the adapter against this; a real build uses the Flutter tool's headers.
+// A double of the part of flutter_linux's API the host uses (no Flutter engine can be installed on
+// the build machines); a real build uses the Flutter tool's headers.
 #pragma once
 
 #include <gio/gio.h>
