@@ -14,8 +14,7 @@ extern "C" void REGISTER(FlPluginRegistrar* registrar) {
   std::fflush(stdout);
 }
 
-// desktop_multi_window's hook: once the app runs, it opens one window of its own, and then the
-// test's run is over.
+// desktop_multi_window's hook: once the app runs, it opens a window of its own, and the run ends.
 extern "C" void desktop_multi_window_plugin_set_window_created_callback(
     void (*callback)(FlPluginRegistry*)) {
   static void (*created)(FlPluginRegistry*) = callback;

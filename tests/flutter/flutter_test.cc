@@ -57,7 +57,7 @@ TEST_F(FlutterEngineTest, RoutesBothWaysRepliesEndWithTheEngine) {
   channel::MethodChannel early(*engine_, "t/early");
   dispatch::SerialQueue queue("test.flutter.service");
   early.SetMethodCallHandler([&](const channel::MethodCall& call, auto result) {
-    // Answered from a service queue: the response leaves from the main thread.
+    // Answered later, from a service queue.
     queue.Async([result = std::shared_ptr<channel::MethodResult>(std::move(result)), call] {
       result->Success(Value("early:" + call.method));
     });
@@ -106,18 +106,14 @@ TEST_F(FlutterEngineTest, SocketClientsShareTheServicesWithoutDisturbingDart) {
       [&](const Value&) -> std::optional<channel::MethodError> { return hear("cancel"); }));
   ASSERT_TRUE(Call("t/events", "listen"));
   testing::WireClient client;
-  ASSERT_TRUE(client.Connect(dir / "e.sock"));
   // The service hears Dart's listen only; the socket's is answered for it.
-  ASSERT_TRUE(client.SendCall(1, "t/events", "listen"));
+  ASSERT_TRUE(client.Connect(dir / "e.sock") && client.SendCall(1, "t/events", "listen"));
   EXPECT_EQ(channel::DecodeEnvelope(client.WaitReply(1, 5000, true).value()).value.value().kind,
             channel::MethodReply::Kind::kSuccess);
   sink->Success(Value(1));
-  auto event = client.Receive(5000, true);
-  ASSERT_TRUE(event);
-  EXPECT_EQ(event->channel, "t/events");
+  EXPECT_EQ(client.Receive(5000, true).value().channel, "t/events");
   // The socket side leaves: Dart's stream goes on until Dart's own cancel.
-  ASSERT_TRUE(client.SendCall(3, "t/events", "cancel"));
-  ASSERT_TRUE(client.WaitReply(3, 5000, true));
+  ASSERT_TRUE(client.SendCall(3, "t/events", "cancel") && client.WaitReply(3, 5000, true));
   EXPECT_EQ(fake_flutter::TakeHostMessages(messenger_),
             (Sent{{"t/events", channel::EncodeSuccessEnvelope(Value(1)), false}}));
   EXPECT_EQ(heard, (std::vector<std::string>{"listen"}));
@@ -157,9 +153,7 @@ TEST_F(FlutterRunnerTest, ServesTheSocketOnlyWhenAskedTo) {
     testing::WireClient client;
     for (int i = 0; i < 200 && !client.Connect(socket); ++i) g_usleep(25'000);
     ASSERT_TRUE(client.SendCall(1, "corvane/udp", "capabilities")) << socket;
-    auto reply = client.WaitReply(1, 5000);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(channel::DecodeEnvelope(*reply).value.value().kind,
+    EXPECT_EQ(channel::DecodeEnvelope(client.WaitReply(1, 5000).value()).value.value().kind,
               channel::MethodReply::Kind::kSuccess);
     g_subprocess_send_signal(runner, SIGTERM);
     EXPECT_EQ(testing::Finish(runner).code, 0);

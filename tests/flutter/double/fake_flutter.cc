@@ -2,7 +2,6 @@
 #include "fake_flutter.h"
 
 #include <map>
-#include <thread>
 #include <typeinfo>
 #include <utility>
 
@@ -11,8 +10,6 @@ using namespace fake_flutter;
 namespace {
 
 int g_faults = 0;
-std::thread::id g_platform_thread;  // flutter_linux's: the one that made the engine
-void NoteThread() { g_faults += std::this_thread::get_id() != g_platform_thread; }
 
 Bytes ToBytes(GBytes* bytes) {
   gsize size = 0;
@@ -66,7 +63,6 @@ void fl_binary_messenger_set_message_handler_on_channel(FlBinaryMessenger* messe
 gboolean fl_binary_messenger_send_response(FlBinaryMessenger* messenger,
                                            FlBinaryMessengerResponseHandle* response_handle,
                                            GBytes* response, GError**) {
-  NoteThread();
   Handle& handle = Data<Handle>(response_handle);
   if (handle.responded) {  // g_return_val_if_fail in flutter_linux: no error set
     ++g_faults;
@@ -82,7 +78,6 @@ gboolean fl_binary_messenger_send_response(FlBinaryMessenger* messenger,
 void fl_binary_messenger_send_on_channel(FlBinaryMessenger* messenger, const gchar* channel,
                                          GBytes* message, GCancellable* cancellable,
                                          GAsyncReadyCallback callback, gpointer data) {
-  NoteThread();
   Messenger& state = Data<Messenger>(messenger);
   if (state.engine_gone) return;  // never calls back, as flutter_linux
   state.sent.push_back({channel, ToBytes(message), callback != nullptr});
@@ -106,7 +101,6 @@ FlDartProject* fl_dart_project_new() {
 }
 void fl_dart_project_set_dart_entrypoint_arguments(FlDartProject*, char**) {}
 FlEngine* fl_engine_new_headless(FlDartProject*) {
-  g_platform_thread = std::this_thread::get_id();
   GObject* engine = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
   GObject* messenger = G_OBJECT(g_object_new(fake_messenger_get_type(), nullptr));
   g_object_set_data(engine, "messenger", messenger);

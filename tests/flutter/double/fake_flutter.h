@@ -26,7 +26,7 @@ bool HasHandler(FlBinaryMessenger*, const std::string& channel);
 // Messages the host sent to Dart, each taken once; Dart answers with `responder` (or empty).
 std::vector<HostMessage> TakeHostMessages(FlBinaryMessenger*);
 void SetDartResponder(FlBinaryMessenger*, std::function<Response(const HostMessage&)> responder);
-// Handles finalised unanswered, repeated responses, sends off the engine's thread: process-wide.
+// Response handles finalised unanswered and repeated responses, process-wide.
 int faults();
 
 }  // namespace fake_flutter
