@@ -29,9 +29,9 @@ T& Data(gpointer object) {
 
 struct Messenger {
   bool engine_gone = false;
-  std::map<std::string, std::pair<FlBinaryMessengerMessageHandler, gpointer>> handlers;
-  std::vector<HostMessage> sent;
-  std::function<Response(const HostMessage&)> responder;
+  std::map<std::string, std::pair<FlBinaryMessengerMessageHandler, gpointer>> handlers{};
+  std::vector<HostMessage> sent{};
+  std::function<Response(const HostMessage&)> responder{};
 };
 struct Handle {
   std::function<void(Response)> on_response;
@@ -65,8 +65,7 @@ gboolean fl_binary_messenger_send_response(FlBinaryMessenger* messenger,
                                            GBytes* response, GError**) {
   Handle& handle = Data<Handle>(response_handle);
   if (handle.responded) {  // g_return_val_if_fail in flutter_linux: no error set
-    ++g_faults;
-    g_critical("response handle already used");
+    g_critical("response handle already used (%d)", ++g_faults);
     return FALSE;
   }
   handle.responded = true;
