@@ -1,4 +1,4 @@
-// Decoding JPEG bytes back to RGB, to compare what the service sent with what it was given.
+// Decoding JPEG bytes back to RGB, to compare what was sent with what was given.
 #pragma once
 
 #include <algorithm>
@@ -15,11 +15,9 @@
 namespace corvane::testing {
 
 struct DecodedJpeg {
-  int width = 0;
-  int height = 0;
+  int width = 0, height = 0;
   bool jfif = false;
-  int luma_h = 0;  // sampling factors of the first component
-  int luma_v = 0;
+  int luma_h = 0, luma_v = 0;  // sampling factors of the first component
   std::vector<uint8_t> rgb;
 };
 
@@ -33,21 +31,15 @@ inline std::optional<DecodedJpeg> DecodeJpeg(const std::vector<uint8_t>& bytes) 
   errors.base.error_exit = [](j_common_ptr c) {
     std::longjmp(reinterpret_cast<Errors*>(c->err)->jump, 1);
   };
-  if (setjmp(errors.jump)) {
-    jpeg_destroy_decompress(&info);
-    return std::nullopt;
-  }
+  if (setjmp(errors.jump)) return jpeg_destroy_decompress(&info), std::nullopt;
   jpeg_create_decompress(&info);
   jpeg_mem_src(&info, bytes.data(), static_cast<unsigned long>(bytes.size()));
   jpeg_read_header(&info, TRUE);
   info.out_color_space = JCS_RGB;
   jpeg_start_decompress(&info);
-  DecodedJpeg out;
-  out.width = static_cast<int>(info.output_width);
-  out.height = static_cast<int>(info.output_height);
-  out.jfif = info.saw_JFIF_marker;
-  out.luma_h = info.comp_info[0].h_samp_factor;
-  out.luma_v = info.comp_info[0].v_samp_factor;
+  DecodedJpeg out{static_cast<int>(info.output_width), static_cast<int>(info.output_height),
+                  info.saw_JFIF_marker != 0, info.comp_info[0].h_samp_factor,
+                  info.comp_info[0].v_samp_factor};
   out.rgb.resize(static_cast<size_t>(out.width) * out.height * 3);
   while (info.output_scanline < info.output_height) {
     JSAMPROW row = out.rgb.data() + static_cast<size_t>(info.output_scanline) * out.width * 3;
@@ -58,8 +50,7 @@ inline std::optional<DecodedJpeg> DecodeJpeg(const std::vector<uint8_t>& bytes) 
   return out;
 }
 
-// A smooth RGB picture (what a camera sees, and what JPEG keeps well), rows `stride` bytes
-// apart; padding bytes are 0xEE.
+// A smooth RGB picture (what JPEG keeps well), rows `stride` bytes apart, padding 0xEE.
 inline std::vector<uint8_t> Gradient(int width, int height, size_t stride) {
   std::vector<uint8_t> rgb(stride * height, 0xEE);
   for (int y = 0; y < height; ++y) {
