@@ -68,12 +68,12 @@ class CameraTest : public ::testing::Test {
     window2_.reset();
     backend_ = std::make_shared<TestCaptureBackend>();
     backend_->SetDevices({{"cam-a", "A"}, {"cam-b", "B"}, {"cam-c", "C"}, {"cam-d", "D"}});
-    AppleUsbHub::Options options;
-    options.backend = [backend = backend_](dispatch::SerialQueue&) { return backend; };
-    options.clock = &clock_;
-    hub_ = AppleUsbHub::Create(std::move(options));
-    window1_ = MakeCamera(engine1_);
-    window2_ = MakeCamera(engine2_);
+    hub_ = AppleUsbHub::Create(
+        {[backend = backend_](dispatch::SerialQueue&) { return backend; }, &clock_});
+    window1_ = std::make_unique<AppleUsbCamera>(
+        engine1_, AppleUsbCamera::Options{hub_, [this] { return visible_; }});
+    window2_ = std::make_unique<AppleUsbCamera>(
+        engine2_, AppleUsbCamera::Options{hub_, [this] { return visible_; }});
   }
   void TearDown() override {
     window1_.reset();
@@ -81,14 +81,6 @@ class CameraTest : public ::testing::Test {
     hub_.reset();
     EXPECT_EQ(engine1_.off_main_thread_deliveries() + engine2_.off_main_thread_deliveries(), 0);
   }
-
-  std::unique_ptr<AppleUsbCamera> MakeCamera(engine::LoopbackEngine& engine) {
-    AppleUsbCamera::Options options;
-    options.hub = hub_;
-    options.application_visible = [this] { return visible_; };
-    return std::make_unique<AppleUsbCamera>(engine, std::move(options));
-  }
-
   Pending Later(const std::string& method, Value args, engine::LoopbackEngine* engine = nullptr) {
     auto replies = std::make_shared<std::vector<MethodReply>>();
     (engine ? *engine : engine1_)
@@ -124,15 +116,6 @@ class CameraTest : public ::testing::Test {
     hub_->queue().Async([&done] { dispatch::MainQueue().Async([&done] { done = true; }); });
     dispatch::RunMainUntil([&] { return done; }, 5s);
   }
-  // A pending open of kT1 waiting for the user's answer about access.
-  Pending OpenAwaitingAccess() {
-    backend_->SetAuthorization(Authorization::kNotDetermined);
-    backend_->HoldAccessAnswers();
-    Pending open = Later("open", OpenArgs(kT1, "cam-a"));
-    dispatch::RunMainUntil([&] { return backend_->access_requests() == 1; }, 5s);
-    return open;
-  }
-
   dispatch::ManualClock clock_;
   std::shared_ptr<TestCaptureBackend> backend_;
   engine::LoopbackEngine engine1_, engine2_;
@@ -147,20 +130,15 @@ TEST_F(CameraTest, SupportedEvenWhileHiddenOtherNamesNotImplementedAndListFollow
   for (const char* method : {"Supported", "LIST", "Open", "frame", ""}) {
     EXPECT_EQ(Call(method, TokenArgs(kT1)), "none") << method;
   }
-  std::vector<CameraDevice> devices;
-  channel::ValueList first64;
-  for (int i = 0; i < 70; ++i) {
-    devices.push_back({"id" + std::to_string(i), "n"});
-    ValueMap entry;
-    entry.Append(Value("id"), Value(devices.back().id));
-    entry.Append(Value("name"), Value("n"));
-    if (i < 64) first64.push_back(Value(std::move(entry)));
-  }
+  std::vector<CameraDevice> devices(70, {"id", "n"});
+  ValueMap entry;
+  entry.Append(Value("id"), Value("id"));
+  entry.Append(Value("name"), Value("n"));
   backend_->SetDevices(devices);
   backend_->SetAuthorization(Authorization::kNotDetermined);  // never prompts
   Pending list = Later("list", Value());
   EXPECT_EQ(Await(list), "value");
-  EXPECT_EQ(list->front().value, Value(first64));
+  EXPECT_EQ(list->front().value, Value(channel::ValueList(64, Value(entry))));
   for (auto access : {Authorization::kDenied, Authorization::kRestricted}) {
     backend_->SetAuthorization(access);
     EXPECT_EQ(Call("list"), "permission");
@@ -169,92 +147,80 @@ TEST_F(CameraTest, SupportedEvenWhileHiddenOtherNamesNotImplementedAndListFollow
 }
 
 TEST_F(CameraTest, OpenChecksArgumentsInOrder) {
-  const Value good = OpenArgs(kT1, "cam-a");
-  auto without = [&](const char* key) {
-    Value args{ValueMap{}};
-    for (const auto& e : *good.map_if()) {
-      if (!(e.key == Value(key))) args.mutable_map_if()->Append(e.key, e.value);
-    }
-    return args;
-  };
   std::string emoji_1024;  // 512 characters outside the basic plane: 1024 UTF-16 units
   for (int i = 0; i < 512; ++i) emoji_1024 += "\xF0\x9F\x9A\x82";
-  const std::string config = "configuration";
   struct Case {
-    Value args;
-    std::string reply;
+    const char* key;  // null: `value` is the whole argument
+    Value value;
+    std::string reply = "configuration";
     bool hidden = false;
   } cases[] = {
-      {Value("text"), config},
-      {without("token"), config},
-      {With(good, "token", Value::Integer(5)), config},
-      {With(good, "token", Value("not-a-uuid")), config, true},
-      {With(good, "deviceId", Value("")), "suspended", true},  // hidden beats a bad device
-      {without("deviceId"), config},
-      {With(good, "deviceId", Value::Integer(1)), config},
-      {With(good, "deviceId", Value("")), config},
-      {With(good, "deviceId", Value(std::string(1025, 'x'))), config},
-      {With(good, "deviceId", Value(emoji_1024 + "x")), config},
-      {With(good, "deviceId", Value("cam\ta")), config},
-      {With(good, "deviceId", Value("cam\x7F")), config},
-      {With(With(good, "deviceId", Value("")), "timeoutMs", Value::Integer(5)), config},
-      {With(good, "timeoutMs", Value::Integer(99)), config},
-      {With(good, "timeoutMs", Value::Integer(60001)), config},
-      {With(good, "timeoutMs", Value(500.0)), config},
-      {without("timeoutMs"), config},
-      {With(good, "maxFrameBytes", Value::Integer(63)), config},
-      {With(good, "maxFrameBytes", Value::Integer(16777217)), config},
-      {without("maxFrameBytes"), config},
-      // Valid, but not connected: the arguments passed every check.
-      {With(good, "deviceId", Value(emoji_1024)), "deviceMissing"},
-      {OpenArgs(kT1, "cam-b", 100, 64), "ok"},
-      {OpenArgs(kT1, "cam-c", 60000, 16 << 20), "ok"},
+      {nullptr, Value("text")},
+      {"token", Value::Integer(5)},
+      {"token", Value("not-a-uuid"), "configuration", true},
+      {"deviceId", Value(""), "suspended", true},  // hidden beats a bad device
+      {"deviceId", Value::Integer(1)},
+      {"deviceId", Value("")},
+      {"deviceId", Value(std::string(1025, 'x'))},
+      {"deviceId", Value(emoji_1024 + "x")},
+      {"deviceId", Value("cam\ta")},
+      {"deviceId", Value("cam\x7F")},
+      {"timeoutMs", Value::Integer(99)},
+      {"timeoutMs", Value::Integer(60001)},
+      {"timeoutMs", Value(500.0)},
+      {"timeoutMs", Value()},
+      {"maxFrameBytes", Value::Integer(63)},
+      {"maxFrameBytes", Value::Integer(16777217)},
+      {"deviceId", Value(emoji_1024), "deviceMissing"},  // passed every check
+      {nullptr, OpenArgs(kT1, "cam-b", 100, 64), "ok"},
+      {nullptr, OpenArgs(kT1, "cam-c", 60000, 16 << 20), "ok"},
   };
   for (size_t i = 0; i < std::size(cases); ++i) {
     visible_ = !cases[i].hidden;
-    EXPECT_EQ(Call("open", cases[i].args), cases[i].reply) << i;
+    const Case& c = cases[i];
+    EXPECT_EQ(Call("open", c.key ? With(OpenArgs(kT1, "cam-a"), c.key, c.value) : c.value), c.reply)
+        << i;
     Close(kT1);
   }
 }
 
 TEST_F(CameraTest, TokensDevicesAndTheFourSessionLimitAreBusyUntilClosed) {
-  // Another spelling of the same UUID is another token; the device is still taken.
+  // Token or device taken is busy, but another spelling of the same UUID is another token.
   std::string lower = kT1;
   for (char& c : lower) c = static_cast<char>(std::tolower(c));
-  const std::vector<std::pair<std::string, std::string>> steps = {
-      {Open(kT1, "cam-a"), "ok"},
-      {Open(kT1, "cam-b"), "deviceBusy"},  // token taken
-      {Open(kT2, "cam-a"), "deviceBusy"},  // device taken
-      {Open(lower, "cam-a"), "deviceBusy"},
-      {Open(lower, "cam-b"), "ok"},
-      {Open(kT3, "nowhere"), "deviceMissing"},  // ended, still registered
-      {Open(kT3, "cam-c"), "deviceBusy"},       // even an ended token
-      {Open(kT4, "cam-c"), "ok"},
-      {Open(kT5, "cam-d"), "deviceBusy"},  // four registered, one ended
-      {Close(kT3), "ok"},
-      {Open(kT5, "cam-d"), "ok"},
-      {Close(kT1), "ok"},
-      {backend_->WaitStreaming("cam-a", false) ? Open(kT1, "cam-a") : "still streaming", "ok"},
-  };
-  for (size_t i = 0; i < steps.size(); ++i) EXPECT_EQ(steps[i].first, steps[i].second) << i;
+  // Then: kT3 ends on a missing device but stays registered, so four are registered, one ended.
+  const std::vector<std::string> replies = {
+      Open(kT1, "cam-a"),
+      Open(kT1, "cam-b"),
+      Open(kT2, "cam-a"),
+      Open(lower, "cam-a"),
+      Open(lower, "cam-b"),
+      Open(kT3, "nowhere"),
+      Open(kT3, "cam-c"),
+      Open(kT4, "cam-c"),
+      Open(kT5, "cam-d"),
+      Close(kT3),
+      Open(kT5, "cam-d"),
+      Close(kT1),
+      backend_->WaitStreaming("cam-a", false) ? Open(kT1, "cam-a") : "still streaming"};
+  EXPECT_EQ(replies, (std::vector<std::string>{"ok", "deviceBusy", "deviceBusy", "deviceBusy", "ok",
+                                               "deviceMissing", "deviceBusy", "ok", "deviceBusy",
+                                               "ok", "ok", "ok", "ok"}));
 }
 
 TEST_F(CameraTest, OpenEndsWithTheCodeOfTheStepThatFailed) {
   const std::pair<std::function<void()>, const char*> cases[] = {
       {[&] { backend_->SetAuthorization(Authorization::kDenied); }, "permission"},
       {[&] { backend_->SetAuthorization(Authorization::kRestricted); }, "permission"},
-      {[&] {
-         backend_->SetAuthorization(Authorization::kNotDetermined);
-         backend_->SetAccessAnswer(false);
-       },
-       "permission"},
+      {[&] { backend_->SetAuthorization(Authorization::kNotDetermined); }, "permission"},
       {[&] { backend_->FailOpen("cam-a", "permission"); }, "permission"},
       {[&] { backend_->FailOpen("cam-a", "deviceBusy"); }, "deviceBusy"},
       {[&] { backend_->FailConfigure("cam-a", "unsupported"); }, "unsupported"},
       {[&] { backend_->FailConfigure("cam-a", "unavailable"); }, "unavailable"},
   };
   for (size_t i = 0; i < std::size(cases); ++i) {
-    SetUp();  // a fresh backend and hub for each case
+    SetUp();                           // a fresh backend and hub for each case
+    backend_->SetAccessAnswer(false);  // if asked
     cases[i].first();
     const std::string open = Open(kT1, "cam-a");
     EXPECT_EQ(open + " " + Read(kT1), std::string(cases[i].second) + " " + cases[i].second) << i;
@@ -264,23 +230,24 @@ TEST_F(CameraTest, OpenEndsWithTheCodeOfTheStepThatFailed) {
   SetUp();
 }
 
-TEST_F(CameraTest, AccessIsAskedOnceAndOpenWaitsForTheAnswer) {
-  Pending open = OpenAwaitingAccess();
-  EXPECT_EQ(Await(open, 50ms), "");
-  EXPECT_EQ(Read(kT1), "deviceBusy") << "refused, and the open goes on";
-  backend_->AnswerAccess(true);
-  EXPECT_EQ(Await(open), "ok");
-  EXPECT_EQ(Open(kT2, "cam-b"), "ok");
-  EXPECT_EQ(backend_->access_requests(), 1);
-}
-
-TEST_F(CameraTest, CloseBeforeTheOpenFinishedAnswersTheOpenWithEnded) {
-  Pending open = OpenAwaitingAccess();
-  EXPECT_EQ(Close(kT1), "ok");
-  EXPECT_EQ(Await(open), "ended");
-  backend_->AnswerAccess(true);  // too late: nothing starts
-  Flush();
-  EXPECT_FALSE(backend_->streaming("cam-a"));
+TEST_F(CameraTest, OpenWaitsForTheOneAccessAnswerAndCloseBeforeItEndsTheOpen) {
+  for (bool close_first : {true, false}) {
+    SetUp();
+    backend_->SetAuthorization(Authorization::kNotDetermined);
+    backend_->HoldAccessAnswers();
+    Pending open = Later("open", OpenArgs(kT1, "cam-a"));
+    dispatch::RunMainUntil([&] { return backend_->access_requests() == 1; }, 5s);
+    EXPECT_EQ(Await(open, 50ms), "");
+    EXPECT_EQ(close_first ? Close(kT1) : Read(kT1), close_first ? "ok" : "deviceBusy");
+    backend_->AnswerAccess(true);
+    EXPECT_EQ(Await(open), close_first ? "ended" : "ok");
+    Flush();
+    EXPECT_EQ(backend_->streaming("cam-a"), !close_first);
+    EXPECT_EQ(Open(kT2, "cam-b"), "ok");
+    EXPECT_EQ(backend_->access_requests(), 1);
+    TearDown();
+  }
+  SetUp();
 }
 
 TEST_F(CameraTest, WindowsOwnTheirSessionsAndUnknownTokensEndOrAreIgnored) {
@@ -295,9 +262,6 @@ TEST_F(CameraTest, WindowsOwnTheirSessionsAndUnknownTokensEndOrAreIgnored) {
   Pending read = Arm();
   ASSERT_TRUE(backend_->Deliver("cam-a", SmallFrame(1)));
   EXPECT_EQ(Await(read), "#1");
-  window2_->Notify(AppleUsbCamera::Happening::kWindowClosed);
-  Flush();
-  EXPECT_TRUE(backend_->streaming("cam-a")) << "window 2 closing leaves window 1's session";
   window1_.reset();
   EXPECT_TRUE(backend_->WaitStreaming("cam-a", false));
   EXPECT_EQ(Call("open", OpenArgs(kT1, "cam-a"), &engine2_), "ok") << "token and device free";
@@ -322,15 +286,8 @@ TEST_F(CameraTest, WindowAndApplicationHappeningsEndOrSuspendTheWindowsSessions)
   }
 }
 
-class FramesTest : public CameraTest {
- protected:
-  void SetUp() override {
-    CameraTest::SetUp();
-    ASSERT_EQ(Open(kT1, "cam-a", 100), "ok");
-  }
-};
-
-TEST_F(FramesTest, EachReadTakesOneStrictlyNewerFrame) {
+TEST_F(CameraTest, EachReadTakesOneStrictlyNewerFrame) {
+  ASSERT_EQ(Open(kT1, "cam-a"), "ok");
   ASSERT_TRUE(backend_->Deliver("cam-a", SmallFrame(100)));  // nobody asked: not counted
   Pending read = Arm();
   Frame no_time = SmallFrame(0);
@@ -348,7 +305,8 @@ TEST_F(FramesTest, EachReadTakesOneStrictlyNewerFrame) {
   EXPECT_EQ(Await(read), "#2");
 }
 
-TEST_F(FramesTest, TimeOutEndsTheSessionAndAFrameQueuedBehindItIsDropped) {
+TEST_F(CameraTest, TimeOutEndsTheSessionAndAFrameQueuedBehindItIsDropped) {
+  ASSERT_EQ(Open(kT1, "cam-a", 100), "ok");
   Pending read = Arm();
   clock_.Advance(99ms);
   Flush();
@@ -369,7 +327,7 @@ TEST_F(FramesTest, TimeOutEndsTheSessionAndAFrameQueuedBehindItIsDropped) {
   EXPECT_EQ(clock_.pending_timers(), 0u);
 }
 
-TEST_F(FramesTest, FramesOutsideTheLimitsAndStreamFailuresEndTheSession) {
+TEST_F(CameraTest, FramesOutsideTheLimitsAndStreamFailuresEndTheSession) {
   Frame truncated = SmallFrame(50), empty = SmallFrame(50), none = SmallFrame(50);
   truncated.rgb =
       std::make_shared<std::vector<uint8_t>>(truncated.rgb->begin(), truncated.rgb->end() - 1);
@@ -393,6 +351,8 @@ TEST_F(FramesTest, FramesOutsideTheLimitsAndStreamFailuresEndTheSession) {
   };
   for (size_t i = 0; i < std::size(cases); ++i) {
     const std::string& reply = cases[i].second;
+    Close(kT1);
+    ASSERT_EQ(Open(kT1, "cam-a", 100), "ok");
     Pending read = Arm();
     ASSERT_TRUE(cases[i].first());
     EXPECT_EQ(Await(read), reply) << i;
@@ -401,13 +361,10 @@ TEST_F(FramesTest, FramesOutsideTheLimitsAndStreamFailuresEndTheSession) {
       EXPECT_FALSE(backend_->streaming("cam-a")) << i;
       EXPECT_FALSE(backend_->Fail("cam-a", kStreamFailed)) << i << ": the first reason stays";
     }
-    Close(kT1);
-    ASSERT_EQ(Open(kT1, "cam-a", 100), "ok");
   }
 }
 
-TEST_F(FramesTest, FramesRacingReadsServeEachReadOnceInOrder) {
-  Close(kT1);
+TEST_F(CameraTest, FramesRacingReadsServeEachReadOnceInOrder) {
   ASSERT_EQ(Open(kT1, "cam-a", 60000), "ok");
   std::atomic<bool> stop{false};
   std::thread camera([&] {
