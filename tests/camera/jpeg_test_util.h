@@ -17,7 +17,6 @@ namespace corvane::testing {
 struct DecodedJpeg {
   int width = 0, height = 0;
   bool jfif = false;
-  int luma_h = 0, luma_v = 0;  // sampling factors of the first component
   std::vector<uint8_t> rgb;
 };
 
@@ -38,8 +37,7 @@ inline std::optional<DecodedJpeg> DecodeJpeg(const std::vector<uint8_t>& bytes) 
   info.out_color_space = JCS_RGB;
   jpeg_start_decompress(&info);
   DecodedJpeg out{static_cast<int>(info.output_width), static_cast<int>(info.output_height),
-                  info.saw_JFIF_marker != 0, info.comp_info[0].h_samp_factor,
-                  info.comp_info[0].v_samp_factor};
+                  info.saw_JFIF_marker != 0};
   out.rgb.resize(static_cast<size_t>(out.width) * out.height * 3);
   while (info.output_scanline < info.output_height) {
     JSAMPROW row = out.rgb.data() + static_cast<size_t>(info.output_scanline) * out.width * 3;

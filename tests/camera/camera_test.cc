@@ -1,15 +1,24 @@
-// The Flutter side of two AppleUsbCamera registrations (two windows) sharing one hub on the test
-// backend, with time on a manual clock: argument checks, limits, owner isolation, session endings
-// and frames (what the vivid driver under tests/device cannot be made to do on demand).
+// The camera service where no driver here can show it (tests/device runs vivid for real): the
+// Flutter side of two windows sharing one hub on the test backend with time on a manual clock,
+// the JPEG encoder's refusals, MJPEG buffers, the choice of filled buffer, and the portal.
+#include <gio/gio.h>
 #include <gtest/gtest.h>
+#include <libv4l-plugin.h>
+#include <libv4lconvert.h>
 
 #include <atomic>
+#include <cerrno>
+#include <deque>
 #include <thread>
 
 #include "camera/apple_usb_camera.h"
+#include "camera/camera_portal.h"
 #include "camera/test_capture_backend.h"
+#include "camera/v4l2_frames.h"
 #include "channel/standard_codec.h"
 #include "engine/loopback_engine.h"
+#include "imaging/jpeg_encoder.h"
+#include "jpeg_test_util.h"
 
 namespace corvane::camera {
 namespace {
@@ -130,6 +139,8 @@ TEST_F(CameraTest, SupportedEvenWhileHiddenOtherNamesNotImplementedAndListNeverP
   for (const char* method : {"Supported", "LIST", "Open", "frame", ""}) {
     EXPECT_EQ(Call(method, TokenArgs(kT1)), "none") << method;
   }
+  backend_->SetAuthorization(Authorization::kNotDetermined);
+  EXPECT_EQ(Call("list"), "value");
   backend_->SetAuthorization(Authorization::kDenied);
   EXPECT_EQ(Call("list"), "permission");
   EXPECT_EQ(backend_->access_requests(), 0);
@@ -349,6 +360,192 @@ TEST_F(CameraTest, FramesRacingReadsServeEachReadOnceInOrder) {
   for (int64_t n = 1; n <= 40; ++n) ASSERT_EQ(Read(kT1), "#" + std::to_string(n));
   stop = true;
   camera.join();
+}
+
+// The encoder's own shapes are decoded below (MJPEG) and by the device suite (1280x720).
+TEST(JpegEncoder, RefusesBadArguments) {
+  const std::vector<uint8_t> grey(16 * 16 * 3, 0x80);
+  const uint8_t* p = grey.data();
+  const std::tuple<const uint8_t*, int, int, size_t, int> cases[] = {
+      {nullptr, 16, 16, 48, 80}, {p, 0, 16, 48, 80},       {p, 16, 0, 48, 80},
+      {p, -4, 16, 48, 80},       {p, 16, 16, 47, 80},      {p, 16, 16, 48, 0},
+      {p, 16, 16, 48, 101},      {p, 70000, 1, 210000, 80}};
+  for (auto [pixels, width, height, stride, quality] : cases) {
+    EXPECT_TRUE(imaging::EncodeJpeg(pixels, width, height, stride, quality).empty()) << width;
+  }
+}
+
+// A recorded capture node for libv4lconvert offering YUYV and MJPEG at 640x480 only.
+int FakeIoctl(void*, int, unsigned long request, void* arg) {
+  static const uint32_t kFormats[] = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_MJPEG};
+  if (request == VIDIOC_QUERYCAP) {
+    auto* caps = static_cast<v4l2_capability*>(arg);
+    *caps = {};
+    caps->device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+    caps->capabilities = caps->device_caps | V4L2_CAP_DEVICE_CAPS;
+    return 0;
+  }
+  if (request == VIDIOC_ENUM_FMT && static_cast<v4l2_fmtdesc*>(arg)->index < 2) {
+    auto* desc = static_cast<v4l2_fmtdesc*>(arg);
+    desc->pixelformat = kFormats[desc->index];
+    desc->flags = desc->index == 1 ? V4L2_FMT_FLAG_COMPRESSED : 0;
+    return 0;
+  }
+  if (request == VIDIOC_ENUM_FRAMESIZES && static_cast<v4l2_frmsizeenum*>(arg)->index == 0) {
+    static_cast<v4l2_frmsizeenum*>(arg)->type = V4L2_FRMSIZE_TYPE_DISCRETE;
+    static_cast<v4l2_frmsizeenum*>(arg)->discrete = {640, 480};
+    return 0;
+  }
+  if (request == VIDIOC_TRY_FMT) {
+    auto& pix = static_cast<v4l2_format*>(arg)->fmt.pix;
+    const bool mjpeg = pix.pixelformat == V4L2_PIX_FMT_MJPEG;
+    pix = {640,
+           480,
+           mjpeg ? V4L2_PIX_FMT_MJPEG : V4L2_PIX_FMT_YUYV,
+           V4L2_FIELD_NONE,
+           mjpeg ? 0u : 640 * 2,
+           640 * 480 * (mjpeg ? 1u : 2u)};
+    return 0;
+  }
+  errno = EINVAL;
+  return -1;
+}
+
+std::unique_ptr<V4l2Converter> RecordedConverter() {
+  static libv4l_dev_ops ops = [] {
+    libv4l_dev_ops o{};
+    o.ioctl = FakeIoctl;
+    return o;
+  }();
+  return std::make_unique<V4l2Converter>(v4lconvert_create_with_dev_ops(-1, nullptr, &ops));
+}
+
+// Drops the Huffman tables, as many webcams do: their MJPEG relies on the standard ones.
+std::vector<uint8_t> WithoutHuffmanTables(const std::vector<uint8_t>& jpeg) {
+  std::vector<uint8_t> out(jpeg.begin(), jpeg.begin() + 2);
+  size_t i = 2;
+  while (i + 4 <= jpeg.size() && jpeg[i] == 0xFF && jpeg[i + 1] != 0xDA) {
+    const size_t length = (jpeg[i + 2] << 8) | jpeg[i + 3];
+    if (jpeg[i + 1] != 0xC4) out.insert(out.end(), jpeg.begin() + i, jpeg.begin() + i + 2 + length);
+    i += 2 + length;
+  }
+  out.insert(out.end(), jpeg.begin() + i, jpeg.end());
+  return out;
+}
+
+TEST(V4l2Frames, OnlyOfferedSizesAndMjpegWithOrWithoutHuffmanTablesDecode) {
+  auto converter = RecordedConverter();
+  EXPECT_FALSE(converter->SourceFor(1280, 720)) << "the device has no 1280x720";
+  EXPECT_FALSE(V4l2Converter(nullptr).SourceFor(640, 480));
+  auto source = converter->SourceFor(640, 480);
+  ASSERT_TRUE(source);
+  EXPECT_EQ(std::pair(source->fmt.pix.width, source->fmt.pix.height), std::pair(640u, 480u));
+
+  const std::vector<uint8_t> rgb = corvane::testing::Gradient(640, 480, 640 * 3);
+  const std::vector<uint8_t> mjpeg = imaging::EncodeJpeg(rgb.data(), 640, 480, 640 * 3, 90);
+  const std::vector<uint8_t> bare = WithoutHuffmanTables(mjpeg);
+  ASSERT_LT(bare.size(), mjpeg.size());
+  v4l2_format format{V4L2_BUF_TYPE_VIDEO_CAPTURE};
+  format.fmt.pix = {640, 480, V4L2_PIX_FMT_MJPEG, V4L2_FIELD_NONE, 0, 640 * 480};
+  converter->SetSource(format);
+  for (const auto* buffer : {&mjpeg, &bare}) {
+    std::vector<uint8_t> scratch;
+    RgbImage image;
+    V4l2Sample sample(*converter, buffer->data(), buffer->size(), 1);
+    ASSERT_TRUE(sample.ReadRgb(scratch, &image));
+    EXPECT_EQ(image.width, 640);
+    EXPECT_LT(corvane::testing::MeanDifference(scratch, rgb), 3.0);
+  }
+}
+
+TEST(V4l2Frames, OnlyTheNewestFilledBufferIsUsedAndEveryOneGoesBack) {
+  struct Case {
+    std::vector<uint32_t> ready;  // indexes the device has filled, oldest first
+    int end_errno;                // what the dequeue says after them
+    uint32_t damaged;             // index flagged as damaged
+    int used;                     // index handed on, or -1
+    const char* failure;
+  } cases[] = {
+      {{0, 1, 2}, EAGAIN, 99, 2, ""},   {{}, EAGAIN, 99, -1, ""},
+      {{0, 1}, EAGAIN, 1, -1, ""},      {{3}, ENODEV, 99, 3, kStreamDisconnected},
+      {{}, EIO, 99, -1, kStreamFailed},
+  };
+  for (const Case& c : cases) {
+    std::deque<uint32_t> ready(c.ready.begin(), c.ready.end());
+    std::vector<uint32_t> requeued;
+    bool interrupted = false;
+    BufferQueue queue{[&](v4l2_buffer* b) {
+                        if (!interrupted || ready.empty()) {  // a signal first: retried
+                          errno = interrupted ? c.end_errno : EINTR;
+                          interrupted = true;
+                          return -1;
+                        }
+                        b->index = ready.front();
+                        b->flags = b->index == c.damaged ? V4L2_BUF_FLAG_ERROR : 0;
+                        ready.pop_front();
+                        return 0;
+                      },
+                      [&](const v4l2_buffer& b) { requeued.push_back(b.index); }};
+    int used = -1;
+    const char* failure =
+        TakeNewestBuffer(queue, [&](const v4l2_buffer& b) { used = static_cast<int>(b.index); });
+    EXPECT_EQ(std::tuple(used, std::string(failure ? failure : ""), requeued),
+              std::tuple(c.used, std::string(c.failure), c.ready));
+  }
+}
+
+// Answers AccessCamera as xdg-desktop-portal does: the request's path first, the user's answer
+// (`response`) later as that request's Response signal.
+void OnAccessCamera(GDBusConnection* bus, const char* sender, const char*, const char*, const char*,
+                    GVariant* parameters, GDBusMethodInvocation* invocation, gpointer response) {
+  const char* token = "t";
+  g_autoptr(GVariant) options = g_variant_get_child_value(parameters, 0);
+  g_variant_lookup(options, "handle_token", "&s", &token);
+  std::string who = sender + 1;
+  for (char& c : who) c = c == '.' ? '_' : c;
+  const std::string path = "/org/freedesktop/portal/desktop/request/" + who + "/" + token;
+  g_dbus_method_invocation_return_value(invocation, g_variant_new("(o)", path.c_str()));
+  g_dbus_connection_emit_signal(bus, sender, path.c_str(), "org.freedesktop.portal.Request",
+                                "Response",
+                                g_variant_new("(u@a{sv})", GPOINTER_TO_UINT(response),
+                                              g_variant_new_array(G_VARIANT_TYPE("{sv}"), 0, 0)),
+                                nullptr);
+}
+
+TEST(CameraPortal, TheUsersAnswerDecidesAndNoPortalLeavesItToTheDevices) {
+  GTestDBus* session = g_test_dbus_new(G_TEST_DBUS_NONE);
+  g_test_dbus_up(session);
+  auto ask = [] {
+    std::optional<bool> answer;
+    RequestPortalCameraAccess([&](bool granted) { answer = granted; });
+    dispatch::RunMainUntil([&] { return answer.has_value(); }, std::chrono::seconds(10));
+    return answer;
+  };
+  g_autoptr(GDBusNodeInfo) node = g_dbus_node_info_new_for_xml(
+      "<node><interface name='org.freedesktop.portal.Camera'><method name='AccessCamera'>"
+      "<arg type='a{sv}' direction='in'/><arg type='o' direction='out'/>"
+      "</method></interface></node>",
+      nullptr);
+  const GDBusInterfaceVTable vtable = {OnAccessCamera, nullptr, nullptr, {}};
+  for (guint response : {0u, 1u, 2u}) {  // granted, cancelled, refused
+    GDBusConnection* bus = g_dbus_connection_new_for_address_sync(
+        g_test_dbus_get_bus_address(session),
+        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    g_dbus_connection_register_object(bus, "/org/freedesktop/portal/desktop", node->interfaces[0],
+                                      &vtable, GUINT_TO_POINTER(response), nullptr, nullptr);
+    g_autoptr(GVariant) owned = g_dbus_connection_call_sync(
+        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+        g_variant_new("(su)", "org.freedesktop.portal.Desktop", 0u), nullptr,
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    EXPECT_EQ(ask(), std::optional<bool>(response == 0)) << response;
+    g_dbus_connection_close_sync(bus, nullptr, nullptr);
+    g_object_unref(bus);
+  }
+  EXPECT_EQ(ask(), std::optional<bool>(true)) << "no portal on the bus";
+  g_test_dbus_down(session);
+  g_object_unref(session);
 }
 
 }  // namespace
