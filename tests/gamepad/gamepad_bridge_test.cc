@@ -105,11 +105,9 @@ class GamepadBridgeTest : public ::testing::Test {
     bridge_ = AppleGameControllerBridge::Create(engine_, std::move(backend));
   }
 
-  std::shared_ptr<FakeController> Attach(std::string category,
-                                         std::optional<std::string> vendor = {}) {
+  std::shared_ptr<FakeController> Attach(std::string category) {
     auto c = std::make_shared<FakeController>();
     c->category = std::move(category);
-    c->vendor = std::move(vendor);
     backend_->controllers.push_back(c);
     return c;
   }
