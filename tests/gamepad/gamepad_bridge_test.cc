@@ -87,11 +87,7 @@ struct FakeBackend final : ControllerBackend {
 
 Value Pulses(std::initializer_list<std::initializer_list<double>> pulses) {
   ValueList list;
-  for (const auto& pulse : pulses) {
-    ValueList numbers;
-    for (double n : pulse) numbers.emplace_back(n);
-    list.emplace_back(std::move(numbers));
-  }
+  for (const auto& p : pulses) list.emplace_back(ValueList(p.begin(), p.end()));
   return Value(std::move(list));
 }
 const Value kOnePulse = Pulses({{0, 0.5, 0.5}});
