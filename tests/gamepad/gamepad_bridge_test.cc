@@ -180,18 +180,6 @@ TEST_F(GamepadBridgeTest, EntriesListGamepadsWithClampedBatteryAndKnownHaptics) 
   EXPECT_EQ(Call("controllers").value, Value(expected));
 }
 
-// Names and the current pad: tests/device. Here: the fallbacks when neither decides.
-TEST_F(GamepadBridgeTest, WithoutANameOrCurrentOnlyASingleGamepadIsChosen) {
-  auto remote = Attach("Remote"), pad = Attach("Pad");
-  remote->gamepad = false;
-  EXPECT_EQ(Haptic(Value::Integer(3)), Value(true)) << "the only gamepad; a name not text is none";
-  EXPECT_TRUE(bridge_->HasEngine(pad));
-  Attach("Other");
-  EXPECT_EQ(Haptic(Value("Nobody")), Value(false)) << "two gamepads, no current";
-  backend_->current = remote;
-  EXPECT_EQ(bridge_->FindController(nullptr), remote) << "current though it is no gamepad";
-}
-
 TEST_F(GamepadBridgeTest, NoControllerNoHapticsOrNoEngineAnswersFalse) {
   EXPECT_EQ(Haptic(Value()), Value(false));
   auto pad = Attach("Pad");
