@@ -419,7 +419,8 @@ TEST(V4l2Frames, OnlyOfferedSizesAndMjpegBuffersDecode) {
   ASSERT_TRUE(source);
   EXPECT_EQ(std::pair(source->fmt.pix.width, source->fmt.pix.height), std::pair(640u, 480u));
 
-  const std::vector<uint8_t> rgb = corvane::testing::Gradient(640, 480, 640 * 3);
+  std::vector<uint8_t> rgb(640 * 480 * 3);  // a colour per row
+  for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>(i / 1920 + i % 3 * 80);
   const std::vector<uint8_t> mjpeg = imaging::EncodeJpeg(rgb.data(), 640, 480, 640 * 3, 90);
   v4l2_format format{V4L2_BUF_TYPE_VIDEO_CAPTURE};
   format.fmt.pix = {640, 480, V4L2_PIX_FMT_MJPEG, V4L2_FIELD_NONE, 0, 640 * 480};

@@ -1,7 +1,6 @@
 // Decoding JPEG bytes back to RGB, to compare what was sent with what was given.
 #pragma once
 
-#include <algorithm>
 #include <csetjmp>
 #include <cstdint>
 #include <cstdio>
@@ -46,20 +45,6 @@ inline std::optional<DecodedJpeg> DecodeJpeg(const std::vector<uint8_t>& bytes) 
   jpeg_finish_decompress(&info);
   jpeg_destroy_decompress(&info);
   return out;
-}
-
-// A smooth RGB picture (what JPEG keeps well), rows `stride` bytes apart, padding 0xEE.
-inline std::vector<uint8_t> Gradient(int width, int height, size_t stride) {
-  std::vector<uint8_t> rgb(stride * height, 0xEE);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      uint8_t* p = &rgb[y * stride + x * 3];
-      p[0] = static_cast<uint8_t>(x * 255 / std::max(width - 1, 1));
-      p[1] = static_cast<uint8_t>(y * 255 / std::max(height - 1, 1));
-      p[2] = static_cast<uint8_t>(255 - p[0] / 2);
-    }
-  }
-  return rgb;
 }
 
 // Mean absolute difference per channel between two RGB images of the same size.
