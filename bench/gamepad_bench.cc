@@ -28,7 +28,7 @@
 #include "dispatch/queue.h"
 #include "engine/loopback_engine.h"
 #include "gamepad/apple_game_controller_bridge.h"
-#include "gamepad/virtual_pad.h"
+#include "virtual_pad.h"
 
 namespace {
 

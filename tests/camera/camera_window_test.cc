@@ -9,102 +9,63 @@
 namespace corvane::host {
 namespace {
 
-using namespace std::chrono_literals;
+// No window manager here to iconify for real: the event it would cause.
+void Iconify(GtkWidget* window, bool iconified) {
+  GdkEvent* event = gdk_event_new(GDK_WINDOW_STATE);
+  event->window_state.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(window)));
+  event->window_state.changed_mask = GDK_WINDOW_STATE_ICONIFIED;
+  event->window_state.new_window_state = iconified ? GDK_WINDOW_STATE_ICONIFIED : GdkWindowState();
+  gtk_widget_event(window, event);
+  gdk_event_free(event);
+}
 
-class WindowWatchTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    xvfb_ = std::make_unique<testing::XvfbServer>();
-    g_setenv("NO_AT_BRIDGE", "1", TRUE);
-    if (xvfb_->ok()) {
-      g_setenv("DISPLAY", xvfb_->display().c_str(), TRUE);
-      gtk_ok_ = gtk_init_check(nullptr, nullptr);
-    }
-  }
-  static void TearDownTestSuite() { xvfb_.reset(); }
+void Settle() {
+  dispatch::RunMainUntil([] { return false; }, std::chrono::milliseconds(50));
+}
 
-  void SetUp() override {
-    if (!gtk_ok_) GTEST_SKIP() << "no X server";
-    window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-    view_ = gtk_drawing_area_new();
-    gtk_container_add(GTK_CONTAINER(window_), view_);
-    other_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-    watch_ = WindowWatch::Start(
-        view_, {[this] { ++minimised_; }, [this] { ++closed_; }, [this] { ++hidden_; },
-                [this] { ++sleeping_; }, [this] { ++terminating_; }});
-    gtk_widget_show_all(window_);
-    Settle();
-  }
-  void TearDown() override {
-    watch_.reset();
-    if (window_) gtk_widget_destroy(window_);
-    if (other_) gtk_widget_destroy(other_);
-  }
+TEST(WindowWatch, OnlyItsOwnWindowCountsAndHiddenNeedsEveryWindowUnmapped) {
+  int terminating = 0;
+  WindowWatch::Start(nullptr, {{}, {}, {}, {}, [&] { ++terminating; }})->HandleWillTerminate();
+  EXPECT_EQ(terminating, 1) << "without a view only quitting is heard";
 
-  static void Settle() {
-    dispatch::RunMainUntil([] { return false; }, 50ms);
-  }
-  static void Iconify(GtkWidget* window, bool iconified) {
-    // No window manager here to iconify for real: the event it would cause.
-    GdkEvent* event = gdk_event_new(GDK_WINDOW_STATE);
-    event->window_state.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(window)));
-    event->window_state.changed_mask = GDK_WINDOW_STATE_ICONIFIED;
-    event->window_state.new_window_state =
-        iconified ? GDK_WINDOW_STATE_ICONIFIED : static_cast<GdkWindowState>(0);
-    gtk_widget_event(window, event);
-    gdk_event_free(event);
-  }
-
-  static inline std::unique_ptr<testing::XvfbServer> xvfb_;
-  static inline bool gtk_ok_ = false;
-  GtkWidget* window_ = nullptr;
-  GtkWidget* view_ = nullptr;
-  GtkWidget* other_ = nullptr;
-  std::shared_ptr<WindowWatch> watch_;
-  int minimised_ = 0, closed_ = 0, hidden_ = 0, sleeping_ = 0, terminating_ = 0;
-};
-
-TEST_F(WindowWatchTest, OnlyItsOwnWindowMinimisesAndHiddenNeedsEveryWindowUnmapped) {
-  gtk_widget_show(other_);
+  testing::XvfbServer xvfb;
+  g_setenv("NO_AT_BRIDGE", "1", TRUE);
+  g_setenv("DISPLAY", xvfb.display().c_str(), TRUE);
+  if (!xvfb.ok() || !gtk_init_check(nullptr, nullptr)) GTEST_SKIP() << "no X server";
+  GtkWidget* window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+  GtkWidget* view = gtk_drawing_area_new();
+  gtk_container_add(GTK_CONTAINER(window), view);
+  GtkWidget* other = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+  int minimised = 0, closed = 0, hidden = 0, sleeping = 0;
+  auto watch = WindowWatch::Start(view, {[&] { ++minimised; }, [&] { ++closed; }, [&] { ++hidden; },
+                                         [&] { ++sleeping; }, [&] { ++terminating; }});
+  gtk_widget_show_all(window);
+  gtk_widget_show(other);
   Settle();
-  Iconify(other_, true);
-  Iconify(window_, false);  // restored is not minimised
-  EXPECT_EQ(minimised_, 0);
-  Iconify(window_, true);
-  EXPECT_EQ(minimised_, 1);
+  Iconify(other, true);
+  Iconify(window, false);  // restored is not minimised
+  EXPECT_EQ(minimised, 0);
+  Iconify(window, true);
+  EXPECT_EQ(minimised, 1);
 
   EXPECT_TRUE(WindowWatch::ApplicationVisible());
-  gtk_widget_hide(window_);
-  EXPECT_EQ(hidden_, 0) << "another window still shows";
+  gtk_widget_hide(window);
+  EXPECT_EQ(hidden, 0) << "another window still shows";
   EXPECT_TRUE(WindowWatch::ApplicationVisible());
-  gtk_widget_show(window_);
-  gtk_widget_hide(other_);
+  gtk_widget_show(window);
+  gtk_widget_hide(other);
   Settle();
-  gtk_widget_hide(window_);
-  EXPECT_EQ(hidden_, 1);
+  gtk_widget_hide(window);
+  EXPECT_EQ(hidden, 1);
   EXPECT_FALSE(WindowWatch::ApplicationVisible());
 
-  // A watch that has gone hears nothing of its window.
-  watch_.reset();
-  gtk_widget_destroy(window_);
-  window_ = nullptr;
-  EXPECT_EQ(closed_, 0);
-}
-
-TEST_F(WindowWatchTest, ClosingTheWindowAndQuittingAreReported) {
-  watch_->HandleWillTerminate();
-  EXPECT_EQ(terminating_, 1);
-  gtk_widget_destroy(window_);
-  window_ = nullptr;
-  EXPECT_EQ(closed_, 1);
-  EXPECT_EQ(sleeping_, 0) << "no system bus here";
-}
-
-TEST(WindowWatchHeadless, WithoutAViewOnlyQuittingIsHeard) {
-  int terminating = 0;
-  auto watch = WindowWatch::Start(nullptr, {{}, {}, {}, {}, [&] { ++terminating; }});
   watch->HandleWillTerminate();
-  EXPECT_EQ(terminating, 1);
+  EXPECT_EQ(terminating, 2);
+  gtk_widget_destroy(window);
+  EXPECT_EQ(closed, 1);
+  EXPECT_EQ(sleeping, 0) << "no system bus here";
+
+  gtk_widget_destroy(other);
 }
 
 }  // namespace

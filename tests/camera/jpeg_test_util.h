@@ -1,7 +1,6 @@
-// Decoding JPEG bytes back to RGB, to compare what the service sent with what it was given.
+// Decoding JPEG bytes back to RGB, to compare what was sent with what was given.
 #pragma once
 
-#include <algorithm>
 #include <csetjmp>
 #include <cstdint>
 #include <cstdio>
@@ -15,11 +14,8 @@
 namespace corvane::testing {
 
 struct DecodedJpeg {
-  int width = 0;
-  int height = 0;
+  int width = 0, height = 0;
   bool jfif = false;
-  int luma_h = 0;  // sampling factors of the first component
-  int luma_v = 0;
   std::vector<uint8_t> rgb;
 };
 
@@ -33,21 +29,14 @@ inline std::optional<DecodedJpeg> DecodeJpeg(const std::vector<uint8_t>& bytes) 
   errors.base.error_exit = [](j_common_ptr c) {
     std::longjmp(reinterpret_cast<Errors*>(c->err)->jump, 1);
   };
-  if (setjmp(errors.jump)) {
-    jpeg_destroy_decompress(&info);
-    return std::nullopt;
-  }
+  if (setjmp(errors.jump)) return jpeg_destroy_decompress(&info), std::nullopt;
   jpeg_create_decompress(&info);
   jpeg_mem_src(&info, bytes.data(), static_cast<unsigned long>(bytes.size()));
   jpeg_read_header(&info, TRUE);
   info.out_color_space = JCS_RGB;
   jpeg_start_decompress(&info);
-  DecodedJpeg out;
-  out.width = static_cast<int>(info.output_width);
-  out.height = static_cast<int>(info.output_height);
-  out.jfif = info.saw_JFIF_marker;
-  out.luma_h = info.comp_info[0].h_samp_factor;
-  out.luma_v = info.comp_info[0].v_samp_factor;
+  DecodedJpeg out{static_cast<int>(info.output_width), static_cast<int>(info.output_height),
+                  info.saw_JFIF_marker != 0};
   out.rgb.resize(static_cast<size_t>(out.width) * out.height * 3);
   while (info.output_scanline < info.output_height) {
     JSAMPROW row = out.rgb.data() + static_cast<size_t>(info.output_scanline) * out.width * 3;
@@ -56,21 +45,6 @@ inline std::optional<DecodedJpeg> DecodeJpeg(const std::vector<uint8_t>& bytes) 
   jpeg_finish_decompress(&info);
   jpeg_destroy_decompress(&info);
   return out;
-}
-
-// A smooth RGB picture (what a camera sees, and what JPEG keeps well), rows `stride` bytes
-// apart; padding bytes are 0xEE.
-inline std::vector<uint8_t> Gradient(int width, int height, size_t stride) {
-  std::vector<uint8_t> rgb(stride * height, 0xEE);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      uint8_t* p = &rgb[y * stride + x * 3];
-      p[0] = static_cast<uint8_t>(x * 255 / std::max(width - 1, 1));
-      p[1] = static_cast<uint8_t>(y * 255 / std::max(height - 1, 1));
-      p[2] = static_cast<uint8_t>(255 - p[0] / 2);
-    }
-  }
-  return rgb;
 }
 
 // Mean absolute difference per channel between two RGB images of the same size.

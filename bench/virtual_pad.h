@@ -1,4 +1,4 @@
-// Attaching an SDL virtual game controller, for the tests and the benchmark.
+// Attaching an SDL virtual game controller for the benchmark.
 #pragma once
 
 #include <SDL.h>
