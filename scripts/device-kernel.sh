@@ -4,7 +4,17 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cache=build/device-kernel
-package=$(apt-cache depends linux-image-amd64 2>/dev/null | sed -n 's/.*Depends: \(linux-image-[0-9].*\)/\1/p' | head -1)
+kernel_package() {
+  apt-cache depends linux-image-amd64 2>/dev/null |
+    sed -n 's/.*Depends: \(linux-image-[0-9].*\)/\1/p' | head -1
+}
+package=$(kernel_package)
+if [[ -z "$package" ]]; then  # apt's lists were never fetched on this machine
+  sudo_cmd=()
+  [[ $(id -u) -eq 0 ]] || sudo_cmd=(sudo)
+  "${sudo_cmd[@]}" apt-get update -q >/dev/null || true
+  package=$(kernel_package)
+fi
 [[ -n "$package" ]] || { echo "device-kernel: no linux-image-amd64 in apt's lists" >&2; exit 1; }
 version=${package#linux-image-}
 [[ -e "$cache/boot/vmlinuz-$version" && -e "$cache/lib/modules/$version/modules.dep" ]] && exit 0
