@@ -7,11 +7,39 @@
 #include <fstream>
 
 #include "channel/log.h"
+#include "host/command_line.h"
 #include "host/glib_log_sink.h"
 #include "host/support.h"
 
 namespace corvane::host {
 namespace {
+
+// Each option as written, "--" ending them, and one line for what cannot be parsed.
+TEST(HostCommandLine, OptionsDocumentsAndErrors) {
+  auto parse = [](std::vector<std::string> args, std::string* error) {
+    args.insert(args.begin(), "corvane-host");
+    std::vector<char*> argv;
+    for (auto& arg : args) argv.push_back(arg.data());
+    return ParseCommandLine(static_cast<int>(argv.size()), argv.data(), error);
+  };
+  std::string error;
+  auto options = parse({"--headless", "--engine-socket=/s", "--info", "/i", "a", "-",
+                        "--print-registrations", "--", "--help", "-h"},
+                       &error);
+  ASSERT_TRUE(options) << error;
+  EXPECT_EQ(std::tuple(options->headless, options->engine_socket, options->info_file,
+                       options->print_registrations, options->help, options->documents),
+            std::tuple(true, "/s", std::optional<std::string>("/i"), true, false,
+                       std::vector<std::string>{"a", "-", "--help", "-h"}));
+  for (const auto& [args, message] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"--info"}, "option --info needs a value"},
+           {{"--engine-socket="}, "option --engine-socket needs a non-empty value"},
+           {{"--engine-socketx"}, "unknown option --engine-socketx"}}) {
+    EXPECT_FALSE(parse(args, &error));
+    EXPECT_EQ(error, message);
+  }
+  EXPECT_TRUE(parse({"-h"}, &error)->help);
+}
 
 // A line logged through GLib directly, not only through the channel layer, is cut.
 TEST(HostLog, EveryLongLineIsCut) {
