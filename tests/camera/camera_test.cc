@@ -19,6 +19,7 @@
 #include "engine/loopback_engine.h"
 #include "imaging/jpeg_encoder.h"
 #include "jpeg_test_util.h"
+#include "support/loopback_call.h"
 
 namespace corvane::camera {
 namespace {
@@ -91,14 +92,8 @@ class CameraTest : public ::testing::Test {
     EXPECT_EQ(engine1_.off_main_thread_deliveries() + engine2_.off_main_thread_deliveries(), 0);
   }
   Pending Later(const std::string& method, Value args, engine::LoopbackEngine* engine = nullptr) {
-    auto replies = std::make_shared<std::vector<MethodReply>>();
-    (engine ? *engine : engine1_)
-        .SendFromEngine(
-            kMethodChannel, channel::EncodeMethodCall({method, std::move(args)}),
-            [replies](channel::Bytes b) {
-              replies->push_back(channel::DecodeEnvelope(b).value.value_or(MethodReply()));
-            });
-    return replies;
+    return corvane::testing::StartCall(engine ? *engine : engine1_, kMethodChannel, method,
+                                       std::move(args));
   }
   static std::string Await(const Pending& replies, std::chrono::milliseconds wait = 5s) {
     dispatch::RunMainUntil([&] { return !replies->empty(); }, wait);

@@ -19,6 +19,7 @@
 #include "cloud/icloud_bridge.h"
 #include "engine/loopback_engine.h"
 #include "json/json_mapping.h"
+#include "support/loopback_call.h"
 
 namespace corvane::channel {
 inline void PrintTo(const Value& value, std::ostream* os) { *os << json::ToJson(value); }
@@ -135,13 +136,7 @@ class CloudTest : public ::testing::Test {
   using Replies = std::shared_ptr<std::vector<MethodReply>>;
   // Starts a call; the list fills with its replies as the main loop runs.
   Replies Send(const std::string& method, Value args = Value()) {
-    auto replies = std::make_shared<std::vector<MethodReply>>();
-    engine_.SendFromEngine(kMethodChannel, channel::EncodeMethodCall({method, std::move(args)}),
-                           [replies](channel::Bytes b) {
-                             auto decoded = channel::DecodeEnvelope(b);
-                             replies->push_back(decoded.value.value_or(MethodReply()));
-                           });
-    return replies;
+    return corvane::testing::StartCall(engine_, kMethodChannel, method, std::move(args));
   }
   MethodReply CallReply(const std::string& method, Value args = Value()) {
     Replies replies = Send(method, std::move(args));

@@ -7,6 +7,7 @@
 
 #include "channel/standard_codec.h"
 #include "engine/loopback_engine.h"
+#include "support/loopback_call.h"
 
 namespace corvane::documents {
 namespace {
@@ -56,12 +57,8 @@ class DocumentsOpeningTest : public ::testing::Test {
 
   // Sends a call; the returned list fills with its answers.
   std::shared_ptr<std::vector<MethodReply>> Send(const std::string& method, Value args = Value()) {
-    auto replies = std::make_shared<std::vector<MethodReply>>();
-    engine_.SendFromEngine(
-        kOpenProjectsChannel, channel::EncodeMethodCall({method, std::move(args)}),
-        [replies](channel::Bytes b) {
-          replies->push_back(channel::DecodeEnvelope(b).value.value_or(MethodReply()));
-        });
+    auto replies =
+        corvane::testing::StartCall(engine_, kOpenProjectsChannel, method, std::move(args));
     Settle();
     return replies;
   }

@@ -12,6 +12,7 @@
 #include "host/support.h"
 #include "legacy/legacy_swiftui_bridge.h"
 #include "legacy/property_list.h"
+#include "support/loopback_call.h"
 
 namespace corvane::legacy::testing {
 
@@ -101,12 +102,7 @@ class BridgeTest : public ::testing::Test {
 
   MethodReply Call(const std::string& method, Value args = Value()) {
     Bridge();
-    auto replies = std::make_shared<std::vector<MethodReply>>();  // outlives a lost reply
-    engine_.SendFromEngine(kMethodChannel, channel::EncodeMethodCall({method, std::move(args)}),
-                           [replies](channel::Bytes b) {
-                             auto decoded = channel::DecodeEnvelope(b);
-                             replies->push_back(decoded ? *decoded.value : MethodReply());
-                           });
+    auto replies = corvane::testing::StartCall(engine_, kMethodChannel, method, std::move(args));
     dispatch::RunMainUntil([&] { return !replies->empty(); }, 30s);
     EXPECT_EQ(replies->size(), 1u) << method;
     return replies->empty() ? MethodReply() : replies->front();

@@ -14,6 +14,7 @@
 
 #include "channel/standard_codec.h"
 #include "engine/loopback_engine.h"
+#include "support/loopback_call.h"
 #include "udp/local_network_permission.h"
 #include "udp/session.h"
 #include "udp/udp_bridge.h"
@@ -187,13 +188,7 @@ class UdpTest : public ::testing::Test {
 
   // Starts a call; the returned list fills with its replies as they come.
   Replies Later(const std::string& method, Value args) {
-    auto replies = std::make_shared<std::vector<MethodReply>>();
-    engine_.SendFromEngine(kMethodChannel, channel::EncodeMethodCall({method, std::move(args)}),
-                           [replies](channel::Bytes b) {
-                             auto decoded = channel::DecodeEnvelope(b);
-                             replies->push_back(decoded.value.value_or(MethodReply()));
-                           });
-    return replies;
+    return corvane::testing::StartCall(engine_, kMethodChannel, method, std::move(args));
   }
   // Waits until every call has answered, and checks that none answered twice.
   std::vector<MethodReply> AwaitAll(const std::vector<Replies>& calls) {

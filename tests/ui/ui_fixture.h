@@ -14,6 +14,7 @@
 #include "dispatch/queue.h"
 #include "engine/loopback_engine.h"
 #include "host/support.h"
+#include "support/loopback_call.h"
 
 namespace corvane::ui::testing {
 
@@ -69,13 +70,7 @@ class ChannelClient {
       : engine_(engine), channel_(std::move(channel)) {}
 
   Replies CallLater(const std::string& method, Value args = Value()) {
-    auto replies = std::make_shared<std::vector<MethodReply>>();
-    engine_.SendFromEngine(
-        channel_, channel::EncodeMethodCall({method, std::move(args)}),
-        [replies](channel::Bytes b) {
-          replies->push_back(channel::DecodeEnvelope(b).value.value_or(MethodReply()));
-        });
-    return replies;
+    return corvane::testing::StartCall(engine_, channel_, method, std::move(args));
   }
   MethodReply Call(const std::string& method, Value args = Value()) {
     Replies replies = CallLater(method, std::move(args));
